@@ -1,0 +1,103 @@
+#include "app/CommandLine.h"
+
+#include <QCoreApplication>
+#include <QTextStream>
+
+#include <functional>
+
+namespace {
+
+struct Command
+{
+    const char *name;
+    const char *usage;
+    const char *summary;
+    std::function<int(const QStringList &args)> run; // empty: not built yet
+};
+
+QTextStream &out()
+{
+    static QTextStream stream(stdout);
+    return stream;
+}
+
+QTextStream &err()
+{
+    static QTextStream stream(stderr);
+    return stream;
+}
+
+const std::vector<Command> &commands()
+{
+    static const std::vector<Command> table = {
+        {"--headless",
+         "vandrel --headless",
+         "run the agent without a window (servers, systemd user service)",
+         {}},
+        {"index",
+         "vandrel index status|rebuild|query TEXT [--scope DIR] [--limit N]",
+         "inspect the metadata index",
+         {}},
+        {"link", "vandrel link PATH...", "make web links for files and put them on the clipboard", {}},
+        {"open", "vandrel open URL", "find the file a link describes and reveal it", {}},
+        {"password",
+         "vandrel password set|clear|status",
+         "manage the computer password (set reads standard input)",
+         {}},
+        {"status", "vandrel status", "show the computer id, password state and storage folders", {}},
+    };
+    return table;
+}
+
+int notBuilt(const Command &command)
+{
+    err() << "vandrel: '" << command.name << "' is not available in this build yet\n";
+    err().flush();
+    return 2;
+}
+
+} // namespace
+
+QString helpText()
+{
+    QString text;
+    QTextStream stream(&text);
+    stream << "Usage: vandrel [--headless | COMMAND ...]\n\n"
+           << "Reach this computer's files from the Vandrel web app.\n\n"
+           << "  vandrel                 start the desktop agent (tray icon or window)\n";
+    for (const Command &command : commands())
+        stream << "  " << QString::fromLatin1(command.usage) << "\n      " << command.summary << "\n";
+    stream << "  vandrel --version       print the version\n"
+           << "  vandrel --help          print this help\n\n"
+           << "Environment: VANDREL_RELAY_URL, VANDREL_WEBAPP_URL override the addresses in the settings;\n"
+           << "VANDREL_KEYCHAIN=file keeps secrets in a private file instead of the Secret Service.\n";
+    return text;
+}
+
+int runCommandLine(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("vandrel"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(VANDREL_VERSION));
+
+    QStringList args = QCoreApplication::arguments().mid(1);
+    const QString first = args.value(0);
+    if (first == u"--version" || first == u"-v") {
+        out() << "vandrel " << VANDREL_VERSION << "\n";
+        return 0;
+    }
+    if (first == u"--help" || first == u"-h" || first == u"help") {
+        out() << helpText();
+        return 0;
+    }
+    if (first.isEmpty()) {
+        err() << "vandrel: the desktop agent is not available in this build yet; try 'vandrel --headless'\n";
+        return 2;
+    }
+    for (const Command &command : commands()) {
+        if (first == QLatin1String(command.name))
+            return command.run ? command.run(args.mid(1)) : notBuilt(command);
+    }
+    err() << "vandrel: unknown command '" << first << "'\n\n" << helpText();
+    return 64;
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QTemporaryDir>
+
+#include <map>
+
+// Points $HOME and the XDG base directories into a fresh temporary folder for the lifetime of the object,
+// and restores the previous environment afterwards. Tests run whole subsystems inside it.
+class TempHome
+{
+public:
+    TempHome();
+    ~TempHome();
+    TempHome(const TempHome &) = delete;
+    TempHome &operator=(const TempHome &) = delete;
+
+    QString path() const { return m_dir.path(); }
+    QString filePath(const QString &relative) const { return m_dir.filePath(relative); }
+
+    // Writes bytes to a file below the home, creating parent folders. Returns the absolute path.
+    QString writeFile(const QString &relative, const QByteArray &content) const;
+
+private:
+    void set(const char *name, const QString &value);
+
+    QTemporaryDir m_dir;
+    std::map<QByteArray, std::pair<bool, QByteArray>> m_saved;
+};
