@@ -1,0 +1,70 @@
+#include "support/vd_Checksum.h"
+
+#include <QCryptographicHash>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+namespace {
+
+QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &content)
+{
+    QFile file(dir.filePath(name));
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(content);
+    return file.fileName();
+}
+
+} // namespace
+
+TEST(Checksum, KnownDigestsAndMissingFiles)
+{
+    QTemporaryDir dir;
+    EXPECT_EQ(vd_Checksum::crc32(writeFile(dir, QStringLiteral("empty"), {})), QStringLiteral("00000000"));
+    EXPECT_EQ(vd_Checksum::crc32(writeFile(dir, QStringLiteral("check"), "123456789")),
+              QStringLiteral("cbf43926"));
+
+    QString md5 = QStringLiteral("unset");
+    QString crc = QStringLiteral("unset");
+    QString error;
+    EXPECT_EQ(vd_Checksum::crc32(dir.filePath(QStringLiteral("missing"))), QString());
+    EXPECT_FALSE(vd_Checksum::hashFile(dir.filePath(QStringLiteral("missing")), 0, &md5, &crc, &error));
+    EXPECT_EQ(md5, QStringLiteral("unset"));
+    EXPECT_EQ(crc, QStringLiteral("unset"));
+    EXPECT_FALSE(error.isEmpty());
+
+    const QString abc = writeFile(dir, QStringLiteral("abc"), "abc");
+    EXPECT_FALSE(vd_Checksum::hashFile(abc, 0, nullptr, nullptr));
+    EXPECT_TRUE(vd_Checksum::hashFile(abc, 0, &md5, nullptr));
+    EXPECT_EQ(md5, QStringLiteral("900150983cd24fb0d6963f7d28e17f72"));
+    EXPECT_EQ(crc, QStringLiteral("unset"));
+}
+
+TEST(Checksum, ChunkBoundariesAndHeaderSkipAgreeWithSinglePassDigests)
+{
+    QTemporaryDir dir;
+    for (const qsizetype size :
+         {qsizetype(1024 * 1024), qsizetype(1024 * 1024 + 1), qsizetype(3 * 1024 * 1024 - 5)}) {
+        QByteArray content(size, '\0');
+        for (qsizetype i = 0; i < size; ++i)
+            content[i] = char((i * 131) ^ (i >> 9));
+        const QString path = writeFile(dir, QString::number(size), content);
+        for (const qint32 header : {0, 1000}) {
+            const QByteArray hashed = content.mid(header);
+            QString md5, crc;
+            ASSERT_TRUE(vd_Checksum::hashFile(path, header, &md5, &crc));
+            EXPECT_EQ(md5,
+                      QString::fromLatin1(QCryptographicHash::hash(hashed, QCryptographicHash::Md5).toHex()));
+            const uLong expected =
+                ::crc32(0, reinterpret_cast<const Bytef *>(hashed.constData()), uInt(hashed.size()));
+            EXPECT_EQ(crc, QString::asprintf("%08lx", expected)) << size << " " << header;
+        }
+    }
+
+    QString md5, crc;
+    ASSERT_TRUE(vd_Checksum::hashFile(writeFile(dir, QStringLiteral("short"), "abc"), 100, &md5, &crc));
+    EXPECT_EQ(md5, QStringLiteral("d41d8cd98f00b204e9800998ecf8427e"));
+    EXPECT_EQ(crc, QStringLiteral("00000000"));
+}
