@@ -1,0 +1,3 @@
+#include "utils/UtilsLog.h"
+
+Q_LOGGING_CATEGORY(lcUtils, "vd.utils")

@@ -1,0 +1,151 @@
+#include "utils/vd_FileUtils.h"
+
+#include "support/Encodings.h"
+#include "utils/PathHelpers.h"
+#include "utils/UtilsLog.h"
+#include "utils/vd_SimpleUtils.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QSaveFile>
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+// How the log line names what a file held instead of an object.
+QString describeJsonKind(const QJsonValue &value)
+{
+    switch (value.type()) {
+    case QJsonValue::Array:
+        return QStringLiteral("QJsonArray");
+    case QJsonValue::String:
+        return QStringLiteral("QString");
+    case QJsonValue::Double:
+        return QStringLiteral("double");
+    case QJsonValue::Bool:
+        return QStringLiteral("bool");
+    case QJsonValue::Null:
+        return QStringLiteral("null");
+    default:
+        return QStringLiteral("nil");
+    }
+}
+
+// Parses any JSON text, scalars included; Undefined when the text is not JSON.
+QJsonValue parseJsonValue(const QByteArray &bytes)
+{
+    // Wrapping in brackets lets the document parser accept a top-level scalar; a second element means the
+    // text was not a single JSON value.
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson('[' + bytes + ']', &error);
+    if (error.error != QJsonParseError::NoError || !document.isArray() || document.array().size() != 1)
+        return QJsonValue(QJsonValue::Undefined);
+    return document.array().first();
+}
+
+} // namespace
+
+QString vd_FileUtils::getDataFolderPath(const QString &storageRoot)
+{
+    const QString path = storageRoot + QStringLiteral("/data.vdldata");
+    if (!QFileInfo::exists(path))
+        QDir().mkpath(path);
+    return path;
+}
+
+QString vd_FileUtils::getRootsPath(const QString &storageRoot)
+{
+    const QString path = getDataFolderPath(storageRoot) + QStringLiteral("/computers");
+    QDir().mkpath(path);
+    return path;
+}
+
+QString vd_FileUtils::getFileByDatePath(const QString &baseFolder, const QDateTime &now)
+{
+    qint32 year = 0;
+    qint32 month = 0;
+    vd_SimpleUtils::time(now, &year, &month, nullptr, nullptr, nullptr, nullptr);
+    return baseFolder + u'/' + IntToString(year) + u'/' + IntToString(month);
+}
+
+QJsonObject vd_FileUtils::readJsonFileMutableDictionary(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return jsonObjectFromBytes(file.readAll());
+}
+
+QJsonObject vd_FileUtils::jsonObjectFromBytes(const QByteArray &bytes)
+{
+    const QJsonValue value = parseJsonValue(bytes);
+    if (!value.isObject()) {
+        qCWarning(lcUtils).noquote()
+            << QStringLiteral(" you said it was a dictionary! %1").arg(describeJsonKind(value));
+        return {};
+    }
+    return value.toObject();
+}
+
+std::optional<QByteArray> vd_FileUtils::JSONDataFromObj(const QJsonValue &value)
+{
+    if (value.isObject())
+        return QJsonDocument(value.toObject()).toJson(QJsonDocument::Indented);
+    if (value.isArray())
+        return QJsonDocument(value.toArray()).toJson(QJsonDocument::Indented);
+    return std::nullopt;
+}
+
+void vd_FileUtils::writeJsonFile(const QJsonValue &value, const QString &path)
+{
+    const std::optional<QByteArray> data = JSONDataFromObj(value);
+    if (!data)
+        return;
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly)) {
+        qCWarning(lcUtils).noquote() << QStringLiteral("cannot write %1: %2").arg(path, file.errorString());
+        return;
+    }
+    file.write(*data);
+    if (!file.commit())
+        qCWarning(lcUtils).noquote() << QStringLiteral("cannot write %1: %2").arg(path, file.errorString());
+}
+
+std::optional<QString> vd_FileUtils::base64URLSafeZlibJSON(const QJsonValue &value)
+{
+    QByteArray json;
+    if (value.isObject())
+        json = QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact);
+    else if (value.isArray())
+        json = QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact);
+    else
+        return std::nullopt;
+    const std::optional<QByteArray> compressed = zlibDeflate(json);
+    if (!compressed)
+        return std::nullopt;
+    return base64Encoding_URL_SAFE(*compressed);
+}
+
+double vd_FileUtils::JSONDate(const QDateTime &date)
+{
+    return double(date.toMSecsSinceEpoch()) / 1000.0;
+}
+
+QDateTime vd_FileUtils::dateFromJSON(const QJsonValue &value)
+{
+    double seconds = 0;
+    if (value.isDouble())
+        seconds = value.toDouble();
+    else if (value.isString())
+        seconds = value.toString().trimmed().toDouble();
+    // Dates come from files other programs write: keep absurd values inside what a date can hold.
+    constexpr double kLimit = 1e12;
+    if (!std::isfinite(seconds))
+        seconds = 0;
+    seconds = std::clamp(seconds, -kLimit, kLimit);
+    return QDateTime::fromMSecsSinceEpoch(qint64(seconds * 1000.0), Qt::UTC);
+}
