@@ -1,0 +1,26 @@
+#pragma once
+
+#include "platform/SecretStore.h"
+
+#include <chrono>
+
+// Items in the desktop's Secret Service (GNOME Keyring, KeePassXC, KWallet) through libsecret's synchronous
+// calls, which are safe from any thread. Every call is cancelled after the deadline: a session bus whose
+// keyring daemon cannot start would otherwise hold a caller for D-Bus's 25-second default.
+class LibsecretSecretStore : public SecretStore
+{
+public:
+    explicit LibsecretSecretStore(std::chrono::milliseconds deadline = std::chrono::seconds(3));
+
+    // One harmless search; Success when the service answered in time.
+    Outcome probe();
+
+    Outcome exists(const QString &service, const QString &account) override;
+    Outcome read(const QString &service, const QString &account, QByteArray *secret) override;
+    Outcome write(const QString &service, const QString &label, const QString &account,
+                  const QByteArray &secret) override;
+    Outcome remove(const QString &service, const QString &account) override;
+
+private:
+    std::chrono::milliseconds m_deadline;
+};

@@ -1,0 +1,121 @@
+#include "common/TempHome.h"
+#include "platform/FileSecretStore.h"
+#include "support/SFHFKeychainUtils.h"
+#include "support/ls_Keychain.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace {
+
+struct LogCapture
+{
+    static inline QStringList lines;
+    static void handler(QtMsgType, const QMessageLogContext &, const QString &message) { lines << message; }
+    QtMessageHandler previous = qInstallMessageHandler(handler);
+    LogCapture() { lines.clear(); }
+    ~LogCapture() { qInstallMessageHandler(previous); }
+};
+
+// ctest runs each case in its own process, and the store is chosen once per process: the file store here.
+struct FileKeychain
+{
+    FileKeychain() { qputenv("VANDREL_KEYCHAIN", "file"); }
+    TempHome home;
+};
+
+struct timespec modificationTime(const QString &path)
+{
+    struct stat info
+    {};
+    ::stat(QFile::encodeName(path).constData(), &info);
+    return info.st_mtim;
+}
+
+} // namespace
+
+TEST(Keychain, StoreReadReplaceAndRemoveWithTheirLogLines)
+{
+    FileKeychain keychain;
+    LogCapture log;
+    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), std::nullopt);
+    EXPECT_TRUE(LogCapture::lines.isEmpty()); // not found is no error
+
+    ls_Keychain::setString(QStringLiteral("first"), QStringLiteral("computer_password_x"));
+    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("first"));
+    const QString file = FileSecretStore::defaultPath();
+    const struct timespec written = modificationTime(file);
+
+    // The same value again changes nothing on disk.
+    ls_Keychain::setString(QStringLiteral("first"), QStringLiteral("computer_password_x"));
+    const struct timespec unchanged = modificationTime(file);
+    EXPECT_EQ(written.tv_sec, unchanged.tv_sec);
+    EXPECT_EQ(written.tv_nsec, unchanged.tv_nsec);
+
+    ls_Keychain::setString(QStringLiteral("second"), QStringLiteral("computer_password_x"));
+    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("second"));
+    ls_Keychain::setString(QString(), QStringLiteral("computer_password_x")); // a missing value
+    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("second"));
+
+    ls_Keychain::removeStringForKey(QStringLiteral("computer_password_x"));
+    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), std::nullopt);
+    ls_Keychain::removeStringForKey(QStringLiteral("computer_password_x"));
+
+    ASSERT_EQ(LogCapture::lines.size(), 2);
+    EXPECT_TRUE(LogCapture::lines[0].startsWith(QStringLiteral("error setting password ")));
+    EXPECT_TRUE(LogCapture::lines[0].contains(QStringLiteral("SFHFKeychainUtilsErrorDomain error -2000")));
+    EXPECT_TRUE(LogCapture::lines[1].startsWith(QStringLiteral("error deleting password ")));
+    EXPECT_TRUE(LogCapture::lines[1].contains(QStringLiteral("error -25300")));
+}
+
+TEST(Keychain, UnreadableItemsAreReplacedAndFailedWritesKeepTheirQuirk)
+{
+    FileKeychain keychain;
+    const QString service = QStringLiteral("VandrelOSX");
+    std::optional<SFHFKeychainUtils::Error> error;
+
+    // An item without a readable secret: reading reports -1999, storing replaces it.
+    FileSecretStore store;
+    ASSERT_EQ(store.write(service, service, QStringLiteral("k"), "x").status, SecretStore::Success);
+    QFile file(FileSecretStore::defaultPath());
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    QJsonObject items = QJsonDocument::fromJson(file.readAll()).object();
+    file.close();
+    QJsonObject item = items.begin()->toObject();
+    item.remove(QStringLiteral("secret"));
+    items[items.begin().key()] = item;
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(QJsonDocument(items).toJson());
+    file.close();
+
+    EXPECT_EQ(SFHFKeychainUtils::getPasswordForUsername(QStringLiteral("k"), service, &error), std::nullopt);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code, -1999);
+    EXPECT_TRUE(SFHFKeychainUtils::storeUsername(QStringLiteral("k"), QStringLiteral("fresh"), service, true,
+                                                 &error));
+    EXPECT_FALSE(error.has_value());
+    EXPECT_EQ(SFHFKeychainUtils::getPasswordForUsername(QStringLiteral("k"), service),
+              QStringLiteral("fresh"));
+
+    // Without update, an existing value stays.
+    EXPECT_TRUE(SFHFKeychainUtils::storeUsername(QStringLiteral("k"), QStringLiteral("other"), service, false,
+                                                 &error));
+    EXPECT_EQ(SFHFKeychainUtils::getPasswordForUsername(QStringLiteral("k"), service),
+              QStringLiteral("fresh"));
+
+    EXPECT_FALSE(SFHFKeychainUtils::deleteItemForUsername(QString(), service, &error));
+    EXPECT_EQ(error->code, -2000);
+    EXPECT_EQ(error->domain, QStringLiteral("SFHFKeychainUtilsErrorDomain"));
+
+    // A store that cannot be written: the add fails, and only a caller without an error slot hears "true".
+    qputenv("XDG_DATA_HOME",
+            QFile::encodeName(keychain.home.writeFile(QStringLiteral("blocker"), "file") + "/data"));
+    EXPECT_FALSE(
+        SFHFKeychainUtils::storeUsername(QStringLiteral("n"), QStringLiteral("v"), service, true, &error));
+    EXPECT_EQ(error->code, int(SecretStore::StoreFailed));
+    EXPECT_TRUE(SFHFKeychainUtils::storeUsername(QStringLiteral("n"), QStringLiteral("v"), service, true));
+}
