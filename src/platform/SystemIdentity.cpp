@@ -40,4 +40,17 @@ QString prettyComputerName(const QString &machineInfoPath)
     return QHostInfo::localHostName();
 }
 
+QString machineId(const QStringList &candidates)
+{
+    for (const QString &candidate : candidates) {
+        QFile file(candidate);
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        const QString id = QString::fromLatin1(file.readLine(256)).trimmed();
+        if (!id.isEmpty())
+            return id;
+    }
+    return QString();
+}
+
 } // namespace SystemIdentity

@@ -5,6 +5,7 @@
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 
@@ -39,4 +40,88 @@ public:
     static double JSONDate(const QDateTime &date);
     // The date of a JSON number or numeric text; anything else reads as 1970.
     static QDateTime dateFromJSON(const QJsonValue &value);
+
+    // --- Finding the StorageRoots ---
+    // Every call reads the cloud client's files and checks the folders again; only the deep search's
+    // answer is remembered (under "lastBestPath").
+
+    // An object together with the order in which its keys stand in the file.
+    struct OrderedJsonObject
+    {
+        QStringList keys;
+        QJsonObject object;
+    };
+
+    // "~/.dropbox/host.db" as text, or none when there is no such file.
+    static std::optional<QString> getHostFileContents();
+    // The legacy client's folder: the host file's second line, base64-decoded, when something exists there.
+    static std::optional<QString> dropboxPathOLD();
+    // "~/.dropbox/info.json" with its accounts in file order, or none when there is no such file.
+    static std::optional<OrderedJsonObject> getDropboxInfoJSONDict();
+    // Every Dropbox folder: the account file's paths; else the legacy folder followed by the home folder's
+    // "Dropbox …" folders; else "~/Dropbox" when it exists. May be empty.
+    static QStringList dropBoxFolderGETAll();
+    // Appends the home folder's directories named "Dropbox …" that the list does not hold yet.
+    static void digForDropboxFolders(QStringList &folders);
+    // The first Dropbox folder whose text begins the path (a plain prefix test); else "~/Dropbox" when it
+    // exists; else "".
+    static QString dropBoxFolderGET(const QString &path);
+    // The best folder named "vandrel" (any case) down to depth 5 below the folder: a fresh marker (under
+    // 3000 s old) wins at once and is remembered in "lastBestPath", which answers every later call while
+    // it exists; else the newest marker; else the last such folder seen. Slow: walks the tree.
+    static std::optional<QString> findVandrelFolder(const QString &folder,
+                                                    const QDateTime &now = QDateTime::currentDateTimeUtc());
+    static void resetVandrelFolderCache();
+    // "<Dropbox>/Apps/vandrel" when its marker file exists, else the deep search's answer.
+    static std::optional<QString> dropBoxFolderVandrel(const QString &dropboxFolder);
+    static QStringList dropBoxFolderVandrelAll();
+    // "~/GDrive" when it exists.
+    static std::optional<QString> googleDriveFolder();
+    // "~/GDrive/Apps/vandrel", created when missing; none without a Google Drive folder.
+    static std::optional<QString> googleDriveFolderVandrel();
+    // All StorageRoots: the Dropbox ones in their order, then the Google Drive one.
+    static QStringList storageFoldersDropBoxGDriveEtc();
+    // "<root>/uploads", created when missing; "" for an empty root.
+    static QString getDefaultDropBoxUploadsFolderROOT(const QString &storageRoot);
+    // This month's uploads folder of the root, created when missing.
+    static QString getDefaultDropBoxUploadsFolder(const QString &storageRoot,
+                                                  const QDateTime &now = QDateTime::currentDateTime());
+    // This month's folder under "<Downloads>/From Dropbox", created when missing.
+    static QString getDefaultMoveFromFolder(const QDateTime &now = QDateTime::currentDateTime());
+
+    // --- Computer identity ---
+
+    // A new upper-case UUID text; "UUID failed" when none can be made.
+    static QString UUIDString();
+    // Bytes from the system's secure generator; zero bytes (and two log lines) if it fails.
+    static QByteArray randomDataOfLength(quint32 length);
+    // 24 secure random bytes as 32 characters of URL-safe base64.
+    static QString randomURLSafeString();
+    // The machine id, read once per process; the computer name when the system has none.
+    static QString getPlatformUUID();
+    static QString prefsKeyForComputerID();
+    static QString keyForComputerPassword();
+    // The computer id from the user defaults, made on first use; threads that ask at once get one id.
+    static QString getComputerUUID();
+    // The version the WebApp is told; computed once.
+    static QString getAppVersionString();
+    // The rule behind it: the short version when it has at most 20 characters, else the build version.
+    static QString appVersionString(const QString &shortVersion, const QString &buildVersion);
+
+    // --- The computer info file in every StorageRoot ---
+
+    // Forgets the deep search's answer, then rewrites the info file of every StorageRoot after cleaning up.
+    static void updateComputerInfo();
+    // Writes the info file of every StorageRoot where it is missing; leaves present ones alone.
+    static void ensureComputerInfo();
+    // Writes "<root>/data.vdldata/computers/<computer id>.json" after the four clean-ups; with checkOnly,
+    // does nothing at all when the file exists.
+    static void writeComputerInfoFileTo(const QString &storageRoot, bool checkOnly,
+                                        const QDateTime &now = QDateTime::currentDateTimeUtc());
+    // The clean-ups. Each lists its folder once and moves what it removes to the trash.
+    static void getRidOfConflictedCopyFiles(const QString &storageRoot);
+    static void getRidOfOldComputerFiles(const QString &storageRoot,
+                                         const QDateTime &now = QDateTime::currentDateTimeUtc());
+    static void getRidOfDuplicateComputerFiles(const QString &storageRoot);
+    static void getRidOfDuplicateSessionsAreHereFiles(const QString &storageRoot);
 };

@@ -1,0 +1,6 @@
+#pragma once
+
+#include <QStringList>
+
+// `vandrel status`: what this computer tells the web app, for a person to read.
+int runStatusCommand(const QStringList &args);

@@ -1,0 +1,99 @@
+#include "engine/UserActivityNotifier.h"
+#include "engine/vd_Searcher.h"
+#include "utils/vd_FileUtils.h"
+
+#include <QDir>
+#include <QFile>
+#include <QUrl>
+
+#include <dirent.h>
+
+#include <cmath>
+
+std::atomic<double> vd_Searcher::gLastSessionActive{0.0};
+
+namespace {
+
+constexpr double kCameOnlineAfterSeconds = 20.0;
+constexpr double kSessionLifetimeSeconds = 2000.0;
+constexpr double kReferenceDateOffset = 978307200.0;
+
+QString sessionsFolder(const QString &storageRoot)
+{
+    return storageRoot + QStringLiteral("/data.vdldata/sessions");
+}
+
+// The session files' names, read with one directory scan and no stat per entry.
+QStringList sessionFileNames(const QString &folder)
+{
+    QStringList names;
+    DIR *dir = ::opendir(QFile::encodeName(folder).constData());
+    if (!dir)
+        return names;
+    while (const dirent *entry = ::readdir(dir)) {
+        const QString name = QFile::decodeName(entry->d_name);
+        if (!name.startsWith(u'.') && name.endsWith(u".json"))
+            names << name;
+    }
+    ::closedir(dir);
+    return names;
+}
+
+} // namespace
+
+double vd_Searcher::referenceSeconds(const QDateTime &date)
+{
+    return double(date.toMSecsSinceEpoch()) / 1000.0 - kReferenceDateOffset;
+}
+
+std::optional<QJsonObject> vd_Searcher::get_sessions(const QString &storageRoot, bool readSessionFiles)
+{
+    if (storageRoot.isEmpty())
+        return std::nullopt;
+    const QString folder = sessionsFolder(storageRoot);
+    QJsonObject sessions;
+    for (const QString &name : sessionFileNames(folder)) {
+        const QString path = folder + u'/' + name;
+        const QString id = name.chopped(5);
+        if (readSessionFiles)
+            sessions.insert(id, vd_FileUtils::readJsonFileMutableDictionary(path));
+        else
+            sessions.insert(
+                id, QJsonObject{{QStringLiteral("session_file_url"), QUrl::fromLocalFile(path).toString()}});
+    }
+    if (sessions.isEmpty())
+        return std::nullopt;
+    return sessions;
+}
+
+std::optional<QJsonObject> vd_Searcher::isUserActivelyUsingUs(const QString &storageRoot,
+                                                              const QDateTime &now)
+{
+    std::optional<QJsonObject> sessions = get_sessions(storageRoot, false);
+    if (!sessions)
+        return std::nullopt;
+    const double nowSeconds = referenceSeconds(now);
+    if (nowSeconds - gLastSessionActive.load() > kCameOnlineAfterSeconds)
+        Q_EMIT UserActivityNotifier::instance().UserCameOnline();
+    gLastSessionActive.store(nowSeconds);
+    return sessions;
+}
+
+void vd_Searcher::eraseOldOSSessions(const QString &storageRoot, const QDateTime &now)
+{
+    if (storageRoot.isEmpty())
+        return;
+    const QString folder = sessionsFolder(storageRoot);
+    const double nowSeconds = vd_FileUtils::JSONDate(now);
+    for (const QString &name : sessionFileNames(folder)) {
+        const QString path = folder + u'/' + name;
+        const QJsonObject session = vd_FileUtils::readJsonFileMutableDictionary(path);
+        const double date =
+            vd_FileUtils::JSONDate(vd_FileUtils::dateFromJSON(session.value(QStringLiteral("date"))));
+        if (std::abs(date - nowSeconds) <= kSessionLifetimeSeconds)
+            continue;
+        // Expired sessions are the WebApp's leftovers and are deleted outright, folders named like one too.
+        QFileInfo(path).isDir() && !QFileInfo(path).isSymLink() ? QDir(path).removeRecursively()
+                                                                : QFile::remove(path);
+    }
+}
