@@ -1,0 +1,132 @@
+#include "common/TempHome.h"
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
+#include "utils/vd_FileUtils.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// A marker file whose "date" lies the given number of seconds before now.
+void writeMarker(const TempHome &home, const QString &appFolder, double ageSeconds, const QDateTime &now)
+{
+    home.writeFile(
+        appFolder + QStringLiteral("/data.vdldata/sessions_are_here.json"),
+        QStringLiteral("{\"date\": %1}").arg(vd_FileUtils::JSONDate(now) - ageSeconds, 0, 'f', 3).toUtf8());
+}
+
+void writeAccounts(const TempHome &home, const QByteArray &json)
+{
+    home.writeFile(QStringLiteral(".dropbox/info.json"), json);
+}
+
+} // namespace
+
+TEST(StorageFolders, AccountsKeepFileOrderAndGoogleDriveComesLast)
+{
+    TempHome home;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    writeMarker(home, QStringLiteral("Work/Apps/vandrel"), 100000, now);
+    writeMarker(home, QStringLiteral("Personal/Apps/vandrel"), 100000, now);
+    QDir(home.path()).mkpath(QStringLiteral("GDrive"));
+    QDir(home.path()).mkpath(QStringLiteral("Dropbox (Old)")); // only the legacy branch scans the home folder
+    writeAccounts(home,
+                  QStringLiteral("{\"zeta\": {\"path\": \"%1/Personal\"}, \"alpha\": {\"path\": \"%1/Work\"},"
+                                 " \"other\": {\"host\": 5}}")
+                      .arg(home.path())
+                      .toUtf8());
+
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Personal")),
+                                                                home.filePath(QStringLiteral("Work"))}));
+    EXPECT_EQ(vd_FileUtils::storageFoldersDropBoxGDriveEtc(),
+              QStringList({home.filePath(QStringLiteral("Personal/Apps/vandrel")),
+                           home.filePath(QStringLiteral("Work/Apps/vandrel")),
+                           home.filePath(QStringLiteral("GDrive/Apps/vandrel"))}));
+    EXPECT_TRUE(QFileInfo(home.filePath(QStringLiteral("GDrive/Apps/vandrel"))).isDir());
+
+    // A plain prefix test, as the cloud client's own folders are compared.
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(home.filePath(QStringLiteral("Work2/a"))),
+              home.filePath(QStringLiteral("Work")));
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(QStringLiteral("/elsewhere")), QString());
+}
+
+TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
+{
+    TempHome home;
+    // Accounts without a path count as no account file.
+    writeAccounts(home, "{\"personal\": {\"host\": 1}}");
+    QDir(home.path()).mkpath(QStringLiteral("Legacy"));
+    QDir(home.path()).mkpath(QStringLiteral("Dropbox (Team)"));
+    QDir(home.path()).mkpath(QStringLiteral("Dropbox"));
+    home.writeFile(QStringLiteral("Dropbox Notes"), "a file, not a folder");
+    const QByteArray encoded = home.filePath(QStringLiteral("Legacy")).toUtf8().toBase64();
+    home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\r\n" + encoded.left(8) + '\n' + encoded.mid(8));
+    // "\r\n" is two line breaks, so the second line is empty: no legacy folder.
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
+
+    home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\n" + encoded + "\nmore");
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(),
+              QStringList({home.filePath(QStringLiteral("Legacy")),
+                           home.filePath(QStringLiteral("Dropbox (Team)"))}));
+
+    home.writeFile(QStringLiteral(".dropbox/host.db"), "just one line");
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
+    QDir(home.filePath(QStringLiteral("Dropbox"))).removeRecursively();
+    EXPECT_TRUE(vd_FileUtils::dropBoxFolderGETAll().isEmpty());
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(home.filePath(QStringLiteral("x"))), QString());
+}
+
+TEST(StorageFolders, DeepSearchDepthFreshnessAndCache)
+{
+    TempHome home;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    const QString dropbox = home.filePath(QStringLiteral("Dropbox"));
+
+    // Depth 6 is never examined, depth 5 is.
+    QDir(dropbox).mkpath(QStringLiteral("1/2/3/4/5/VANDREL"));
+    EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), std::nullopt);
+    QDir(dropbox).mkpath(QStringLiteral("1/2/3/4/VANDREL"));
+    EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), dropbox + QStringLiteral("/1/2/3/4/VANDREL"));
+
+    // A stale marker wins over an unmarked folder but is not remembered.
+    writeMarker(home, QStringLiteral("Dropbox/Projects/Vandrel"), 7200, now);
+    EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), dropbox + QStringLiteral("/Projects/Vandrel"));
+    EXPECT_FALSE(UserDefaults::contains(SettingsKeys::LastBestPath));
+
+    // A fresh one wins at once, is remembered, and then answers for any folder while it exists.
+    writeMarker(home, QStringLiteral("Dropbox/Projects/Vandrel"), 10, now);
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderVandrel(dropbox), dropbox + QStringLiteral("/Projects/Vandrel"));
+    EXPECT_EQ(UserDefaults::stringValue(SettingsKeys::LastBestPath),
+              dropbox + QStringLiteral("/Projects/Vandrel"));
+    EXPECT_EQ(vd_FileUtils::findVandrelFolder(home.filePath(QStringLiteral("Other")), now),
+              dropbox + QStringLiteral("/Projects/Vandrel"));
+    vd_FileUtils::resetVandrelFolderCache();
+    EXPECT_EQ(vd_FileUtils::findVandrelFolder(home.filePath(QStringLiteral("Other")), now), std::nullopt);
+
+    // The standard place needs its marker to be taken without a search.
+    QDir(dropbox).mkpath(QStringLiteral("Apps/vandrel"));
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderVandrel(dropbox), dropbox + QStringLiteral("/Projects/Vandrel"));
+    writeMarker(home, QStringLiteral("Dropbox/Apps/vandrel"), 1e6, now);
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderVandrel(dropbox), dropbox + QStringLiteral("/Apps/vandrel"));
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderVandrel(QString()), std::nullopt);
+}
+
+TEST(StorageFolders, MonthFoldersForUploadsAndDownloads)
+{
+    TempHome home;
+    const QDateTime march(QDate(2014, 3, 15), QTime(12, 0), Qt::LocalTime);
+    EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolder(home.filePath(QStringLiteral("root")), march),
+              home.filePath(QStringLiteral("root/uploads/2014/3")));
+    EXPECT_TRUE(QFileInfo(home.filePath(QStringLiteral("root/uploads/2014/3"))).isDir());
+    EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolderROOT(QString()), QString());
+
+    home.writeFile(QStringLiteral(".config/user-dirs.dirs"), "XDG_DOWNLOAD_DIR=\"$HOME/T\xc3\xa9l\xc3\xa9"
+                                                             "chargements\"\n");
+    EXPECT_EQ(vd_FileUtils::getDefaultMoveFromFolder(march),
+              home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/3")));
+    EXPECT_TRUE(
+        QFileInfo(home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/3"))).isDir());
+}
