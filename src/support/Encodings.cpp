@@ -140,7 +140,10 @@ std::optional<QString> base64DecodedString(const QString &text)
         flushGroup(group, count, out);
     if (out.isEmpty())
         return std::nullopt;
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    // A leading byte-order mark is kept as the character it is: dropping it would name another path, and
+    // a mark alone would come out as the empty text that callers are promised never to see.
+    QStringDecoder decoder(QStringDecoder::Utf8,
+                           QStringDecoder::Flag::Stateless | QStringDecoder::Flag::ConvertInitialBom);
     QString decoded = decoder(out);
     if (decoder.hasError())
         return std::nullopt;
