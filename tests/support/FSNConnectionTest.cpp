@@ -320,6 +320,21 @@ TEST(FSNConnection, CancelLiveSetAndActivityNotices)
     EXPECT_EQ(silentSeen->completions, 0);
     EXPECT_EQ(silentSeen->progressCalls, 0);
     EXPECT_FALSE(a->didComplete());
+
+    // A completion already queued for the main thread is dropped as well: the main thread runs no events
+    // between the parse and the cancel.
+    auto lateSeen = std::make_shared<Observed>();
+    auto late = makeConnection(server.url(QStringLiteral("/late")), FSNRequestMethod::GET, {}, lateSeen);
+    late->start();
+    for (int i = 0; i < 1000 && !lateSeen->parseOnQueue; ++i)
+        QThread::msleep(5);
+    ASSERT_TRUE(lateSeen->parseOnQueue);
+    QThread::msleep(50);
+    late->cancel();
+    spinFor(200ms);
+    EXPECT_EQ(lateSeen->completions, 0);
+    EXPECT_EQ(began, 3);
+    EXPECT_EQ(ended, 3);
 }
 
 TEST(FSNConnection, EveryFailureCompletesOnce)
