@@ -306,3 +306,9 @@ QStringList ContentTypes::tree(Code code) const
     std::lock_guard lock(m_lock);
     return code < m_types.size() ? m_types[code].tree : QStringList();
 }
+
+std::size_t ContentTypes::count() const
+{
+    std::lock_guard lock(m_lock);
+    return m_types.size();
+}

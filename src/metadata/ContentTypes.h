@@ -27,6 +27,7 @@ public:
     Code codeForFileName(std::string_view name, bool isFolder);
 
     QString mimeName(Code code) const;
+    std::size_t count() const;
     QString identifier(Code code) const;
     QStringList tree(Code code) const;
     // One flag per registered code: does its identifier (or, with `wholeTree`, any identifier of its tree)

@@ -324,6 +324,16 @@ bool QueryEvaluator::isKnownAttribute(const QString &attribute)
     return isTableAttribute(attribute) || attributes.contains(attribute);
 }
 
+std::function<bool(const QString &)> QueryEvaluator::valueMatcher(const QueryComparison &comparison)
+{
+    return [pattern = Pattern::make(comparison)](const QString &value) {
+        const QByteArray raw = value.toUtf8();
+        const QByteArray folded = pattern.folded ? Folding::fold(value) : QByteArray();
+        return pattern.matches(std::string_view(raw.constData(), std::size_t(raw.size())),
+                               std::string_view(folded.constData(), std::size_t(folded.size())));
+    };
+}
+
 std::vector<std::uint32_t> QueryEvaluator::scopeIds(const NameTable &table, const std::string &scope,
                                                     bool &whole)
 {

@@ -21,6 +21,9 @@ public:
     // Attributes answered from the table itself; any other known attribute goes to the resolver.
     static bool isTableAttribute(const QString &attribute);
     static bool isKnownAttribute(const QString &attribute);
+    // The comparison's value test alone (modifiers and wildcards applied), for attribute values kept outside
+    // the table.
+    static std::function<bool(const QString &)> valueMatcher(const QueryComparison &comparison);
 
     // Paths of matching records below `scopeIds` (all records when empty), sorted by modification time
     // (newest first when `descending`), at most `maxCount`. Newest-first queries stop as soon as
