@@ -429,7 +429,7 @@ Extraction extract(const QString &path, ContentTypes::Code code, qint64 maxBytes
         break;
     }
     if (result.failed)
-        qCInfo(lcMetadata, "extractor failed on %s; skipped until it changes", qUtf8Printable(path));
+        qCDebug(lcMetadata, "extractor failed on %s; skipped until it changes", qUtf8Printable(path));
     for (const QString &tag : tags(path))
         result.attributes.emplace_back(QStringLiteral("kMDItemOMUserTags"), tag);
     return result;

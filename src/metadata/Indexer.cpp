@@ -153,6 +153,14 @@ bool Indexer::openStore()
     return true;
 }
 
+bool Indexer::loadOnly()
+{
+    if (!openStore())
+        return false;
+    m_table.replaceAll(m_store->loadFiles());
+    return true;
+}
+
 bool Indexer::runOnce()
 {
     if (!openStore())
@@ -679,7 +687,10 @@ bool Indexer::extractSome(int budgetMs)
                 size = record->size;
             }
         }
-        if (path.empty()) {
+        struct stat st
+        {};
+        if (path.empty() || lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+            // Gone, or a link or device that only looks like a document by its name.
             m_store->storeExtraction(id, mtime, size, true, {}, {});
             continue;
         }

@@ -30,6 +30,8 @@ public:
     void stop();
     // Loads or crawls, catches up and extracts on the calling thread, then returns. No watching.
     bool runOnce();
+    // Loads the stored table without looking at the disk; for a quick status.
+    bool loadOnly();
 
     // True once the first crawl or catch-up has finished and no extraction or event is waiting.
     bool isIdle() const { return m_idle.load(); }

@@ -57,6 +57,11 @@ void MetadataIndex::stop()
     d->indexer.stop();
 }
 
+bool MetadataIndex::loadStored()
+{
+    return d->indexer.loadOnly();
+}
+
 void MetadataIndex::rescan()
 {
     d->indexer.requestRescan();

@@ -50,6 +50,8 @@ public:
     // Brings the index up to date on the calling thread (load or crawl, catch up, extract) without
     // watching; for the command line. False when the store cannot be opened.
     bool updateNow();
+    // Loads what the store holds, without reading the disk. False when the store cannot be opened.
+    bool loadStored();
     // Re-reads every folder that changed since it was last read, on the indexing thread; what an event
     // queue overflow does.
     void rescan();
