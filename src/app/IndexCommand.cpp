@@ -43,7 +43,8 @@ int status(const MetadataConfig &config)
           << "folders:        " << s.folders << "\n"
           << "text documents: " << s.textDocuments << "\n"
           << "store:          " << config.storePath << " (" << megabytes(s.storeBytes) << ")\n"
-          << "memory:         " << megabytes(s.memoryBytes) << "\n"
+          << "memory:         " << megabytes(s.memoryBytes + s.nameBytes) << " (" << megabytes(s.nameBytes)
+          << " of it names)\n"
           << "last change:    "
           << (s.lastChange ? QDateTime::fromSecsSinceEpoch(s.lastChange).toString(Qt::ISODate)
                            : QStringLiteral("never"))

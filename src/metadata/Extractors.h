@@ -21,8 +21,8 @@ namespace Extractors {
 // True when files of this type have something to extract.
 bool wants(ContentTypes::Code code);
 
-// Extracts one file. Text and mail are read in process; PDF, images and office documents are read in a
-// child process that is killed after `timeoutMs`. At most `maxBytes` of text are kept. Never throws.
+// Extracts one file. Text, mail and image headers are read in process; PDF and office documents in a child
+// process that is killed after `timeoutMs`. At most `maxBytes` of text are kept. Never throws.
 Extraction extract(const QString &path, ContentTypes::Code code, qint64 maxBytes, int timeoutMs);
 
 // The tags of the `user.xdg.tags` extended attribute, comma-separated there.

@@ -17,6 +17,7 @@ CREATE TABLE types(code INTEGER PRIMARY KEY, mime TEXT UNIQUE NOT NULL);
 CREATE TABLE files(id INTEGER PRIMARY KEY, parent INTEGER NOT NULL, name BLOB NOT NULL, size INTEGER NOT NULL,
                    mtime INTEGER NOT NULL, type INTEGER NOT NULL, flags INTEGER NOT NULL);
 CREATE INDEX files_parent ON files(parent);
+CREATE INDEX files_type ON files(type, mtime);
 CREATE TABLE crawl_state(folder INTEGER PRIMARY KEY, mtime INTEGER NOT NULL);
 CREATE TABLE attributes(file INTEGER NOT NULL, name TEXT NOT NULL, value TEXT NOT NULL);
 CREATE INDEX attributes_file ON attributes(file);

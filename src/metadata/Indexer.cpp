@@ -667,7 +667,7 @@ bool Indexer::extractSome(int budgetMs)
         if (Extractors::wants(ContentTypes::Code(code)))
             codes.push_back(ContentTypes::Code(code));
     }
-    const std::vector<std::uint32_t> pending = m_store->pendingExtraction(codes, 32);
+    const std::vector<std::uint32_t> pending = m_store->pendingExtraction(codes, 256);
     if (pending.empty())
         return false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(budgetMs);

@@ -255,7 +255,8 @@ MetadataIndexStatus MetadataIndex::status() const
 {
     MetadataIndexStatus status;
     status.roots = d->config.roots;
-    status.memoryBytes = qint64(d->table.memoryBytes() + d->table.nameBytes());
+    status.memoryBytes = qint64(d->table.memoryBytes());
+    status.nameBytes = qint64(d->table.nameBytes());
     status.crawling = d->indexer.isCrawling();
     status.crawlPercent = d->indexer.crawlPercent();
     for (const char *suffix : {"", "-wal"})

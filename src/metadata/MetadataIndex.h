@@ -24,7 +24,8 @@ struct MetadataIndexStatus
     qint64 folders = 0;
     qint64 textDocuments = 0;
     qint64 storeBytes = 0;
-    qint64 memoryBytes = 0; // the name table, names included
+    qint64 memoryBytes = 0; // the name table beyond the names
+    qint64 nameBytes = 0;   // the names in the table, raw and folded
     qint64 lastChange = 0;  // seconds since 1970, 0 when never
     bool crawling = false;
     int crawlPercent = 100;
