@@ -1,5 +1,6 @@
 #include "app/CommandLine.h"
 
+#include "app/IndexCommand.h"
 #include "app/PasswordCommand.h"
 #include "app/StatusCommand.h"
 
@@ -37,10 +38,8 @@ const std::vector<Command> &commands()
          "vandrel --headless",
          "run the agent without a window (servers, systemd user service)",
          {}},
-        {"index",
-         "vandrel index status|rebuild|query TEXT [--scope DIR] [--limit N]",
-         "inspect the metadata index",
-         {}},
+        {"index", "vandrel index status|rebuild|query TEXT [--scope DIR] [--limit N]",
+         "inspect the metadata index", runIndexCommand},
         {"link", "vandrel link PATH...", "make web links for files and put them on the clipboard", {}},
         {"open", "vandrel open URL", "find the file a link describes and reveal it", {}},
         {"password", "vandrel password set|clear|status",
