@@ -7,8 +7,8 @@
 #include <QDir>
 #include <QFile>
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -33,8 +33,10 @@ VImage decoded(const QByteArray &bytes)
 // A colourful test picture: a gradient in three bands, optionally with an alpha band.
 QString writePicture(const TempHome &home, const QString &name, int width, int height, bool alpha = false)
 {
-    VImage picture = VImage::xyz(width, height).extract_band(0).bandjoin(VImage::xyz(width, height).extract_band(1));
-    picture = (picture.bandjoin(picture.extract_band(0)) * 255 / std::max(width, height)).cast(VIPS_FORMAT_UCHAR);
+    VImage picture =
+        VImage::xyz(width, height).extract_band(0).bandjoin(VImage::xyz(width, height).extract_band(1));
+    picture =
+        (picture.bandjoin(picture.extract_band(0)) * 255 / std::max(width, height)).cast(VIPS_FORMAT_UCHAR);
     if (alpha)
         picture = picture.bandjoin(VImage::black(width, height) + 128).cast(VIPS_FORMAT_UCHAR);
     picture = picture.copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
@@ -69,7 +71,8 @@ QString writePdf(const TempHome &home)
 
 long peakResidentKilobytes()
 {
-    struct rusage usage {};
+    struct rusage usage
+    {};
     ::getrusage(RUSAGE_SELF, &usage);
     return usage.ru_maxrss;
 }
@@ -83,9 +86,12 @@ TEST(Thumbnail, RequestPathsAndDimensions)
     EXPECT_EQ(std::make_tuple(thumb.width, thumb.height, thumb.png), std::make_tuple(128, 96, false));
     thumb = ThumbnailHandler::parseThumbPath(QStringLiteral("/x/b.png.1.1.5000.png"));
     EXPECT_EQ(std::make_tuple(thumb.width, thumb.height, thumb.png), std::make_tuple(128, 128, true));
-    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral("/.1384567890.64.64.png")).itemPath, QStringLiteral("/"));
-    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral(".0.64.64.png")).itemPath, vd_ImageUtils::kComputerPath);
-    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral("/a/.hidden.1.64.64.jpg")).itemPath, QStringLiteral("/a/.hidden"));
+    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral("/.1384567890.64.64.png")).itemPath,
+              QStringLiteral("/"));
+    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral(".0.64.64.png")).itemPath,
+              vd_ImageUtils::kComputerPath);
+    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral("/a/.hidden.1.64.64.jpg")).itemPath,
+              QStringLiteral("/a/.hidden"));
 
     EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("3")), 3);
     EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("2")), 128);
@@ -155,14 +161,17 @@ TEST(Thumbnail, DocumentsIconsCorruptFilesAndBombs)
     EXPECT_EQ(pdf->width(), 256); // the page itself, 2:1, not an icon
     EXPECT_EQ(pdf->height(), 128);
 
-    const auto unknown = vd_ImageUtils::createImage(home.writeFile(QStringLiteral("data.xyz123"), "\x01\x02"), 64, 64);
+    const auto unknown =
+        vd_ImageUtils::createImage(home.writeFile(QStringLiteral("data.xyz123"), "\x01\x02"), 64, 64);
     ASSERT_TRUE(unknown);
     EXPECT_EQ(unknown->width(), 64);
 
     QByteArray corrupt = QByteArray("\xff\xd8\xff\xe0", 4) + QByteArray(2000, '\x55');
-    const auto broken = vd_ImageUtils::createImage(home.writeFile(QStringLiteral("broken.jpg"), corrupt), 64, 64);
+    const auto broken =
+        vd_ImageUtils::createImage(home.writeFile(QStringLiteral("broken.jpg"), corrupt), 64, 64);
     ASSERT_TRUE(broken); // the icon stands in
-    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(QStringLiteral("The file may be corrupt: ") + home.filePath(QStringLiteral("broken.jpg"))));
+    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(QStringLiteral("The file may be corrupt: ") +
+                                                       home.filePath(QStringLiteral("broken.jpg"))));
 
     // 400 megapixels of zeros in a small file: refused from its header, the icon stands in, memory stays low.
     const QString bomb = home.filePath(QStringLiteral("bomb.png"));
