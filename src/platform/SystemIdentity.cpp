@@ -40,4 +40,18 @@ QString prettyComputerName(const QString &machineInfoPath)
     return QHostInfo::localHostName();
 }
 
+std::optional<QString> machineId(const QStringList &files)
+{
+    static const QRegularExpression hex32(QStringLiteral("^[0-9a-fA-F]{32}$"));
+    for (const QString &path : files) {
+        QFile file(path);
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        const QString line = QString::fromLatin1(file.read(64)).section(u'\n', 0, 0).trimmed();
+        if (hex32.match(line).hasMatch())
+            return line;
+    }
+    return std::nullopt;
+}
+
 } // namespace SystemIdentity
