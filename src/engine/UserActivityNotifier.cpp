@@ -1,0 +1,7 @@
+#include "engine/UserActivityNotifier.h"
+
+UserActivityNotifier *UserActivityNotifier::instance()
+{
+    static UserActivityNotifier notifier;
+    return &notifier;
+}
