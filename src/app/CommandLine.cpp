@@ -1,5 +1,8 @@
 #include "app/CommandLine.h"
 
+#include "app/PasswordCommand.h"
+#include "app/StatusCommand.h"
+
 #include <QCoreApplication>
 #include <QTextStream>
 
@@ -40,11 +43,10 @@ const std::vector<Command> &commands()
          {}},
         {"link", "vandrel link PATH...", "make web links for files and put them on the clipboard", {}},
         {"open", "vandrel open URL", "find the file a link describes and reveal it", {}},
-        {"password",
-         "vandrel password set|clear|status",
-         "manage the computer password (set reads standard input)",
-         {}},
-        {"status", "vandrel status", "show the computer id, password state and storage folders", {}},
+        {"password", "vandrel password set|clear|status",
+         "manage the computer password (set reads standard input)", PasswordCommand::run},
+        {"status", "vandrel status", "show the computer id, password state and storage folders",
+         StatusCommand::run},
     };
     return table;
 }
