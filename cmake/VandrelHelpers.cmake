@@ -3,7 +3,7 @@
 add_library(vandrel_options INTERFACE)
 target_compile_definitions(vandrel_options INTERFACE
   QT_NO_KEYWORDS QT_NO_FOREACH QT_NO_URL_CAST_FROM_STRING
-  VANDREL_VERSION="${PROJECT_VERSION}")
+  VANDREL_VERSION="${PROJECT_VERSION}" VANDREL_BUILD_VERSION="${PROJECT_VERSION_MAJOR}${PROJECT_VERSION_MINOR}${PROJECT_VERSION_PATCH}")
 target_compile_options(vandrel_options INTERFACE -Wall -Wextra -Wno-missing-field-initializers)
 if(VANDREL_WERROR)
   target_compile_options(vandrel_options INTERFACE -Werror)

@@ -44,9 +44,9 @@ const std::vector<Command> &commands()
         {"link", "vandrel link PATH...", "make web links for files and put them on the clipboard", {}},
         {"open", "vandrel open URL", "find the file a link describes and reveal it", {}},
         {"password", "vandrel password set|clear|status",
-         "manage the computer password (set reads standard input)", PasswordCommand::run},
+         "manage the computer password (set reads standard input)", runPasswordCommand},
         {"status", "vandrel status", "show the computer id, password state and storage folders",
-         StatusCommand::run},
+         runStatusCommand},
     };
     return table;
 }

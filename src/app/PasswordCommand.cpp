@@ -1,138 +1,70 @@
 #include "app/PasswordCommand.h"
 
+#include "app/vd_PreferencesController.h"
 #include "support/ls_Keychain.h"
-#include "utils/ComputerInfoFile.h"
 #include "utils/vd_FileUtils.h"
 
 #include <QFile>
-#include <QStringDecoder>
 #include <QTextStream>
 
 #include <termios.h>
 #include <unistd.h>
 
-#include <optional>
+#include <cstdio>
 
 namespace {
 
-// Longer than anyone types; a bigger input is a mistake (a file piped in), not a password.
-constexpr qint64 kMaxPasswordBytes = 1024;
-
-QTextStream &out()
+// One line from standard input; on a terminal the typing is not echoed.
+QString readPasswordLine()
 {
-    static QTextStream stream(stdout);
-    return stream;
-}
-
-QTextStream &err()
-{
-    static QTextStream stream(stderr);
-    return stream;
-}
-
-// Turns terminal echo off for its lifetime when standard input is a terminal.
-class HiddenInput
-{
-public:
-    HiddenInput()
-    {
-        if (::isatty(STDIN_FILENO) && ::tcgetattr(STDIN_FILENO, &m_saved) == 0) {
-            struct termios quiet = m_saved;
-            quiet.c_lflag &= ~tcflag_t(ECHO);
-            m_active = ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet) == 0;
-            err() << "New computer password: ";
-            err().flush();
-        }
+    const bool terminal = ::isatty(STDIN_FILENO);
+    termios saved{};
+    if (terminal) {
+        std::fputs("New computer password: ", stderr);
+        std::fflush(stderr);
+        ::tcgetattr(STDIN_FILENO, &saved);
+        termios silent = saved;
+        silent.c_lflag &= ~tcflag_t(ECHO);
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &silent);
     }
-    ~HiddenInput()
-    {
-        if (m_active) {
-            ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &m_saved);
-            err() << "\n";
-            err().flush();
-        }
+    QFile input;
+    input.open(stdin, QIODevice::ReadOnly);
+    QByteArray line = input.readLine(64 * 1024);
+    if (terminal) {
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &saved);
+        std::fputs("\n", stderr);
     }
-    HiddenInput(const HiddenInput &) = delete;
-    HiddenInput &operator=(const HiddenInput &) = delete;
-
-private:
-    struct termios m_saved
-    {};
-    bool m_active = false;
-};
-
-// The first line of standard input without its line end; none, with a message, when it is unusable.
-std::optional<QString> readPassword()
-{
-    QByteArray line;
-    {
-        const HiddenInput hidden;
-        QFile input;
-        if (input.open(stdin, QIODevice::ReadOnly))
-            line = input.readLine(kMaxPasswordBytes + 2);
-    }
-    const bool complete = line.endsWith('\n');
     while (line.endsWith('\n') || line.endsWith('\r'))
         line.chop(1);
-    if (!complete && line.size() > kMaxPasswordBytes) {
-        err() << "vandrel: the password is longer than " << kMaxPasswordBytes
-              << " bytes; nothing was changed\n";
-        return std::nullopt;
-    }
-    if (line.isEmpty()) {
-        err() << "vandrel: no password on standard input; 'vandrel password clear' removes the password\n";
-        return std::nullopt;
-    }
-    QStringDecoder utf8(QStringDecoder::Utf8);
-    const QString password = utf8.decode(line);
-    if (utf8.hasError() || line.contains('\0')) {
-        err() << "vandrel: the password is not valid UTF-8 text; nothing was changed\n";
-        return std::nullopt;
-    }
-    return password;
+    return QString::fromUtf8(line);
 }
 
-// Stores the text (empty: no password) and republishes "pword_required" in every StorageRoot.
-bool store(const QString &password)
-{
-    const QString key = vd_FileUtils::keyForComputerPassword();
-    ls_Keychain::setString(password, key);
-    if (ls_Keychain::stringForKey(key).value_or(QString()) != password) {
-        err() << "vandrel: the keychain did not take the password; nothing was changed\n";
-        return false;
-    }
-    ComputerInfoFile::updateComputerInfo();
-    return true;
-}
-
-bool isSet()
+bool passwordIsSet()
 {
     return !ls_Keychain::stringForKey(vd_FileUtils::keyForComputerPassword()).value_or(QString()).isEmpty();
 }
 
 } // namespace
 
-int PasswordCommand::run(const QStringList &args)
+int runPasswordCommand(const QStringList &args)
 {
+    QTextStream out(stdout);
     const QString action = args.value(0);
     if (args.size() != 1 || (action != u"set" && action != u"clear" && action != u"status")) {
-        err() << "Usage: vandrel password set|clear|status\n"
-              << "  set reads the new password from standard input, never from the command line.\n";
+        QTextStream(stderr) << "usage: vandrel password set|clear|status\n";
         return 64;
     }
-    if (action == u"status") {
-        out() << (isSet() ? "A computer password is set.\n" : "No computer password is set.\n");
-        return 0;
-    }
-    if (action == u"clear") {
-        if (!store(QStringLiteral("")))
+    if (action == u"set") {
+        const QString password = readPasswordLine();
+        if (password.isEmpty()) {
+            QTextStream(stderr) << "vandrel: no password given; use 'vandrel password clear' to remove it\n";
             return 1;
-        out() << "The computer password is cleared.\n";
-        return 0;
+        }
+        vd_PreferencesController::setPassword(password);
+    } else if (action == u"clear") {
+        vd_PreferencesController::setPassword(QStringLiteral(""));
     }
-    const std::optional<QString> password = readPassword();
-    if (!password || !store(*password))
-        return 1;
-    out() << "The computer password is set.\n";
+    out << (passwordIsSet() ? "A computer password is set: the web app must give it for every request.\n"
+                            : "No computer password is set.\n");
     return 0;
 }

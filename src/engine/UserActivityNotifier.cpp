@@ -1,7 +1,7 @@
 #include "engine/UserActivityNotifier.h"
 
-UserActivityNotifier *UserActivityNotifier::instance()
+UserActivityNotifier &UserActivityNotifier::instance()
 {
     static UserActivityNotifier notifier;
-    return &notifier;
+    return notifier;
 }

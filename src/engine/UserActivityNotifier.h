@@ -2,19 +2,15 @@
 
 #include <QObject>
 
-// The process-wide notice that somebody started using the WebApp with this computer again.
+// Announces that a WebApp user came back after a pause. The signal is emitted on whichever thread noticed
+// it (a timer tick on the main thread, or a request operation's worker thread): receivers that need the
+// main thread connect with a queued connection.
 class UserActivityNotifier : public QObject
 {
     Q_OBJECT
-
 public:
-    static UserActivityNotifier *instance();
+    static UserActivityNotifier &instance();
 
 Q_SIGNALS:
-    // Emitted on whichever thread found the session: the main thread's tick or a request's worker thread.
-    // Connect with Qt::DirectConnection to run on that thread, or let Qt queue it to the receiver's thread.
     void UserCameOnline();
-
-private:
-    UserActivityNotifier() = default;
 };

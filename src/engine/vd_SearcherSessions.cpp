@@ -3,100 +3,97 @@
 #include "utils/vd_FileUtils.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFile>
-#include <QFileInfo>
 #include <QUrl>
+
+#include <dirent.h>
 
 #include <cmath>
 
+std::atomic<double> vd_Searcher::gLastSessionActive{0.0};
+
 namespace {
 
-// A user who comes back after this long without any session is announced again.
 constexpr double kCameOnlineAfterSeconds = 20.0;
-// The WebApp refreshes its session's "date" well within this; older (or future) files are leftovers.
-constexpr double kSessionExpirySeconds = 2000.0;
+constexpr double kSessionLifetimeSeconds = 2000.0;
+constexpr double kReferenceDateOffset = 978307200.0;
 
-QString sessionsFolder(const QString &storageFolder)
+QString sessionsFolder(const QString &storageRoot)
 {
-    return storageFolder + QStringLiteral("/data.vdldata/sessions");
+    return storageRoot + QStringLiteral("/data.vdldata/sessions");
 }
 
-struct SessionEntry
+// The session files' names, read with one directory scan and no stat per entry.
+QStringList sessionFileNames(const QString &folder)
 {
-    QString id;
-    QString path;
-};
-
-// The session entries of a storage folder, by name only.
-QList<SessionEntry> sessionEntries(const QString &storageFolder)
-{
-    // Without QDir::Hidden, names beginning with a dot are left out.
-    QDirIterator children(sessionsFolder(storageFolder), {QStringLiteral("*.json")},
-                          QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot | QDir::CaseSensitive);
-    QList<SessionEntry> entries;
-    while (children.hasNext()) {
-        const QString path = children.next();
-        entries.append({children.fileName().chopped(5), path});
+    QStringList names;
+    DIR *dir = ::opendir(QFile::encodeName(folder).constData());
+    if (!dir)
+        return names;
+    while (const dirent *entry = ::readdir(dir)) {
+        const QString name = QFile::decodeName(entry->d_name);
+        if (!name.startsWith(u'.') && name.endsWith(u".json"))
+            names << name;
     }
-    return entries;
+    ::closedir(dir);
+    return names;
 }
 
 } // namespace
 
-std::optional<QJsonObject> vd_Searcher::get_sessions(const QString &storageFolder, bool readSessionFiles)
+double vd_Searcher::referenceSeconds(const QDateTime &date)
 {
-    if (storageFolder.isEmpty())
+    return double(date.toMSecsSinceEpoch()) / 1000.0 - kReferenceDateOffset;
+}
+
+std::optional<QJsonObject> vd_Searcher::get_sessions(const QString &storageRoot, bool readSessionFiles)
+{
+    if (storageRoot.isEmpty())
         return std::nullopt;
+    const QString folder = sessionsFolder(storageRoot);
     QJsonObject sessions;
-    for (const SessionEntry &entry : sessionEntries(storageFolder)) {
+    for (const QString &name : sessionFileNames(folder)) {
+        const QString path = folder + u'/' + name;
+        const QString id = name.chopped(5);
         if (readSessionFiles)
-            sessions.insert(entry.id, vd_FileUtils::readSmallJsonFile(entry.path));
+            sessions.insert(id, vd_FileUtils::readJsonFileMutableDictionary(path));
         else
-            sessions.insert(entry.id,
-                            QJsonObject{{QStringLiteral("session_file_url"),
-                                         QUrl::fromLocalFile(entry.path).toString(QUrl::FullyEncoded)}});
+            sessions.insert(
+                id, QJsonObject{{QStringLiteral("session_file_url"), QUrl::fromLocalFile(path).toString()}});
     }
     if (sessions.isEmpty())
         return std::nullopt;
     return sessions;
 }
 
-std::optional<QJsonObject> vd_Searcher::isUserActivelyUsingUs(const QString &storageFolder,
+std::optional<QJsonObject> vd_Searcher::isUserActivelyUsingUs(const QString &storageRoot,
                                                               const QDateTime &now)
 {
-    std::optional<QJsonObject> sessions = get_sessions(storageFolder, false);
+    std::optional<QJsonObject> sessions = get_sessions(storageRoot, false);
     if (!sessions)
         return std::nullopt;
-    const double seconds = vd_FileUtils::JSONDate(now);
-    const double previous = gLastSessionActive.exchange(seconds);
-    if (seconds - previous > kCameOnlineAfterSeconds)
-        Q_EMIT UserActivityNotifier::instance()->UserCameOnline();
+    const double nowSeconds = referenceSeconds(now);
+    if (nowSeconds - gLastSessionActive.load() > kCameOnlineAfterSeconds)
+        Q_EMIT UserActivityNotifier::instance().UserCameOnline();
+    gLastSessionActive.store(nowSeconds);
     return sessions;
 }
 
-void vd_Searcher::eraseOldOSSessions(const QString &storageFolder, const QDateTime &now)
+void vd_Searcher::eraseOldOSSessions(const QString &storageRoot, const QDateTime &now)
 {
-    if (storageFolder.isEmpty())
+    if (storageRoot.isEmpty())
         return;
-    const double seconds = vd_FileUtils::JSONDate(now);
-    for (const SessionEntry &entry : sessionEntries(storageFolder)) {
-        const QJsonObject session = vd_FileUtils::readSmallJsonFile(entry.path);
+    const QString folder = sessionsFolder(storageRoot);
+    const double nowSeconds = vd_FileUtils::JSONDate(now);
+    for (const QString &name : sessionFileNames(folder)) {
+        const QString path = folder + u'/' + name;
+        const QJsonObject session = vd_FileUtils::readJsonFileMutableDictionary(path);
         const double date =
             vd_FileUtils::JSONDate(vd_FileUtils::dateFromJSON(session.value(QStringLiteral("date"))));
-        if (std::fabs(seconds - date) <= kSessionExpirySeconds)
+        if (std::abs(date - nowSeconds) <= kSessionLifetimeSeconds)
             continue;
-        const QFileInfo info(entry.path);
-        // A link goes as the link: following it could empty whatever folder it points at.
-        if (info.isDir() && !info.isSymLink())
-            QDir(entry.path).removeRecursively();
-        else
-            QFile::remove(entry.path);
+        // Expired sessions are the WebApp's leftovers and are deleted outright, folders named like one too.
+        QFileInfo(path).isDir() && !QFileInfo(path).isSymLink() ? QDir(path).removeRecursively()
+                                                                : QFile::remove(path);
     }
-}
-
-void vd_Searcher::checkForUserHungUp()
-{
-    for (const QString &storageFolder : vd_FileUtils::storageFoldersDropBoxGDriveEtc())
-        eraseOldOSSessions(storageFolder, QDateTime::currentDateTimeUtc());
 }

@@ -40,18 +40,17 @@ QString prettyComputerName(const QString &machineInfoPath)
     return QHostInfo::localHostName();
 }
 
-std::optional<QString> machineId(const QStringList &files)
+QString machineId(const QStringList &candidates)
 {
-    static const QRegularExpression hex32(QStringLiteral("^[0-9a-fA-F]{32}$"));
-    for (const QString &path : files) {
-        QFile file(path);
+    for (const QString &candidate : candidates) {
+        QFile file(candidate);
         if (!file.open(QIODevice::ReadOnly))
             continue;
-        const QString line = QString::fromLatin1(file.read(64)).section(u'\n', 0, 0).trimmed();
-        if (hex32.match(line).hasMatch())
-            return line;
+        const QString id = QString::fromLatin1(file.readLine(256)).trimmed();
+        if (!id.isEmpty())
+            return id;
     }
-    return std::nullopt;
+    return QString();
 }
 
 } // namespace SystemIdentity

@@ -2,16 +2,14 @@
 
 #include <QString>
 
-#include <optional>
+// The desktop's trash (the freedesktop layout that file managers show): items moved there can be restored
+// by the user; nothing is deleted.
+namespace Trash {
 
-// The user's freedesktop trash. Items moved there can be restored from any file manager; nothing is
-// deleted. An item on another file system than the home folder goes to that file system's own trash
-// (".Trash-<uid>" at its top), so moving it never copies.
-class Trash
-{
-public:
-    // Moves the file or folder at `path` (a symbolic link moves as the link) to the trash and returns its
-    // new path there, with its restore record written. On failure logs one line, returns none, and the item
-    // is where it was. Costs one rename and one small file.
-    static std::optional<QString> moveToTrash(const QString &path);
-};
+// Moves the item (file or folder) to the trash of its file system: the home trash, or the volume's own
+// trash on another file system. Creates the data home first, since without it the item would land beside
+// the working directory. Answers the item's path inside the trash, or an empty string when it could not be
+// moved (the item is then left where it was, and one log line says why).
+QString moveToTrash(const QString &path);
+
+} // namespace Trash

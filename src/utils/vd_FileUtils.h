@@ -4,7 +4,6 @@
 #include <QDateTime>
 #include <QJsonObject>
 #include <QJsonValue>
-#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -42,83 +41,87 @@ public:
     // The date of a JSON number or numeric text; anything else reads as 1970.
     static QDateTime dateFromJSON(const QJsonValue &value);
 
-    // --- StorageRoots: the "Apps/vandrel" folders in the user's Dropbox and Google Drive folders ---
-    // Nothing is cached but "lastBestPath": every call reads the Dropbox client's files and checks the
-    // folders afresh. Safe from any thread.
+    // --- Finding the StorageRoots ---
+    // Every call reads the cloud client's files and checks the folders again; only the deep search's
+    // answer is remembered (under "lastBestPath").
 
-    // One account of the Dropbox client's account file; `path` is empty when the account names none.
-    struct DropboxAccount
+    // An object together with the order in which its keys stand in the file.
+    struct OrderedJsonObject
     {
-        QString name;
-        QString path;
+        QStringList keys;
+        QJsonObject object;
     };
 
-    // readJsonFileMutableDictionary for the files the WebApp and other computers put into a StorageRoot,
-    // whose size nobody here controls: a file over 1 MiB reads as an empty object without being read.
-    static QJsonObject readSmallJsonFile(const QString &path);
-
-    // "~/.dropbox/host.db" as UTF-8 text; none when it does not exist or is too large to be that file.
+    // "~/.dropbox/host.db" as text, or none when there is no such file.
     static std::optional<QString> getHostFileContents();
-    // The Dropbox folder the legacy host file names on its second line (standard base64), when something
-    // exists at that path.
+    // The legacy client's folder: the host file's second line, base64-decoded, when something exists there.
     static std::optional<QString> dropboxPathOLD();
-    // The accounts of "~/.dropbox/info.json" in the file's own order; none when the file does not exist, no
-    // accounts when it is not a JSON object (logged).
-    static std::optional<QList<DropboxAccount>> getDropboxInfoJSONDict();
-    // Every Dropbox folder, in order: the account file's folders; else the legacy host file's folder
-    // followed by the home folder's "Dropbox …" folders; else "~/Dropbox" when it exists. Can be empty.
+    // "~/.dropbox/info.json" with its accounts in file order, or none when there is no such file.
+    static std::optional<OrderedJsonObject> getDropboxInfoJSONDict();
+    // Every Dropbox folder: the account file's paths; else the legacy folder followed by the home folder's
+    // "Dropbox …" folders; else "~/Dropbox" when it exists. May be empty.
     static QStringList dropBoxFolderGETAll();
-    // Appends each folder of the home folder whose name begins with "Dropbox " (by name) that the list
-    // does not hold yet.
+    // Appends the home folder's directories named "Dropbox …" that the list does not hold yet.
     static void digForDropboxFolders(QStringList &folders);
-    // The first Dropbox folder whose path is a text prefix of `path` (not a path-component test); else
-    // "~/Dropbox" when it exists, whether or not it holds `path`; else "".
+    // The first Dropbox folder whose text begins the path (a plain prefix test); else "~/Dropbox" when it
+    // exists; else "".
     static QString dropBoxFolderGET(const QString &path);
-
-    // The deep search below a Dropbox folder whose app folder is not at "Apps/vandrel": folders named
-    // "vandrel" in any case, down to depth 5. A marker newer than 3000 seconds before `now` wins at once and
-    // is remembered under "lastBestPath", which is answered first on later calls whatever folder is asked
-    // about; else the newest marker wins, else the last folder of that name. Walks the whole tree to depth
-    // 5 (names and folder flags only), so it is the one slow call here.
-    static std::optional<QString> findVandrelFolder(const QString &dropboxFolder,
+    // The best folder named "vandrel" (any case) down to depth 5 below the folder: a fresh marker (under
+    // 3000 s old) wins at once and is remembered in "lastBestPath", which answers every later call while
+    // it exists; else the newest marker; else the last such folder seen. Slow: walks the tree.
+    static std::optional<QString> findVandrelFolder(const QString &folder,
                                                     const QDateTime &now = QDateTime::currentDateTimeUtc());
-    // Forgets "lastBestPath" so that the next deep search walks again.
     static void resetVandrelFolderCache();
-    // The StorageRoot inside one Dropbox folder: "Apps/vandrel" when its marker file exists (one existence
-    // test), else the deep search's answer when something exists there. None for "".
+    // "<Dropbox>/Apps/vandrel" when its marker file exists, else the deep search's answer.
     static std::optional<QString> dropBoxFolderVandrel(const QString &dropboxFolder);
-    // The StorageRoots of all Dropbox folders, in their order.
     static QStringList dropBoxFolderVandrelAll();
     // "~/GDrive" when it exists.
     static std::optional<QString> googleDriveFolder();
-    // "~/GDrive/Apps/vandrel", created when missing (failures ignored); none without "~/GDrive".
+    // "~/GDrive/Apps/vandrel", created when missing; none without a Google Drive folder.
     static std::optional<QString> googleDriveFolderVandrel();
-    // Every StorageRoot in the order the whole agent walks them: the Dropbox ones, then Google Drive's.
+    // All StorageRoots: the Dropbox ones in their order, then the Google Drive one.
     static QStringList storageFoldersDropBoxGDriveEtc();
-
-    // "<root>/uploads", created when missing; "" for no root.
+    // "<root>/uploads", created when missing; "" for an empty root.
     static QString getDefaultDropBoxUploadsFolderROOT(const QString &storageRoot);
-    // This month's folder below "<root>/uploads", created when missing.
-    static QString getDefaultDropBoxUploadsFolder(const QString &storageRoot);
-    // This month's folder below "From Dropbox" in the user's Downloads folder, created when missing.
-    static QString getDefaultMoveFromFolder();
+    // This month's uploads folder of the root, created when missing.
+    static QString getDefaultDropBoxUploadsFolder(const QString &storageRoot,
+                                                  const QDateTime &now = QDateTime::currentDateTime());
+    // This month's folder under "<Downloads>/From Dropbox", created when missing.
+    static QString getDefaultMoveFromFolder(const QDateTime &now = QDateTime::currentDateTime());
 
-    // --- This computer's identity ---
+    // --- Computer identity ---
 
-    // That many bytes from the system's secure random generator; zero bytes, with log lines, if it fails.
+    // A new upper-case UUID text; "UUID failed" when none can be made.
+    static QString UUIDString();
+    // Bytes from the system's secure generator; zero bytes (and two log lines) if it fails.
     static QByteArray randomDataOfLength(quint32 length);
-    // 24 random bytes as URL-safe base64: 32 characters, no padding.
+    // 24 secure random bytes as 32 characters of URL-safe base64.
     static QString randomURLSafeString();
-    // The machine id; the computer name, logged once, when the system has none. Computed once per process.
+    // The machine id, read once per process; the computer name when the system has none.
     static QString getPlatformUUID();
-    // "ComputerUUID_" + platform id: the settings key of the computer id.
     static QString prefsKeyForComputerID();
-    // "computer_password_" + platform id: the keychain key of the computer password.
     static QString keyForComputerPassword();
-    // The computer id, made and stored on first use. Threads asking at once all get the one id that was
-    // stored: making it happens under one process-wide lock. Costs a settings read, two the first time.
+    // The computer id from the user defaults, made on first use; threads that ask at once get one id.
     static QString getComputerUUID();
-    // The version the agent announces: the application's version when set and at most 20 characters, else
-    // the version it was built as. Computed once per process.
+    // The version the WebApp is told; computed once.
     static QString getAppVersionString();
+    // The rule behind it: the short version when it has at most 20 characters, else the build version.
+    static QString appVersionString(const QString &shortVersion, const QString &buildVersion);
+
+    // --- The computer info file in every StorageRoot ---
+
+    // Forgets the deep search's answer, then rewrites the info file of every StorageRoot after cleaning up.
+    static void updateComputerInfo();
+    // Writes the info file of every StorageRoot where it is missing; leaves present ones alone.
+    static void ensureComputerInfo();
+    // Writes "<root>/data.vdldata/computers/<computer id>.json" after the four clean-ups; with checkOnly,
+    // does nothing at all when the file exists.
+    static void writeComputerInfoFileTo(const QString &storageRoot, bool checkOnly,
+                                        const QDateTime &now = QDateTime::currentDateTimeUtc());
+    // The clean-ups. Each lists its folder once and moves what it removes to the trash.
+    static void getRidOfConflictedCopyFiles(const QString &storageRoot);
+    static void getRidOfOldComputerFiles(const QString &storageRoot,
+                                         const QDateTime &now = QDateTime::currentDateTimeUtc());
+    static void getRidOfDuplicateComputerFiles(const QString &storageRoot);
+    static void getRidOfDuplicateSessionsAreHereFiles(const QString &storageRoot);
 };

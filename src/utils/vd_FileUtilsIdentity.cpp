@@ -6,7 +6,7 @@
 #include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
 
-#include <QCoreApplication>
+#include <QUuid>
 
 #include <openssl/err.h>
 #include <openssl/rand.h>
@@ -15,33 +15,27 @@
 
 namespace {
 
-std::mutex s_computerIdLock; // guards making the computer id: its check, creation and store
-
-QString platformUUID()
-{
-    if (const std::optional<QString> id = SystemIdentity::machineId())
-        return *id;
-    qCWarning(lcUtils) << "failed to get UUID, using computer name";
-    return vd_SimpleUtils::computerName();
-}
-
-QString appVersion()
-{
-    const QString version = QCoreApplication::applicationVersion();
-    if (!version.isEmpty() && version.size() <= 20)
-        return version;
-    return QStringLiteral(VANDREL_VERSION);
-}
+std::mutex s_computerIdLock; // guards making the computer id in the user defaults
 
 } // namespace
+
+QString vd_FileUtils::UUIDString()
+{
+    const QUuid uuid = QUuid::createUuid();
+    if (uuid.isNull()) {
+        qCWarning(lcUtils) << "uuid making failed!!!!";
+        return QStringLiteral("UUID failed");
+    }
+    return uuid.toString(QUuid::WithoutBraces).toUpper();
+}
 
 QByteArray vd_FileUtils::randomDataOfLength(quint32 length)
 {
     QByteArray bytes(qsizetype(length), '\0');
-    if (length > 0 && RAND_bytes(reinterpret_cast<unsigned char *>(bytes.data()), int(length)) != 1) {
+    if (RAND_bytes(reinterpret_cast<unsigned char *>(bytes.data()), int(length)) != 1) {
         qCCritical(lcUtils).noquote()
-            << QStringLiteral("Unable to generate random bytes: %1").arg(qulonglong(ERR_get_error()));
-        qCCritical(lcUtils) << "did not make random string";
+            << QStringLiteral("Unable to generate random bytes: %1").arg(ERR_get_error());
+        qCWarning(lcUtils) << "did not make random string";
         bytes.fill('\0');
     }
     return bytes;
@@ -54,8 +48,14 @@ QString vd_FileUtils::randomURLSafeString()
 
 QString vd_FileUtils::getPlatformUUID()
 {
-    static const QString id = platformUUID();
-    return id;
+    static const QString platformId = [] {
+        const QString id = SystemIdentity::machineId();
+        if (!id.isEmpty())
+            return id;
+        qCWarning(lcUtils) << "failed to get UUID, using computer name";
+        return vd_SimpleUtils::computerName();
+    }();
+    return platformId;
 }
 
 QString vd_FileUtils::prefsKeyForComputerID()
@@ -71,9 +71,9 @@ QString vd_FileUtils::keyForComputerPassword()
 QString vd_FileUtils::getComputerUUID()
 {
     const QString key = prefsKeyForComputerID();
-    const QString stored = UserDefaults::stringValue(key);
-    if (!stored.isEmpty())
-        return stored;
+    QString id = UserDefaults::stringValue(key);
+    if (!id.isEmpty())
+        return id;
     {
         const std::lock_guard guard(s_computerIdLock);
         if (UserDefaults::stringValue(key).isEmpty())
@@ -82,8 +82,14 @@ QString vd_FileUtils::getComputerUUID()
     return UserDefaults::stringValue(key);
 }
 
+QString vd_FileUtils::appVersionString(const QString &shortVersion, const QString &buildVersion)
+{
+    return !shortVersion.isEmpty() && shortVersion.size() <= 20 ? shortVersion : buildVersion;
+}
+
 QString vd_FileUtils::getAppVersionString()
 {
-    static const QString version = appVersion();
+    static const QString version =
+        appVersionString(QStringLiteral(VANDREL_VERSION), QStringLiteral(VANDREL_BUILD_VERSION));
     return version;
 }

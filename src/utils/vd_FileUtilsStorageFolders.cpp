@@ -1,11 +1,9 @@
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
 #include "support/Encodings.h"
-#include "utils/UtilsLog.h"
 #include "utils/vd_FileUtils.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
@@ -16,109 +14,74 @@
 namespace {
 
 const QString kAppFolder = QStringLiteral("Apps/vandrel");
-const QString kMarkerFile = QStringLiteral("data.vdldata/sessions_are_here.json");
-// Folders below a Dropbox folder that the deep search still looks at; its children are depth 1.
-constexpr int kDeepSearchDepth = 5;
-// A marker written this recently belongs to a WebApp in use now.
+const QString kMarker = QStringLiteral("data.vdldata/sessions_are_here.json");
+constexpr int kDeepestExaminedDepth = 5;
 constexpr double kFreshMarkerSeconds = 3000.0;
-// The Dropbox client's own files are a few hundred bytes; anything far larger is not one of them.
-constexpr qint64 kClientFileLimit = 1024 * 1024;
 
-QString homeFile(const QString &relative)
+QString home(const QString &relative)
 {
     return QDir::homePath() + u'/' + relative;
 }
 
-// The whole file when it exists and is small enough to be the Dropbox client's; none otherwise.
-std::optional<QByteArray> readClientFile(const QString &path)
+bool exists(const QString &path)
 {
-    QFile file(path);
-    if (!file.exists())
-        return std::nullopt;
-    if (!file.open(QIODevice::ReadOnly))
-        return QByteArray();
-    const QByteArray bytes = file.read(kClientFileLimit + 1);
-    if (bytes.size() > kClientFileLimit) {
-        qCWarning(lcUtils).noquote()
-            << QStringLiteral("%1 is too large to be the Dropbox client's").arg(path);
-        return std::nullopt;
-    }
-    return bytes;
-}
-
-double markerDate(const QString &candidate)
-{
-    const QJsonObject marker = vd_FileUtils::readSmallJsonFile(candidate + u'/' + kMarkerFile);
-    return vd_FileUtils::JSONDate(vd_FileUtils::dateFromJSON(marker.value(QStringLiteral("date"))));
+    return !path.isEmpty() && QFileInfo::exists(path);
 }
 
 struct DeepSearch
 {
     double now;
     double bestDate = 0;
-    QString bestPath;
+    QString best;
     QString lastCandidate;
+    std::optional<QString> fresh;
 
-    // Depth first, in the file system's order, hidden items included; links are not followed. Returns true
-    // when a fresh marker ended the walk.
-    bool walk(const QString &folder, int depth)
+    // Depth first, in the file system's order, hidden items included; links are not followed.
+    void walk(const QString &folder, int depth)
     {
-        QDirIterator children(folder, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
-        while (children.hasNext()) {
-            children.next();
-            const QFileInfo child = children.fileInfo();
-            if (!child.isDir() || child.isSymLink())
-                continue;
-            if (child.fileName().toLower() == u"vandrel" && examine(child.filePath()))
-                return true;
-            if (depth < kDeepSearchDepth && walk(child.filePath(), depth + 1))
-                return true;
+        const QFileInfoList entries = QDir(folder).entryInfoList(
+            QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
+        for (const QFileInfo &entry : entries) {
+            if (fresh)
+                return;
+            const bool isFolder = entry.isDir() && !entry.isSymLink();
+            if (isFolder && entry.fileName().toLower() == u"vandrel")
+                consider(entry.filePath());
+            if (fresh)
+                return;
+            if (isFolder && depth < kDeepestExaminedDepth)
+                walk(entry.filePath(), depth + 1);
         }
-        return false;
     }
 
-    bool examine(const QString &candidate)
+    void consider(const QString &candidate)
     {
         lastCandidate = candidate;
-        if (!QFileInfo::exists(candidate + u'/' + kMarkerFile))
-            return false;
-        const double date = markerDate(candidate);
+        const QString marker = candidate + u'/' + kMarker;
+        if (!QFileInfo::exists(marker))
+            return;
+        const double date =
+            vd_FileUtils::readJsonFileMutableDictionary(marker).value(QStringLiteral("date")).toDouble();
         if (date <= bestDate)
-            return false;
+            return;
         if (now - date < kFreshMarkerSeconds) {
             UserDefaults::setValue(SettingsKeys::LastBestPath, candidate);
-            bestPath = candidate;
-            return true;
+            fresh = candidate;
+            return;
         }
         bestDate = date;
-        bestPath = candidate;
-        return false;
+        best = candidate;
     }
 };
 
-QString createdFolder(const QString &path)
-{
-    if (!QFileInfo(path).isDir())
-        QDir().mkpath(path);
-    return path;
-}
-
 } // namespace
-
-QJsonObject vd_FileUtils::readSmallJsonFile(const QString &path)
-{
-    constexpr qint64 kLimit = 1024 * 1024;
-    if (QFileInfo(path).size() > kLimit)
-        return {};
-    return readJsonFileMutableDictionary(path);
-}
 
 std::optional<QString> vd_FileUtils::getHostFileContents()
 {
-    const std::optional<QByteArray> bytes = readClientFile(homeFile(QStringLiteral(".dropbox/host.db")));
-    if (!bytes)
+    QFile file(home(QStringLiteral(".dropbox/host.db")));
+    if (!file.exists() || !file.open(QIODevice::ReadOnly))
         return std::nullopt;
-    return QString::fromUtf8(*bytes);
+    return QString::fromUtf8(file.readAll());
 }
 
 std::optional<QString> vd_FileUtils::dropboxPathOLD()
@@ -126,71 +89,68 @@ std::optional<QString> vd_FileUtils::dropboxPathOLD()
     const std::optional<QString> contents = getHostFileContents();
     if (!contents)
         return std::nullopt;
-    // Every newline character splits, so "\r\n" leaves an empty line between its two halves.
-    static const QRegularExpression newline(QStringLiteral("[\\n\\x{b}\\f\\r\\x{85}\\x{2028}\\x{2029}]"));
+    static const QRegularExpression newline(QStringLiteral("[\\n\\r\\x{0085}\\x{2028}\\x{2029}]"));
     const QStringList lines = contents->split(newline);
     if (lines.size() < 2)
         return std::nullopt;
-    const std::optional<QString> path = base64DecodedString(lines.at(1));
-    if (!path || !QFileInfo::exists(*path))
+    const std::optional<QString> path = base64DecodedString(lines[1]);
+    if (!path || !exists(*path))
         return std::nullopt;
     return path;
 }
 
-std::optional<QList<vd_FileUtils::DropboxAccount>> vd_FileUtils::getDropboxInfoJSONDict()
+std::optional<vd_FileUtils::OrderedJsonObject> vd_FileUtils::getDropboxInfoJSONDict()
 {
-    const std::optional<QByteArray> bytes = readClientFile(homeFile(QStringLiteral(".dropbox/info.json")));
-    if (!bytes)
+    QFile file(home(QStringLiteral(".dropbox/info.json")));
+    if (!file.exists())
         return std::nullopt;
-    // The tolerant reader decides what counts as an object and logs what does not; the second parser only
-    // recovers the accounts' order, which QJsonObject loses.
-    if (jsonObjectFromBytes(*bytes).isEmpty())
-        return QList<DropboxAccount>();
-    const nlohmann::ordered_json document =
-        nlohmann::ordered_json::parse(bytes->cbegin(), bytes->cend(), nullptr, false);
-    if (!document.is_object())
-        return QList<DropboxAccount>();
-    QList<DropboxAccount> accounts;
-    for (const auto &[name, account] : document.items()) {
-        DropboxAccount entry{QString::fromStdString(name), QString()};
-        if (account.is_object() && account.contains("path") && account.at("path").is_string())
-            entry.path = QString::fromStdString(account.at("path").get<std::string>());
-        accounts.append(entry);
+    if (!file.open(QIODevice::ReadOnly))
+        return OrderedJsonObject{};
+    const QByteArray bytes = file.readAll();
+    OrderedJsonObject result;
+    result.object = jsonObjectFromBytes(bytes);
+    if (result.object.isEmpty())
+        return result;
+    // The object reader sorts keys; the accounts' order in the file is the user's order, so read it again
+    // with an order-keeping parser (the text is known to be a valid object by now).
+    const auto ordered = nlohmann::ordered_json::parse(bytes.constBegin(), bytes.constEnd(), nullptr, false);
+    if (ordered.is_object()) {
+        for (const auto &item : ordered.items())
+            result.keys << QString::fromStdString(item.key());
     }
-    return accounts;
+    return result;
 }
 
 QStringList vd_FileUtils::dropBoxFolderGETAll()
 {
     QStringList folders;
-    if (const std::optional<QList<DropboxAccount>> accounts = getDropboxInfoJSONDict()) {
-        for (const DropboxAccount &account : *accounts) {
-            if (!account.path.isEmpty())
-                folders.append(account.path);
+    if (const std::optional<OrderedJsonObject> info = getDropboxInfoJSONDict()) {
+        for (const QString &account : info->keys) {
+            const QJsonValue path = info->object.value(account).toObject().value(QStringLiteral("path"));
+            if (path.isString())
+                folders << path.toString();
         }
     }
     if (!folders.isEmpty())
         return folders;
     if (const std::optional<QString> legacy = dropboxPathOLD()) {
-        folders.append(*legacy);
+        folders << *legacy;
         digForDropboxFolders(folders);
         return folders;
     }
-    const QString standard = homeFile(QStringLiteral("Dropbox"));
-    if (QFileInfo::exists(standard))
-        folders.append(standard);
+    const QString standard = home(QStringLiteral("Dropbox"));
+    if (exists(standard))
+        folders << standard;
     return folders;
 }
 
 void vd_FileUtils::digForDropboxFolders(QStringList &folders)
 {
-    const QDir home = QDir::home();
-    const QStringList names = home.entryList({QStringLiteral("Dropbox *")},
-                                             QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
-    for (const QString &name : names) {
-        const QString path = home.filePath(name);
-        if (!folders.contains(path))
-            folders.append(path);
+    const QFileInfoList entries =
+        QDir(QDir::homePath()).entryInfoList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
+    for (const QFileInfo &entry : entries) {
+        if (entry.fileName().startsWith(u"Dropbox ") && !folders.contains(entry.filePath()))
+            folders << entry.filePath();
     }
 }
 
@@ -200,21 +160,23 @@ QString vd_FileUtils::dropBoxFolderGET(const QString &path)
         if (path.startsWith(folder))
             return folder;
     }
-    const QString standard = homeFile(QStringLiteral("Dropbox"));
-    return QFileInfo::exists(standard) ? standard : QString();
+    const QString standard = home(QStringLiteral("Dropbox"));
+    return exists(standard) ? standard : QStringLiteral("");
 }
 
-std::optional<QString> vd_FileUtils::findVandrelFolder(const QString &dropboxFolder, const QDateTime &now)
+std::optional<QString> vd_FileUtils::findVandrelFolder(const QString &folder, const QDateTime &now)
 {
     const QString cached = UserDefaults::stringValue(SettingsKeys::LastBestPath);
-    if (!cached.isEmpty() && QFileInfo::exists(cached))
+    if (exists(cached))
         return cached;
-    if (UserDefaults::contains(SettingsKeys::LastBestPath))
-        resetVandrelFolderCache();
+    UserDefaults::remove(SettingsKeys::LastBestPath);
 
-    DeepSearch search{JSONDate(now)};
-    if (search.walk(dropboxFolder, 1) || !search.bestPath.isEmpty())
-        return search.bestPath;
+    DeepSearch search{double(now.toMSecsSinceEpoch()) / 1000.0};
+    search.walk(folder, 1);
+    if (search.fresh)
+        return search.fresh;
+    if (!search.best.isEmpty())
+        return search.best;
     if (!search.lastCandidate.isEmpty())
         return search.lastCandidate;
     return std::nullopt;
@@ -230,10 +192,10 @@ std::optional<QString> vd_FileUtils::dropBoxFolderVandrel(const QString &dropbox
     if (dropboxFolder.isEmpty())
         return std::nullopt;
     const QString candidate = dropboxFolder + u'/' + kAppFolder;
-    if (QFileInfo::exists(candidate + u'/' + kMarkerFile))
+    if (QFileInfo::exists(candidate + u'/' + kMarker))
         return candidate;
     const std::optional<QString> found = findVandrelFolder(dropboxFolder);
-    if (found && QFileInfo::exists(*found))
+    if (found && exists(*found))
         return found;
     return std::nullopt;
 }
@@ -243,32 +205,32 @@ QStringList vd_FileUtils::dropBoxFolderVandrelAll()
     QStringList roots;
     for (const QString &folder : dropBoxFolderGETAll()) {
         if (const std::optional<QString> root = dropBoxFolderVandrel(folder))
-            roots.append(*root);
+            roots << *root;
     }
     return roots;
 }
 
 std::optional<QString> vd_FileUtils::googleDriveFolder()
 {
-    const QString folder = homeFile(QStringLiteral("GDrive"));
-    if (!QFileInfo::exists(folder))
-        return std::nullopt;
-    return folder;
+    const QString folder = home(QStringLiteral("GDrive"));
+    return exists(folder) ? std::optional<QString>(folder) : std::nullopt;
 }
 
 std::optional<QString> vd_FileUtils::googleDriveFolderVandrel()
 {
-    const std::optional<QString> folder = googleDriveFolder();
-    if (!folder)
+    const std::optional<QString> drive = googleDriveFolder();
+    if (!drive)
         return std::nullopt;
-    return createdFolder(*folder + u'/' + kAppFolder);
+    const QString root = *drive + u'/' + kAppFolder;
+    QDir().mkpath(root);
+    return root;
 }
 
 QStringList vd_FileUtils::storageFoldersDropBoxGDriveEtc()
 {
     QStringList roots = dropBoxFolderVandrelAll();
-    if (const std::optional<QString> googleDrive = googleDriveFolderVandrel())
-        roots.append(*googleDrive);
+    if (const std::optional<QString> drive = googleDriveFolderVandrel())
+        roots << *drive;
     return roots;
 }
 
@@ -276,22 +238,25 @@ QString vd_FileUtils::getDefaultDropBoxUploadsFolderROOT(const QString &storageR
 {
     if (storageRoot.isEmpty())
         return QString();
-    return createdFolder(storageRoot + QStringLiteral("/uploads"));
+    const QString uploads = storageRoot + QStringLiteral("/uploads");
+    QDir().mkpath(uploads);
+    return uploads;
 }
 
-QString vd_FileUtils::getDefaultDropBoxUploadsFolder(const QString &storageRoot)
+QString vd_FileUtils::getDefaultDropBoxUploadsFolder(const QString &storageRoot, const QDateTime &now)
 {
-    const QString uploads = getDefaultDropBoxUploadsFolderROOT(storageRoot);
-    if (uploads.isEmpty())
-        return QString();
-    return createdFolder(getFileByDatePath(uploads));
+    const QString folder = getFileByDatePath(getDefaultDropBoxUploadsFolderROOT(storageRoot), now);
+    QDir().mkpath(folder);
+    return folder;
 }
 
-QString vd_FileUtils::getDefaultMoveFromFolder()
+QString vd_FileUtils::getDefaultMoveFromFolder(const QDateTime &now)
 {
-    QString downloads = homeFile(QStringLiteral("Downloads"));
+    QString downloads = home(QStringLiteral("Downloads"));
     const QStringList located = QStandardPaths::standardLocations(QStandardPaths::DownloadLocation);
     if (!located.isEmpty())
         downloads = located.last();
-    return createdFolder(getFileByDatePath(downloads + QStringLiteral("/From Dropbox")));
+    const QString folder = getFileByDatePath(downloads + QStringLiteral("/From Dropbox"), now);
+    QDir().mkpath(folder);
+    return folder;
 }

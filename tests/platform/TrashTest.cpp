@@ -3,106 +3,66 @@
 #include "common/TempHome.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
-QByteArray restoreRecord(const QString &inTrash)
+// The restore record the file manager needs for an item in a trash's "files" folder.
+QString restoreRecord(const QString &inTrash)
 {
     const QFileInfo item(inTrash);
-    QFile record(QFileInfo(item.absolutePath()).absolutePath() + QStringLiteral("/info/") + item.fileName() +
-                 QStringLiteral(".trashinfo"));
-    return record.open(QIODevice::ReadOnly) ? record.readAll() : QByteArray();
+    return item.absoluteDir().absoluteFilePath(QStringLiteral("../info/") + item.fileName() +
+                                               QStringLiteral(".trashinfo"));
 }
 
-QByteArray contentOf(const QString &path)
+dev_t deviceOf(const QString &path)
 {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    struct stat info
+    {};
+    ::stat(QFile::encodeName(path).constData(), &info);
+    return info.st_dev;
 }
 
 } // namespace
 
-TEST(Trash, ItemsLandInTheHomeTrashWithRestoreRecordsEvenWithoutADataHome)
+TEST(Trash, ItemsLandInTheRightTrashWithTheirRestoreRecord)
 {
     TempHome home;
-    const QString dataHome = home.filePath(QStringLiteral(".local/share"));
-    ASSERT_TRUE(QDir(dataHome).removeRecursively());
-    const QString trashFiles = dataHome + QStringLiteral("/Trash/files/");
+    // Without a data home the item must still go to the home trash, never beside the working directory.
+    QDir(home.filePath(QStringLiteral(".local/share"))).removeRecursively();
+    const QString file = home.writeFile(QStringLiteral("Dropbox/computers/old.json"), "{}");
+    const QString inTrash = Trash::moveToTrash(file);
+    EXPECT_EQ(inTrash, home.filePath(QStringLiteral(".local/share/Trash/files/old.json")));
+    EXPECT_FALSE(QFileInfo::exists(file));
+    EXPECT_TRUE(QFileInfo(restoreRecord(inTrash)).size() > 0);
 
-    const QString first = home.writeFile(QStringLiteral("Dropbox/a/conflict.json"), "first");
-    const QString second = home.writeFile(QStringLiteral("Dropbox/b/conflict.json"), "second");
-    home.writeFile(QStringLiteral("Dropbox/folder.json/inside.txt"), "inside");
-    const std::optional<QString> firstInTrash = Trash::moveToTrash(first);
-    const std::optional<QString> secondInTrash = Trash::moveToTrash(second);
-    const std::optional<QString> folderInTrash =
-        Trash::moveToTrash(home.filePath(QStringLiteral("Dropbox/folder.json")));
-    ASSERT_TRUE(firstInTrash && secondInTrash && folderInTrash);
+    // A second item of the same name does not replace the first.
+    const QString again =
+        Trash::moveToTrash(home.writeFile(QStringLiteral("Dropbox/computers/old.json"), "{2}"));
+    EXPECT_NE(again, inTrash);
+    EXPECT_TRUE(QFileInfo::exists(inTrash));
 
-    // Same names never overwrite each other in the trash.
-    EXPECT_NE(*firstInTrash, *secondInTrash);
-    EXPECT_EQ(contentOf(*firstInTrash), "first");
-    EXPECT_EQ(contentOf(*secondInTrash), "second");
-    EXPECT_EQ(contentOf(*folderInTrash + QStringLiteral("/inside.txt")), "inside");
-    for (const QString &inTrash : {*firstInTrash, *secondInTrash, *folderInTrash})
-        EXPECT_TRUE(inTrash.startsWith(trashFiles)) << inTrash.toStdString();
-    EXPECT_TRUE(restoreRecord(*firstInTrash).contains("Path=" + QFile::encodeName(first)));
-    EXPECT_TRUE(restoreRecord(*folderInTrash).contains("DeletionDate="));
-    EXPECT_FALSE(QFileInfo::exists(first));
-    EXPECT_FALSE(QFileInfo::exists(QDir::current().filePath(QStringLiteral("files/conflict.json"))));
+    const QString folder = home.filePath(QStringLiteral("Dropbox/folder"));
+    home.writeFile(QStringLiteral("Dropbox/folder/inner.txt"), "x");
+    EXPECT_TRUE(QFileInfo::exists(Trash::moveToTrash(folder) + QStringLiteral("/inner.txt")));
+    EXPECT_EQ(Trash::moveToTrash(home.filePath(QStringLiteral("missing"))), QString());
 
-    EXPECT_FALSE(Trash::moveToTrash(home.filePath(QStringLiteral("Dropbox/missing.json"))));
-}
-
-TEST(Trash, ALinkMovesAsTheLinkAndItsTargetStays)
-{
-    TempHome home;
-    home.writeFile(QStringLiteral("precious/keep.txt"), "keep");
-    const QString link = home.filePath(QStringLiteral("sessions/d.json"));
-    QDir().mkpath(QFileInfo(link).absolutePath());
-    ASSERT_TRUE(QFile::link(home.filePath(QStringLiteral("precious")), link));
-
-    const std::optional<QString> inTrash = Trash::moveToTrash(link);
-    ASSERT_TRUE(inTrash);
-    EXPECT_TRUE(QFileInfo(*inTrash).isSymLink());
-    EXPECT_EQ(contentOf(home.filePath(QStringLiteral("precious/keep.txt"))), "keep");
-}
-
-TEST(Trash, ItemsOnAnotherFileSystemGoToThatFileSystemsTrash)
-{
-    TempHome home;
-    QTemporaryDir elsewhere(QStringLiteral("/dev/shm/vandrel-trash-XXXXXX"));
-    struct stat homeStat
-    {};
-    struct stat otherStat
-    {};
-    if (!elsewhere.isValid() || ::stat(QFile::encodeName(home.path()).constData(), &homeStat) != 0 ||
-        ::stat(QFile::encodeName(elsewhere.path()).constData(), &otherStat) != 0 ||
-        homeStat.st_dev == otherStat.st_dev)
+    // An item on another file system goes to a trash on that file system, and is still recoverable.
+    QTemporaryDir other(QStringLiteral("/dev/shm/vandrel-trash-XXXXXX"));
+    if (!other.isValid() || deviceOf(other.path()) == deviceOf(home.path()))
         GTEST_SKIP() << "no second file system at /dev/shm";
-
-    const QString item = elsewhere.filePath(QStringLiteral("old-computer.json"));
-    {
-        QFile file(item);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("{}");
-    }
-    const std::optional<QString> inTrash = Trash::moveToTrash(item);
-    ASSERT_TRUE(inTrash);
-    const QString ownTrash = QStringLiteral("/dev/shm/.Trash-%1/files/").arg(::getuid());
-    EXPECT_TRUE(inTrash->startsWith(ownTrash)) << inTrash->toStdString();
-    EXPECT_EQ(contentOf(*inTrash), "{}");
-    EXPECT_TRUE(restoreRecord(*inTrash).contains("Path="));
-
-    // The test's own item, not the product's: leave the shared trash as it was.
-    const QFileInfo moved(*inTrash);
-    QFile::remove(QFileInfo(moved.absolutePath()).absolutePath() + QStringLiteral("/info/") +
-                  moved.fileName() + QStringLiteral(".trashinfo"));
-    QFile::remove(*inTrash);
+    const QString remote = other.filePath(QStringLiteral("conflicted.json"));
+    QFile(remote).open(QIODevice::WriteOnly);
+    const QString remoteInTrash = Trash::moveToTrash(remote);
+    ASSERT_FALSE(remoteInTrash.isEmpty());
+    EXPECT_FALSE(QFileInfo::exists(remote));
+    EXPECT_TRUE(QFileInfo::exists(remoteInTrash));
+    EXPECT_TRUE(QFileInfo(restoreRecord(remoteInTrash)).size() > 0);
+    EXPECT_EQ(deviceOf(remoteInTrash), deviceOf(other.path())) << remoteInTrash.toStdString();
+    QFile::remove(remoteInTrash);
+    QFile::remove(restoreRecord(remoteInTrash));
 }

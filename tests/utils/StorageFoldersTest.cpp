@@ -3,155 +3,130 @@
 #include "platform/UserDefaults.h"
 #include "utils/vd_FileUtils.h"
 
-#include <QDate>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 
 #include <gtest/gtest.h>
 
 namespace {
 
-// A fabricated Dropbox and Google Drive layout inside a temporary home.
-struct Layout : TempHome
+// A marker file whose "date" lies the given number of seconds before now.
+void writeMarker(const TempHome &home, const QString &appFolder, double ageSeconds, const QDateTime &now)
 {
-    QString dir(const QString &relative) const
-    {
-        QDir().mkpath(filePath(relative));
-        return filePath(relative);
-    }
-    // A StorageRoot candidate whose WebApp marker was written `age` seconds ago.
-    QString marked(const QString &relative, double age) const
-    {
-        const double date = double(QDateTime::currentMSecsSinceEpoch()) / 1000.0 - age;
-        writeFile(relative + QStringLiteral("/data.vdldata/sessions_are_here.json"),
-                  "{\"date\": " + QByteArray::number(date, 'f', 3) + "}");
-        return filePath(relative);
-    }
-};
+    home.writeFile(
+        appFolder + QStringLiteral("/data.vdldata/sessions_are_here.json"),
+        QStringLiteral("{\"date\": %1}").arg(vd_FileUtils::JSONDate(now) - ageSeconds, 0, 'f', 3).toUtf8());
+}
 
-QString monthPath()
+void writeAccounts(const TempHome &home, const QByteArray &json)
 {
-    const QDate today = QDate::currentDate();
-    return QStringLiteral("/%1/%2").arg(today.year()).arg(today.month());
+    home.writeFile(QStringLiteral(".dropbox/info.json"), json);
 }
 
 } // namespace
 
-TEST(StorageFolders, DropboxFoldersComeFromOneSourceInOrder)
+TEST(StorageFolders, AccountsKeepFileOrderAndGoogleDriveComesLast)
 {
-    Layout home;
-    const QString personal = home.dir(QStringLiteral("Dropbox"));
-    const QString business = home.dir(QStringLiteral("Dropbox (Business)"));
-    const QString extra = home.dir(QStringLiteral("Dropbox Extra"));
-    home.dir(QStringLiteral("Dropbox2"));
+    TempHome home;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    writeMarker(home, QStringLiteral("Work/Apps/vandrel"), 100000, now);
+    writeMarker(home, QStringLiteral("Personal/Apps/vandrel"), 100000, now);
+    QDir(home.path()).mkpath(QStringLiteral("GDrive"));
+    QDir(home.path()).mkpath(QStringLiteral("Dropbox (Old)")); // only the legacy branch scans the home folder
+    writeAccounts(home,
+                  QStringLiteral("{\"zeta\": {\"path\": \"%1/Personal\"}, \"alpha\": {\"path\": \"%1/Work\"},"
+                                 " \"other\": {\"host\": 5}}")
+                      .arg(home.path())
+                      .toUtf8());
 
-    // Neither client file: only "~/Dropbox", and a text-prefix match answers for any path.
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList{personal});
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(QStringLiteral("/elsewhere/a")), personal);
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Personal")),
+                                                                home.filePath(QStringLiteral("Work"))}));
+    EXPECT_EQ(vd_FileUtils::storageFoldersDropBoxGDriveEtc(),
+              QStringList({home.filePath(QStringLiteral("Personal/Apps/vandrel")),
+                           home.filePath(QStringLiteral("Work/Apps/vandrel")),
+                           home.filePath(QStringLiteral("GDrive/Apps/vandrel"))}));
+    EXPECT_TRUE(QFileInfo(home.filePath(QStringLiteral("GDrive/Apps/vandrel"))).isDir());
 
-    // The account file's order is kept (its keys sort the other way), accounts without a "path" string
-    // give nothing, and the home-folder scan does not run.
-    const QString info = "{\"zeta\": {\"path\": \"" + personal + "\"}, \"alpha\": {\"path\": \"" + business +
-                         "\"}, \"team\": {\"host\": 1}, \"odd\": {\"path\": 7}, \"bare\": 3}";
-    home.writeFile(QStringLiteral(".dropbox/info.json"), info.toUtf8());
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({personal, business}));
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(personal + QStringLiteral("2/a")), personal);
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(business + QStringLiteral("/a")), personal);
-
-    // Accounts without paths, or a file that is no JSON object, read as absent: the legacy host file's
-    // second line is next, followed by the scan of "Dropbox …" folders.
-    const QString legacy = home.dir(QStringLiteral("Old Box"));
-    home.writeFile(QStringLiteral(".dropbox/host.db"), "f00d\n" + legacy.toUtf8().toBase64() + "\n");
-    for (const QByteArray &content : {QByteArray("{\"a\": {\"host\": 1}}"), QByteArray("[1, 2"),
-                                      QByteArray(100, '[') + QByteArray(100, ']')}) {
-        home.writeFile(QStringLiteral(".dropbox/info.json"), content);
-        EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({legacy, business, extra}))
-            << content.data();
-    }
-
-    // A single line, "\r\n" (an empty second line) or a path that does not exist give no folder.
-    for (const QByteArray &content : {legacy.toUtf8().toBase64(), "f00d\r\n" + legacy.toUtf8().toBase64(),
-                                      "f00d\n" + QByteArray("/gone/away").toBase64()}) {
-        home.writeFile(QStringLiteral(".dropbox/host.db"), content);
-        EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList{personal}) << content.data();
-    }
-
-    ASSERT_TRUE(QDir(personal).removeRecursively());
-    EXPECT_TRUE(vd_FileUtils::dropBoxFolderGETAll().isEmpty());
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(business), QString());
+    // A plain prefix test, as the cloud client's own folders are compared.
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(home.filePath(QStringLiteral("Work2/a"))),
+              home.filePath(QStringLiteral("Work")));
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(QStringLiteral("/elsewhere")), QString());
 }
 
-TEST(StorageFolders, StorageRootsInOrderWithGoogleDriveLast)
+TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
 {
-    Layout home;
-    const QString personal = home.dir(QStringLiteral("Dropbox"));
-    const QString business = home.dir(QStringLiteral("Dropbox (Business)"));
-    home.writeFile(
-        QStringLiteral(".dropbox/info.json"),
-        ("{\"personal\": {\"path\": \"" + personal + "\"}, \"business\": {\"path\": \"" + business + "\"}}")
-            .toUtf8());
-    EXPECT_TRUE(vd_FileUtils::storageFoldersDropBoxGDriveEtc().isEmpty());
+    TempHome home;
+    // Accounts without a path count as no account file.
+    writeAccounts(home, "{\"personal\": {\"host\": 1}}");
+    QDir(home.path()).mkpath(QStringLiteral("Legacy"));
+    QDir(home.path()).mkpath(QStringLiteral("Dropbox (Team)"));
+    QDir(home.path()).mkpath(QStringLiteral("Dropbox"));
+    home.writeFile(QStringLiteral("Dropbox Notes"), "a file, not a folder");
+    const QByteArray encoded = home.filePath(QStringLiteral("Legacy")).toUtf8().toBase64();
+    home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\r\n" + encoded.left(8) + '\n' + encoded.mid(8));
+    // "\r\n" is two line breaks, so the second line is empty: no legacy folder.
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
 
-    const QString first = home.marked(QStringLiteral("Dropbox/Apps/vandrel"), 100000);
-    const QString second = home.marked(QStringLiteral("Dropbox (Business)/Apps/vandrel"), 100000);
-    home.dir(QStringLiteral("GDrive"));
-    const QString googleDrive = home.filePath(QStringLiteral("GDrive/Apps/vandrel"));
-    EXPECT_EQ(vd_FileUtils::storageFoldersDropBoxGDriveEtc(), QStringList({first, second, googleDrive}));
-    EXPECT_TRUE(QFileInfo(googleDrive).isDir());
+    home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\n" + encoded + "\nmore");
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(),
+              QStringList({home.filePath(QStringLiteral("Legacy")),
+                           home.filePath(QStringLiteral("Dropbox (Team)"))}));
 
-    EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolder(first),
-              first + QStringLiteral("/uploads") + monthPath());
-    EXPECT_TRUE(QFileInfo(first + QStringLiteral("/uploads") + monthPath()).isDir());
+    home.writeFile(QStringLiteral(".dropbox/host.db"), "just one line");
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
+    QDir(home.filePath(QStringLiteral("Dropbox"))).removeRecursively();
+    EXPECT_TRUE(vd_FileUtils::dropBoxFolderGETAll().isEmpty());
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(home.filePath(QStringLiteral("x"))), QString());
+}
+
+TEST(StorageFolders, DeepSearchDepthFreshnessAndCache)
+{
+    TempHome home;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    const QString dropbox = home.filePath(QStringLiteral("Dropbox"));
+
+    // Depth 6 is never examined, depth 5 is.
+    QDir(dropbox).mkpath(QStringLiteral("1/2/3/4/5/VANDREL"));
+    EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), std::nullopt);
+    QDir(dropbox).mkpath(QStringLiteral("1/2/3/4/VANDREL"));
+    EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), dropbox + QStringLiteral("/1/2/3/4/VANDREL"));
+
+    // A stale marker wins over an unmarked folder but is not remembered.
+    writeMarker(home, QStringLiteral("Dropbox/Projects/Vandrel"), 7200, now);
+    EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), dropbox + QStringLiteral("/Projects/Vandrel"));
+    EXPECT_FALSE(UserDefaults::contains(SettingsKeys::LastBestPath));
+
+    // A fresh one wins at once, is remembered, and then answers for any folder while it exists.
+    writeMarker(home, QStringLiteral("Dropbox/Projects/Vandrel"), 10, now);
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderVandrel(dropbox), dropbox + QStringLiteral("/Projects/Vandrel"));
+    EXPECT_EQ(UserDefaults::stringValue(SettingsKeys::LastBestPath),
+              dropbox + QStringLiteral("/Projects/Vandrel"));
+    EXPECT_EQ(vd_FileUtils::findVandrelFolder(home.filePath(QStringLiteral("Other")), now),
+              dropbox + QStringLiteral("/Projects/Vandrel"));
+    vd_FileUtils::resetVandrelFolderCache();
+    EXPECT_EQ(vd_FileUtils::findVandrelFolder(home.filePath(QStringLiteral("Other")), now), std::nullopt);
+
+    // The standard place needs its marker to be taken without a search.
+    QDir(dropbox).mkpath(QStringLiteral("Apps/vandrel"));
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderVandrel(dropbox), dropbox + QStringLiteral("/Projects/Vandrel"));
+    writeMarker(home, QStringLiteral("Dropbox/Apps/vandrel"), 1e6, now);
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderVandrel(dropbox), dropbox + QStringLiteral("/Apps/vandrel"));
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderVandrel(QString()), std::nullopt);
+}
+
+TEST(StorageFolders, MonthFoldersForUploadsAndDownloads)
+{
+    TempHome home;
+    const QDateTime march(QDate(2014, 3, 15), QTime(12, 0), Qt::LocalTime);
+    EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolder(home.filePath(QStringLiteral("root")), march),
+              home.filePath(QStringLiteral("root/uploads/2014/3")));
+    EXPECT_TRUE(QFileInfo(home.filePath(QStringLiteral("root/uploads/2014/3"))).isDir());
     EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolderROOT(QString()), QString());
 
-    EXPECT_EQ(vd_FileUtils::getDefaultMoveFromFolder(),
-              home.filePath(QStringLiteral("Downloads/From Dropbox")) + monthPath());
-    home.writeFile(QStringLiteral(".config/user-dirs.dirs"), "XDG_DOWNLOAD_DIR=\"$HOME/Téléchargements\"\n");
-    const QString moveFrom = vd_FileUtils::getDefaultMoveFromFolder();
-    EXPECT_EQ(moveFrom, home.filePath(QStringLiteral("Téléchargements/From Dropbox")) + monthPath());
-    EXPECT_TRUE(QFileInfo(moveFrom).isDir());
-}
-
-TEST(StorageFolders, DeepSearchFindsMovedAppFoldersAndCachesOnlyFreshOnes)
-{
-    Layout home;
-    const QString dropbox = home.dir(QStringLiteral("Dropbox"));
-    const QString lastBestPath = SettingsKeys::LastBestPath;
-    // Depth 6 is out of reach, however fresh; a link back up must not make the walk go round.
-    home.marked(QStringLiteral("Dropbox/a/b/c/d/e/Vandrel"), 1);
-    ASSERT_TRUE(QFile::link(dropbox, dropbox + QStringLiteral("/a/loop")));
-    EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox), std::nullopt);
-    EXPECT_TRUE(vd_FileUtils::storageFoldersDropBoxGDriveEtc().isEmpty());
-
-    // Depth 5 counts, even with no marker at all.
-    const QString unmarked = home.dir(QStringLiteral("Dropbox/a/b/c/d/VANDREL"));
-    EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox), unmarked);
-
-    // Of stale markers the newest wins, and nothing is remembered.
-    home.marked(QStringLiteral("Dropbox/Old/vandrel"), 9000);
-    const QString projects = home.marked(QStringLiteral("Dropbox/Projects/Vandrel"), 7200);
-    EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox), projects);
-    EXPECT_FALSE(UserDefaults::contains(lastBestPath));
-
-    // A marker from ten seconds ago wins and is remembered; the cache then answers for any folder.
-    home.marked(QStringLiteral("Dropbox/Projects/Vandrel"), 10);
-    EXPECT_EQ(vd_FileUtils::storageFoldersDropBoxGDriveEtc(), QStringList{projects});
-    EXPECT_EQ(UserDefaults::stringValue(lastBestPath), projects);
-    home.marked(QStringLiteral("Dropbox/Old/vandrel"), 5);
-    EXPECT_EQ(vd_FileUtils::findVandrelFolder(home.dir(QStringLiteral("Other"))), projects);
-
-    // Until the cache is reset, or its folder goes.
-    vd_FileUtils::resetVandrelFolderCache();
-    EXPECT_FALSE(UserDefaults::contains(lastBestPath));
-    EXPECT_EQ(vd_FileUtils::findVandrelFolder(home.dir(QStringLiteral("Other"))), std::nullopt);
-    UserDefaults::setValue(lastBestPath, home.filePath(QStringLiteral("gone")));
-    const QString found = vd_FileUtils::findVandrelFolder(dropbox).value_or(QString());
-    EXPECT_TRUE(found == projects || found == home.filePath(QStringLiteral("Dropbox/Old/vandrel")));
-    EXPECT_EQ(UserDefaults::stringValue(lastBestPath), found);
-
-    // The standard place needs no search at all.
-    const QString standard = home.marked(QStringLiteral("Dropbox/Apps/vandrel"), 100000);
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderVandrel(dropbox), standard);
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderVandrel(QString()), std::nullopt);
+    home.writeFile(QStringLiteral(".config/user-dirs.dirs"), "XDG_DOWNLOAD_DIR=\"$HOME/T\xc3\xa9l\xc3\xa9"
+                                                             "chargements\"\n");
+    EXPECT_EQ(vd_FileUtils::getDefaultMoveFromFolder(march),
+              home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/3")));
+    EXPECT_TRUE(
+        QFileInfo(home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/3"))).isDir());
 }
