@@ -245,7 +245,11 @@ QString vd_FileUtils::getDefaultDropBoxUploadsFolderROOT(const QString &storageR
 
 QString vd_FileUtils::getDefaultDropBoxUploadsFolder(const QString &storageRoot, const QDateTime &now)
 {
-    const QString folder = getFileByDatePath(getDefaultDropBoxUploadsFolderROOT(storageRoot), now);
+    // Without a root the month path would be "/<year>/<month>" at the top of the file system.
+    const QString uploads = getDefaultDropBoxUploadsFolderROOT(storageRoot);
+    if (uploads.isEmpty())
+        return QString();
+    const QString folder = getFileByDatePath(uploads, now);
     QDir().mkpath(folder);
     return folder;
 }

@@ -71,10 +71,17 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
 
     vd_FileUtils::writeComputerInfoFileTo(info.root(), false, now);
 
-    EXPECT_EQ(QDir(info.computers()).entryList(QDir::Files, QDir::Name),
-              QStringList({own, QStringLiteral("dupNewer.json"), QStringLiteral("junk.json"),
-                           QStringLiteral("recent.json"), QStringLiteral("tieA.json"),
-                           QStringLiteral("tieB.json")}));
+    // The computer id is random, so where its file sorts is too: compare as sets.
+    QStringList kept{own,
+                     QStringLiteral("dupNewer.json"),
+                     QStringLiteral("junk.json"),
+                     QStringLiteral("recent.json"),
+                     QStringLiteral("tieA.json"),
+                     QStringLiteral("tieB.json")};
+    kept.sort();
+    QStringList remaining = QDir(info.computers()).entryList(QDir::Files);
+    remaining.sort();
+    EXPECT_EQ(remaining, kept);
     // Nothing was deleted: every removed item is in the trash with its restore record.
     const QStringList trashed = info.trashed();
     EXPECT_EQ(trashed.size(), 6) << trashed.join(u',').toStdString();
@@ -101,6 +108,9 @@ TEST(ComputerInfo, PasswordFlagAndCheckOnlyWrites)
     const QString own = info.computers() + u'/' + vd_FileUtils::getComputerUUID() + QStringLiteral(".json");
     vd_FileUtils::ensureComputerInfo();
     ASSERT_TRUE(QFileInfo::exists(own));
+    // No root: no data folder at the top of the file system.
+    vd_FileUtils::writeComputerInfoFileTo(QString(), false);
+    EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/data.vdldata")));
 
     // With the file present a check changes nothing, not even the clean-up.
     const QString conflict =

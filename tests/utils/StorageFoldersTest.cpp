@@ -4,6 +4,7 @@
 #include "utils/vd_FileUtils.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 #include <gtest/gtest.h>
@@ -87,6 +88,8 @@ TEST(StorageFolders, DeepSearchDepthFreshnessAndCache)
 
     // Depth 6 is never examined, depth 5 is.
     QDir(dropbox).mkpath(QStringLiteral("1/2/3/4/5/VANDREL"));
+    // A link back up the tree is not followed, so the walk ends.
+    ASSERT_TRUE(QFile::link(dropbox, dropbox + QStringLiteral("/1/2/loop")));
     EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), std::nullopt);
     QDir(dropbox).mkpath(QStringLiteral("1/2/3/4/VANDREL"));
     EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), dropbox + QStringLiteral("/1/2/3/4/VANDREL"));
@@ -122,6 +125,9 @@ TEST(StorageFolders, MonthFoldersForUploadsAndDownloads)
               home.filePath(QStringLiteral("root/uploads/2014/3")));
     EXPECT_TRUE(QFileInfo(home.filePath(QStringLiteral("root/uploads/2014/3"))).isDir());
     EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolderROOT(QString()), QString());
+    // No root: nothing is made at the top of the file system.
+    EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolder(QString(), march), QString());
+    EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/2014/3")));
 
     home.writeFile(QStringLiteral(".config/user-dirs.dirs"), "XDG_DOWNLOAD_DIR=\"$HOME/T\xc3\xa9l\xc3\xa9"
                                                              "chargements\"\n");
