@@ -25,7 +25,9 @@ public:
                                      const QDateTime &now = QDateTime::currentDateTime());
 
     // The file's top-level JSON object. Never fails: a missing or unreadable file gives an empty object
-    // silently; text that is not a JSON object gives an empty object and one log line.
+    // silently, and so does anything but a regular file (a pipe is never opened); a file over 16 MiB gives
+    // an empty object and a log line unread; text that is not a JSON object gives an empty object and one
+    // log line.
     static QJsonObject readJsonFileMutableDictionary(const QString &path);
     // The same rule for bytes already in memory.
     static QJsonObject jsonObjectFromBytes(const QByteArray &bytes);

@@ -8,6 +8,7 @@
 #include <QThread>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -115,4 +116,16 @@ TEST(Sessions, ExpiryRemovesALinkNotWhatItPointsAtAndNoticesComeOnThePostingThre
     EXPECT_NE(worker, nullptr);
     EXPECT_EQ(heardOn, worker);
     QObject::disconnect(connection);
+}
+
+TEST(Sessions, ExpiryNeverWaitsOnAPipeNamedLikeASession)
+{
+    TempHome home;
+    const QString root = home.filePath(QStringLiteral("root"));
+    const QString pipe = writeSession(home, QStringLiteral("pipe.json"), "");
+    QFile::remove(pipe);
+    ASSERT_EQ(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
+    EXPECT_EQ(vd_Searcher::get_sessions(root, true).value_or(QJsonObject()).keys(), QStringList{"pipe"});
+    vd_Searcher::eraseOldOSSessions(root, QDateTime::currentDateTimeUtc());
+    EXPECT_FALSE(QFileInfo::exists(pipe));
 }
