@@ -8,6 +8,7 @@
 #include <QFileInfo>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -74,6 +75,16 @@ TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
                            home.filePath(QStringLiteral("Dropbox (Team)"))}));
 
     home.writeFile(QStringLiteral(".dropbox/host.db"), "just one line");
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
+
+    // Pipes in the client files' places are not read (reading would wait for ever); a huge file neither.
+    for (const char *name : {".dropbox/host.db", ".dropbox/info.json"}) {
+        QFile::remove(home.filePath(QLatin1String(name)));
+        ASSERT_EQ(::mkfifo(QFile::encodeName(home.filePath(QLatin1String(name))).constData(), 0600), 0);
+    }
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
+    QFile::remove(home.filePath(QStringLiteral(".dropbox/host.db")));
+    home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\n" + encoded + '\n' + QByteArray(2 << 20, ' '));
     EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
     QDir(home.filePath(QStringLiteral("Dropbox"))).removeRecursively();
     EXPECT_TRUE(vd_FileUtils::dropBoxFolderGETAll().isEmpty());
