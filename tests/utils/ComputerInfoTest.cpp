@@ -71,17 +71,16 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
 
     vd_FileUtils::writeComputerInfoFileTo(info.root(), false, now);
 
-    // The computer id is random, so where its file sorts is too: compare as sets.
-    QStringList kept{own,
-                     QStringLiteral("dupNewer.json"),
-                     QStringLiteral("junk.json"),
-                     QStringLiteral("recent.json"),
-                     QStringLiteral("tieA.json"),
-                     QStringLiteral("tieB.json")};
-    kept.sort();
+    QStringList expected{own,
+                         QStringLiteral("dupNewer.json"),
+                         QStringLiteral("junk.json"),
+                         QStringLiteral("recent.json"),
+                         QStringLiteral("tieA.json"),
+                         QStringLiteral("tieB.json")};
+    expected.sort(); // the computer id is random, so its place in the listing is too
     QStringList remaining = QDir(info.computers()).entryList(QDir::Files);
     remaining.sort();
-    EXPECT_EQ(remaining, kept);
+    EXPECT_EQ(remaining, expected);
     // Nothing was deleted: every removed item is in the trash with its restore record.
     const QStringList trashed = info.trashed();
     EXPECT_EQ(trashed.size(), 6) << trashed.join(u',').toStdString();

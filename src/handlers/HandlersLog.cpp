@@ -1,0 +1,3 @@
+#include "handlers/HandlersLog.h"
+
+Q_LOGGING_CATEGORY(lcHandlers, "vd.handlers")
