@@ -1,0 +1,7 @@
+#include "support/FSNConnectionActivity.h"
+
+FSNConnectionActivity &FSNConnectionActivity::instance()
+{
+    static FSNConnectionActivity notifier;
+    return notifier;
+}
