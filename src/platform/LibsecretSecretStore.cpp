@@ -86,6 +86,30 @@ SecretStore::Outcome failure(GError *error, Deadline &deadline)
     return {unreachable ? SecretStore::NotAvailable : SecretStore::StoreFailed, message};
 }
 
+// The items of service + account, each a SecretItem; null with *error set when the search failed.
+GList *searchItems(const QString &service, const QString &account, SecretSearchFlags flags,
+                   Deadline &deadline, GError **error)
+{
+    GHashTable *attributes = secret_attributes_build(schema(), "service", service.toUtf8().constData(),
+                                                     "account", account.toUtf8().constData(), nullptr);
+    GList *items = secret_service_search_sync(nullptr, schema(), attributes,
+                                              SecretSearchFlags(flags | SECRET_SEARCH_ALL),
+                                              deadline.cancellable(), error);
+    g_hash_table_unref(attributes);
+    return items;
+}
+
+bool anyLocked(GList *items)
+{
+    for (GList *item = items; item; item = item->next) {
+        if (secret_item_get_locked(SECRET_ITEM(item->data)))
+            return true;
+    }
+    return false;
+}
+
+const SecretStore::Outcome kLocked{SecretStore::Locked, QStringLiteral("the keyring is locked")};
+
 } // namespace
 
 LibsecretSecretStore::LibsecretSecretStore(std::chrono::milliseconds deadline)
@@ -94,18 +118,31 @@ LibsecretSecretStore::LibsecretSecretStore(std::chrono::milliseconds deadline)
 
 SecretStore::Outcome LibsecretSecretStore::probe()
 {
-    const Outcome outcome = exists(QStringLiteral("VandrelOSX"), QStringLiteral("~probe"));
-    return outcome.status == ItemNotFound ? Outcome{} : outcome;
+    Deadline deadline(m_deadline);
+    GError *error = nullptr;
+    SecretService *service = secret_service_get_sync(SECRET_SERVICE_NONE, deadline.cancellable(), &error);
+    if (error)
+        return failure(error, deadline);
+    // Items go to the default keyring: a daemon without one (no login keyring on a headless machine) or
+    // with it locked would answer searches yet fail every store, as creating or unlocking it needs the user.
+    SecretCollection *collection = secret_collection_for_alias_sync(
+        service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, deadline.cancellable(), &error);
+    g_object_unref(service);
+    if (error)
+        return failure(error, deadline);
+    if (!collection)
+        return {NotAvailable, QStringLiteral("there is no default keyring")};
+    const bool locked = secret_collection_get_locked(collection);
+    g_object_unref(collection);
+    return locked ? Outcome{Locked, QStringLiteral("the default keyring is locked")} : Outcome{};
 }
 
 SecretStore::Outcome LibsecretSecretStore::exists(const QString &service, const QString &account)
 {
     Deadline deadline(m_deadline);
     GError *error = nullptr;
-    // Searching without unlocking sees items of a locked keyring too, without reading any secret.
-    GList *items = secret_password_search_sync(schema(), SECRET_SEARCH_NONE, deadline.cancellable(), &error,
-                                               "service", service.toUtf8().constData(), "account",
-                                               account.toUtf8().constData(), nullptr);
+    // A search that does not unlock still sees the items of a locked keyring, without reading any secret.
+    GList *items = searchItems(service, account, SECRET_SEARCH_NONE, deadline, &error);
     if (error)
         return failure(error, deadline);
     const bool found = items != nullptr;
@@ -118,16 +155,29 @@ SecretStore::Outcome LibsecretSecretStore::read(const QString &service, const QS
 {
     Deadline deadline(m_deadline);
     GError *error = nullptr;
-    gchar *password = secret_password_lookup_sync(schema(), deadline.cancellable(), &error, "service",
-                                                  service.toUtf8().constData(), "account",
-                                                  account.toUtf8().constData(), nullptr);
+    // Never unlocks: the prompt would outlive the deadline, and a locked item must not pass for one
+    // without a secret, which the layer above deletes.
+    GList *items = searchItems(service, account, SECRET_SEARCH_LOAD_SECRETS, deadline, &error);
     if (error)
         return failure(error, deadline);
-    if (!password)
-        return {ItemNotFound, {}};
-    *secret = QByteArray(password);
-    secret_password_free(password);
-    return {};
+    Outcome outcome{ItemNotFound, {}};
+    for (GList *item = items; item; item = item->next) {
+        if (secret_item_get_locked(SECRET_ITEM(item->data))) {
+            outcome = kLocked;
+            continue;
+        }
+        SecretValue *value = secret_item_get_secret(SECRET_ITEM(item->data));
+        if (!value)
+            continue;
+        gsize length = 0;
+        const gchar *bytes = secret_value_get(value, &length);
+        *secret = QByteArray(bytes, qsizetype(length));
+        secret_value_unref(value);
+        outcome = {};
+        break;
+    }
+    g_list_free_full(items, g_object_unref);
+    return outcome;
 }
 
 SecretStore::Outcome LibsecretSecretStore::write(const QString &service, const QString &label,
@@ -149,10 +199,15 @@ SecretStore::Outcome LibsecretSecretStore::remove(const QString &service, const 
 {
     Deadline deadline(m_deadline);
     GError *error = nullptr;
-    const gboolean removed = secret_password_clear_sync(schema(), deadline.cancellable(), &error, "service",
-                                                        service.toUtf8().constData(), "account",
-                                                        account.toUtf8().constData(), nullptr);
+    GList *items = searchItems(service, account, SECRET_SEARCH_NONE, deadline, &error);
     if (error)
         return failure(error, deadline);
-    return removed ? Outcome{} : Outcome{ItemNotFound, {}};
+    // All or nothing: removing only the unlocked copies would let a stale locked one resurface later.
+    Outcome outcome = !items ? Outcome{ItemNotFound, {}} : anyLocked(items) ? kLocked : Outcome{};
+    for (GList *item = items; item && outcome.status == Success; item = item->next) {
+        if (!secret_item_delete_sync(SECRET_ITEM(item->data), deadline.cancellable(), &error))
+            outcome = failure(error, deadline);
+    }
+    g_list_free_full(items, g_object_unref);
+    return outcome;
 }

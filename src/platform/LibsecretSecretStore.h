@@ -12,7 +12,8 @@ class LibsecretSecretStore : public SecretStore
 public:
     explicit LibsecretSecretStore(std::chrono::milliseconds deadline = std::chrono::seconds(3));
 
-    // One harmless search; Success when the service answered in time.
+    // Success when the service answers in time and its default keyring can take items without asking the
+    // user; else NotAvailable or Locked with the reason. Reads nothing, writes nothing.
     Outcome probe();
 
     Outcome exists(const QString &service, const QString &account) override;

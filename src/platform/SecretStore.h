@@ -16,6 +16,7 @@ public:
         ItemNotFound = -25300,
         NotAvailable = -25291, // no store could be reached, or it did not answer in time
         StoreFailed = -25293,  // the store refused or failed the operation
+        Locked = -25308,       // the item's keyring is locked and unlocking it would need the user
     };
 
     struct Outcome
@@ -28,7 +29,8 @@ public:
 
     // Whether an item exists, without reading its secret.
     virtual Outcome exists(const QString &service, const QString &account) = 0;
-    // The item's secret; ItemNotFound when there is none or it cannot be had.
+    // The item's secret; ItemNotFound when there is none or it holds no secret, Locked when it cannot be
+    // opened without the user.
     virtual Outcome read(const QString &service, const QString &account, QByteArray *secret) = 0;
     // Creates the item, or replaces the secret of an existing one.
     virtual Outcome write(const QString &service, const QString &label, const QString &account,
@@ -37,6 +39,7 @@ public:
     virtual Outcome remove(const QString &service, const QString &account) = 0;
 
     // The store of this process, chosen at first use: the Secret Service when it answers within a few
-    // seconds, else the private file (one log line says why). VANDREL_KEYCHAIN=file forces the file.
+    // seconds and has an unlocked default keyring, else the private file (one log line says why).
+    // VANDREL_KEYCHAIN=file forces the file.
     static SecretStore &instance();
 };

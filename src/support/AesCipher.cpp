@@ -9,6 +9,7 @@ namespace {
 
 constexpr int kBlockSize = 16;
 constexpr int kKeySize = 32;
+constexpr qsizetype kMaxCipherPiece = qsizetype(1) << 30;
 
 // The failure statuses the peers name, with the exception each one raises.
 enum CipherStatus {
@@ -51,7 +52,10 @@ QByteArray digest(const EVP_MD *md, const QByteArray &bytes, const char *excepti
     unsigned int length = 0;
     if (EVP_Digest(bytes.constData(), size_t(bytes.size()), out, &length, md, nullptr) != 1)
         throw CipherException(QString::fromLatin1(exceptionName), QStringLiteral("Unknown"));
-    return QByteArray(reinterpret_cast<const char *>(out), int(length));
+    QByteArray result(reinterpret_cast<const char *>(out), int(length));
+    // The digest may be a derived key: leave no copy on the stack.
+    OPENSSL_cleanse(out, sizeof out);
+    return result;
 }
 
 // Holds key material and wipes it when it goes out of scope.
@@ -109,10 +113,17 @@ std::optional<QByteArray> cipher(const QByteArray &key, const QByteArray &input,
     // Room for the input rounded down to whole blocks plus one block of padding.
     QByteArray output((input.size() / kBlockSize) * kBlockSize + kBlockSize, '\0');
     auto *out = reinterpret_cast<unsigned char *>(output.data());
-    int moved = 0;
-    if (EVP_CipherUpdate(context.get(), out, &moved,
-                         reinterpret_cast<const unsigned char *>(input.constData()), int(input.size())) != 1)
-        return std::nullopt;
+    const auto *in = reinterpret_cast<const unsigned char *>(input.constData());
+    qsizetype moved = 0;
+    // EVP counts in int: larger input goes in whole-block pieces, one call each.
+    for (qsizetype done = 0; done < input.size();) {
+        const int piece = int(qMin(input.size() - done, kMaxCipherPiece));
+        int pieceMoved = 0;
+        if (EVP_CipherUpdate(context.get(), out + moved, &pieceMoved, in + done, piece) != 1)
+            return std::nullopt;
+        moved += pieceMoved;
+        done += piece;
+    }
     int finalMoved = 0;
     if (EVP_CipherFinal_ex(context.get(), out + moved, &finalMoved) != 1) {
         OPENSSL_cleanse(output.data(), size_t(output.size()));

@@ -13,6 +13,7 @@ constexpr char kUrlSafeAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopq
 constexpr char kStandardAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr int kInvalid = -1;
 constexpr qsizetype kDeflateStep = 16384;
+constexpr qsizetype kMaxDeflatePiece = qsizetype(1) << 30;
 
 constexpr std::array<int, 256> decodeTable(const char *alphabet)
 {
@@ -92,20 +93,27 @@ std::optional<QByteArray> zlibDeflate(const QByteArray &bytes)
     if (bytes.isEmpty())
         return QByteArray();
     z_stream stream{};
-    stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(bytes.constData()));
-    stream.avail_in = static_cast<uInt>(bytes.size());
     if (deflateInit(&stream, Z_DEFAULT_COMPRESSION) != Z_OK)
         return std::nullopt;
+    stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(bytes.constData()));
+    qsizetype unread = bytes.size();
 
     QByteArray out(kDeflateStep, Qt::Uninitialized);
-    // Grow in fixed steps until a call leaves room to spare: then the stream is complete.
+    // Grow in fixed steps until a finishing call leaves room to spare: then the stream is complete.
+    int flush = Z_NO_FLUSH;
     do {
+        // zlib counts input in 32 bits: larger input goes in pieces, and only the last piece finishes.
+        if (stream.avail_in == 0 && unread > 0) {
+            stream.avail_in = static_cast<uInt>(qMin<qsizetype>(unread, kMaxDeflatePiece));
+            unread -= stream.avail_in;
+        }
+        flush = unread == 0 ? Z_FINISH : Z_NO_FLUSH;
         if (stream.total_out >= uLong(out.size()))
             out.resize(out.size() + kDeflateStep);
         stream.next_out = reinterpret_cast<Bytef *>(out.data()) + stream.total_out;
         stream.avail_out = static_cast<uInt>(out.size() - qsizetype(stream.total_out));
-        deflate(&stream, Z_FINISH);
-    } while (stream.avail_out == 0);
+        deflate(&stream, flush);
+    } while (stream.avail_out == 0 || flush != Z_FINISH);
     deflateEnd(&stream);
     out.resize(qsizetype(stream.total_out));
     return out;
@@ -132,7 +140,10 @@ std::optional<QString> base64DecodedString(const QString &text)
         flushGroup(group, count, out);
     if (out.isEmpty())
         return std::nullopt;
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    // A leading byte-order mark is kept as the character it is: dropping it would name another path, and
+    // a mark alone would come out as the empty text that callers are promised never to see.
+    QStringDecoder decoder(QStringDecoder::Utf8,
+                           QStringDecoder::Flag::Stateless | QStringDecoder::Flag::ConvertInitialBom);
     QString decoded = decoder(out);
     if (decoder.hasError())
         return std::nullopt;

@@ -69,7 +69,7 @@ quint64 vd_SimpleUtils::sizeOfItem(const QString &path, double maxTime, qint64 *
     if (!S_ISDIR(info.st_mode))
         return quint64(info.st_size);
 
-    const qint64 limitMs = qint64((maxTime > 0 ? maxTime : 10.0) * 1000.0);
+    const qint64 limitNs = qint64((maxTime > 0 ? maxTime : 10.0) * 1e9);
     QElapsedTimer timer;
     timer.start();
     char *roots[] = {const_cast<char *>(native.constData()), nullptr};
@@ -84,7 +84,7 @@ quint64 vd_SimpleUtils::sizeOfItem(const QString &path, double maxTime, qint64 *
             continue;
         if (entry->fts_info == FTS_F)
             total += quint64(entry->fts_statp->st_size);
-        if (timer.elapsed() > limitMs) {
+        if (timer.nsecsElapsed() > limitNs) {
             if (maxReached)
                 *maxReached = true;
             break;

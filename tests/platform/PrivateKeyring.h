@@ -13,9 +13,10 @@ class PrivateKeyring
 {
 public:
     enum class Service {
-        None,        // the bus knows no Secret Service at all
-        Hanging,     // activating the Secret Service starts a program that never registers
-        GnomeKeyring // a real, unlocked gnome-keyring-daemon
+        None,                    // the bus knows no Secret Service at all
+        Hanging,                 // activating the Secret Service starts a program that never registers
+        GnomeKeyring,            // a real gnome-keyring-daemon with an unlocked login keyring
+        GnomeKeyringWithoutLogin // a real daemon that never got a password, so it has no default keyring
     };
 
     explicit PrivateKeyring(Service service);

@@ -8,6 +8,7 @@
 #include <QFileInfo>
 
 #include <gtest/gtest.h>
+#include <libsecret/secret.h>
 #include <sys/stat.h>
 
 namespace {
@@ -19,6 +20,24 @@ mode_t modeOf(const QString &path)
 {
     struct stat info;
     return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? (info.st_mode & 0777) : 0;
+}
+
+// Locks the default keyring as a screen locker would; unlocking it again would take a prompt.
+bool lockDefaultKeyring()
+{
+    SecretService *service = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, nullptr);
+    SecretCollection *collection =
+        service ? secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE,
+                                                   nullptr, nullptr)
+                : nullptr;
+    GList *objects = collection ? g_list_append(nullptr, collection) : nullptr;
+    const gint locked = objects ? secret_service_lock_sync(service, objects, nullptr, nullptr, nullptr) : 0;
+    g_list_free(objects);
+    if (collection)
+        g_object_unref(collection);
+    if (service)
+        g_object_unref(service);
+    return locked == 1;
 }
 
 // The round trip every back end must pass.
@@ -69,17 +88,45 @@ TEST(SecretStore, FileStoreIsPrivateAndRefusesFilesOthersCanRead)
     EXPECT_EQ(file.readAll(), before); // refused, never replaced
 }
 
-TEST(SecretStore, RealGnomeKeyringRoundTrip)
+TEST(SecretStore, RealGnomeKeyringRoundTripAndLockedKeyring)
 {
     TempHome home;
     PrivateKeyring keyring(PrivateKeyring::Service::GnomeKeyring);
     if (!keyring.problem().isEmpty())
         GTEST_SKIP() << keyring.problem().toStdString();
     LibsecretSecretStore store;
+    EXPECT_EQ(store.probe().status, SecretStore::Success);
     exerciseStore(store);
+
+    // A locked item is neither missing nor empty: reading or removing it is refused and it stays.
+    ASSERT_EQ(store.write(kService, kService, kAccount, "kept").status, SecretStore::Success);
+    ASSERT_TRUE(lockDefaultKeyring());
+    QByteArray secret;
+    EXPECT_EQ(store.probe().status, SecretStore::Locked);
+    EXPECT_EQ(store.exists(kService, kAccount).status, SecretStore::Success);
+    EXPECT_EQ(store.read(kService, kAccount, &secret).status, SecretStore::Locked);
+    EXPECT_TRUE(secret.isEmpty());
+    EXPECT_EQ(store.remove(kService, kAccount).status, SecretStore::Locked);
+    EXPECT_EQ(store.exists(kService, kAccount).status, SecretStore::Success);
 }
 
-TEST(SecretStore, UnansweredSecretServiceGivesUpWithinTheDeadline)
+TEST(SecretStore, KeyringWithoutDefaultCollectionLeavesSecretsToTheFile)
+{
+    TempHome home;
+    PrivateKeyring keyring(PrivateKeyring::Service::GnomeKeyringWithoutLogin);
+    if (!keyring.problem().isEmpty())
+        GTEST_SKIP() << keyring.problem().toStdString();
+    // Such a daemon answers searches but fails every store: it must not be chosen.
+    LibsecretSecretStore secretService;
+    EXPECT_EQ(secretService.probe().status, SecretStore::NotAvailable);
+
+    SecretStore &chosen = SecretStore::instance();
+    ASSERT_NE(dynamic_cast<FileSecretStore *>(&chosen), nullptr);
+    EXPECT_EQ(chosen.write(kService, kService, kAccount, "v").status, SecretStore::Success);
+    EXPECT_TRUE(QFileInfo::exists(FileSecretStore::defaultPath()));
+}
+
+TEST(SecretStore, UnansweredSecretServiceFallsBackToTheFileWithinSeconds)
 {
     TempHome home;
     PrivateKeyring keyring(PrivateKeyring::Service::Hanging);
@@ -90,5 +137,13 @@ TEST(SecretStore, UnansweredSecretServiceGivesUpWithinTheDeadline)
     timer.start();
     const SecretStore::Outcome outcome = store.probe();
     EXPECT_EQ(outcome.status, SecretStore::NotAvailable) << outcome.message.toStdString();
+    EXPECT_LT(timer.elapsed(), 4000);
+
+    // The process's own choice, with its default deadline, instead of D-Bus's 25 s.
+    timer.restart();
+    SecretStore &chosen = SecretStore::instance();
     EXPECT_LT(timer.elapsed(), 5000);
+    ASSERT_NE(dynamic_cast<FileSecretStore *>(&chosen), nullptr);
+    EXPECT_EQ(chosen.write(kService, kService, kAccount, "v").status, SecretStore::Success);
+    EXPECT_TRUE(QFileInfo::exists(FileSecretStore::defaultPath()));
 }

@@ -4,8 +4,14 @@
 #include <QFile>
 #include <QTemporaryDir>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <zlib.h>
+
+#include <chrono>
+#include <future>
 
 namespace {
 
@@ -40,6 +46,27 @@ TEST(Checksum, KnownDigestsAndMissingFiles)
     EXPECT_TRUE(vd_Checksum::hashFile(abc, 0, &md5, nullptr));
     EXPECT_EQ(md5, QStringLiteral("900150983cd24fb0d6963f7d28e17f72"));
     EXPECT_EQ(crc, QStringLiteral("unset"));
+}
+
+TEST(Checksum, OnlyRegularFilesAreRead)
+{
+    QTemporaryDir dir;
+    QString md5, crc, error;
+    EXPECT_FALSE(vd_Checksum::hashFile(dir.path(), 0, &md5, &crc, &error));
+    EXPECT_FALSE(error.isEmpty());
+
+    // A pipe with no writer must be refused at once, not wait for a writer that never comes.
+    const QByteArray fifo = QFile::encodeName(dir.filePath(QStringLiteral("pipe")));
+    ASSERT_EQ(::mkfifo(fifo.constData(), 0600), 0);
+    auto pending =
+        std::async(std::launch::async, [&] { return vd_Checksum::crc32(QFile::decodeName(fifo)); });
+    const bool answered = pending.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    if (!answered)
+        ::close(::open(fifo.constData(), O_WRONLY)); // lets the stuck reader see an end of file
+    EXPECT_TRUE(answered);
+    EXPECT_EQ(pending.get(), QString());
+    EXPECT_EQ(vd_Checksum::crc32(QStringLiteral("/dev/zero")), QString());
+    EXPECT_TRUE(md5.isEmpty() && crc.isEmpty());
 }
 
 TEST(Checksum, ChunkBoundariesAndHeaderSkipAgreeWithSinglePassDigests)

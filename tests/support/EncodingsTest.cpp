@@ -72,6 +72,8 @@ TEST(Encodings, StandardBase64ReaderSkipsForeignCharactersAndWantsUtf8)
     EXPECT_EQ(base64DecodedString(QStringLiteral("L1VzZXJzL3gv\u00e9RHJvc*GJveA")), dropbox);
     EXPECT_EQ(base64DecodedString(QString::fromLatin1(QByteArray("/tmp/\xc3\xa9t\xc3\xa9").toBase64())),
               QStringLiteral("/tmp/\u00e9t\u00e9"));
+    EXPECT_EQ(base64DecodedString(QStringLiteral("77u/L3g=")), QStringLiteral("\ufeff/x"));
+    EXPECT_EQ(base64DecodedString(QStringLiteral("77u/")), QStringLiteral("\ufeff"));
 
     EXPECT_EQ(base64DecodedString(QString()), std::nullopt);
     EXPECT_EQ(base64DecodedString(QStringLiteral("====")), std::nullopt);
