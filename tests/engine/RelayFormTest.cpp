@@ -1,5 +1,9 @@
 #include "engine/RelayForm.h"
 
+#include "common/TempHome.h"
+#include "engine/vd_Searcher.h"
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
 #include "support/Encodings.h"
 
 #include <QJsonArray>
@@ -90,4 +94,25 @@ TEST(RelayForm, EncryptedResultsCarryOnlyCiphertextAndTheHints)
     EXPECT_EQ(RelayForm::fieldText(true), QStringLiteral("1"));
     EXPECT_EQ(RelayForm::fieldText(QJsonArray({"a", 1, false})), QStringLiteral("a,1,0"));
     EXPECT_EQ(RelayForm::fieldText(QJsonArray({QJsonArray{1}})), std::nullopt);
+}
+
+TEST(RelayForm, RequestDeadlineIsSixtySecondsUnlessConfigured)
+{
+    TempHome home;
+    qunsetenv("VANDREL_RELAY_TIMEOUT");
+    EXPECT_EQ(vd_Searcher::relayDeadlineMs(), 60000);
+    qputenv("VANDREL_RELAY_TIMEOUT", "2.5");
+    EXPECT_EQ(vd_Searcher::relayDeadlineMs(), 2500);
+    for (const char *nonsense : {"0", "-3", "soon", ""}) {
+        qputenv("VANDREL_RELAY_TIMEOUT", nonsense);
+        EXPECT_EQ(vd_Searcher::relayDeadlineMs(), 60000) << nonsense;
+    }
+    qunsetenv("VANDREL_RELAY_TIMEOUT");
+    UserDefaults::setValue(SettingsKeys::RelayRequestTimeout, 5);
+    EXPECT_EQ(vd_Searcher::relayDeadlineMs(), 5000);
+
+    qputenv("VANDREL_RELAY_URL", "http://127.0.0.1:9//");
+    EXPECT_EQ(vd_Searcher::resultURL(), QStringLiteral("http://127.0.0.1:9/result"));
+    qunsetenv("VANDREL_RELAY_URL");
+    EXPECT_EQ(vd_Searcher::resultURL(), QString());
 }
