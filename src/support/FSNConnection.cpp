@@ -19,6 +19,8 @@
 
 namespace {
 
+constexpr qint64 kReadBufferBytes = 1024 * 1024;
+
 const QByteArray kBoundary = QByteArrayLiteral("--FSN-POST-boundary-wXzBVZAKUhpccuA9");
 
 std::recursive_mutex gLiveLock;
@@ -210,6 +212,8 @@ std::shared_ptr<FSNConnection> FSNConnection::start()
                                        ? manager.get(built.request)
                                        : manager.post(built.request, built.body);
             self->m_reply = reply;
+            // Without a bound the network thread reads a whole reply ahead of us, cap or no cap.
+            reply->setReadBufferSize(std::min(self->m_maxResponseBytes, kReadBufferBytes) + 1);
             QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, [self] { self->onMetaData(); });
             QObject::connect(reply, &QNetworkReply::readyRead, reply, [self] { self->onReadyRead(); });
             QObject::connect(reply, &QNetworkReply::finished, reply, [self] { self->onFinished(); });

@@ -1,0 +1,98 @@
+#include "support/FSNCategories.h"
+
+#include "support/FSNData.h"
+
+#include <QJsonArray>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+TEST(FSNCategories, UrlEncoding)
+{
+    EXPECT_EQ(urlEncodedString(QStringLiteral("x y&z")), QStringLiteral("x%20y%26z"));
+    EXPECT_EQ(urlEncodedString(QStringLiteral("!*'();:@&=+$,/?%#[]")),
+              QStringLiteral("%21%2A%27%28%29%3B%3A%40%26%3D%2B%24%2C%2F%3F%25%23%5B%5D"));
+    EXPECT_EQ(urlEncodedString(QStringLiteral("aZ09-._~")), QStringLiteral("aZ09-._~"));
+    EXPECT_EQ(urlEncodedString(QString::fromUtf8("é\"<")), QStringLiteral("%C3%A9%22%3C"));
+
+    EXPECT_EQ(urlEncodedString(QVariant(-42)), QStringLiteral("-42"));
+    EXPECT_EQ(urlEncodedString(QVariant(quint64(18446744073709551615ULL))),
+              QStringLiteral("18446744073709551615"));
+    EXPECT_EQ(urlEncodedString(QVariant(0.1)), QStringLiteral("0.1"));
+    EXPECT_EQ(urlEncodedString(QVariant(true)), QStringLiteral("1"));
+    // Elements are escaped, commas in them too, but the joining comma is not.
+    EXPECT_EQ(urlEncodedString(
+                  QVariant(QVariantList{QStringLiteral("a,b"), 3, QVariantList{QStringLiteral("c d")}})),
+              QStringLiteral("a%2Cb,3,c%20d"));
+    EXPECT_EQ(urlEncodedString(QVariant(QStringList{QStringLiteral("x"), QStringLiteral("y")})),
+              QStringLiteral("x,y"));
+
+    EXPECT_FALSE(isValueAcceptable(QVariant(QVariantMap{{QStringLiteral("k"), 1}})));
+    EXPECT_FALSE(isValueAcceptable(QVariant(QByteArray("bytes"))));
+    EXPECT_FALSE(isValueAcceptable(QVariant()));
+    EXPECT_FALSE(isValueAcceptable(QVariant(QVariantList{1, QVariantMap()})));
+    EXPECT_FALSE(isValueAcceptable(QVariant::fromValue(FSNData(QByteArray("x")))));
+    EXPECT_TRUE(isValueAcceptable(QVariant(QVariantList())));
+
+    const QVariantMap parameters{{QStringLiteral("b"), QStringLiteral("x y&z")},
+                                 {QStringLiteral("a key"), 5},
+                                 {QStringLiteral("bad"), QVariantMap()},
+                                 {QStringLiteral("list"), QVariantList{1, 2}}};
+    EXPECT_EQ(urlQueryString(parameters), QStringLiteral("a%20key=5&b=x%20y%26z&list=1,2"));
+    EXPECT_EQ(urlQueryString({{QStringLiteral("only"), QVariantMap()}}), QString());
+}
+
+TEST(FSNCategories, DictionaryFromJSON)
+{
+    std::optional<FSNError> error;
+    const std::optional<QJsonObject> object =
+        dictionaryFromJSONWithError(R"({"requests":[{"a":1}]})", &error);
+    ASSERT_TRUE(object);
+    EXPECT_FALSE(error);
+    EXPECT_EQ(object->value(QStringLiteral("requests")).toArray().size(), 1);
+
+    EXPECT_FALSE(dictionaryFromJSONWithError("[1, 2]", &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain, QStringLiteral("FSNConnectionErrorDomain"));
+    EXPECT_EQ(error->code, 1);
+    EXPECT_EQ(error->description, QStringLiteral("JSON result is not a dictionary; type: QJsonArray"));
+    EXPECT_EQ(error->result.toJsonArray(), (QJsonArray{1, 2}));
+
+    for (const QByteArray &bad :
+         {QByteArray(), QByteArray("{\"a\":"), QByteArray("3"), QByteArray("\xff\xfe{}"),
+          QByteArray(100000, '[') + QByteArray(100000, ']')}) {
+        error.reset();
+        EXPECT_FALSE(dictionaryFromJSONWithError(bad, &error)) << bad.left(20).constData();
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->domain, FSNJsonErrorDomain);
+        EXPECT_NE(error->code, 0);
+    }
+    EXPECT_FALSE(dictionaryFromJSONWithError("[]"));
+}
+
+TEST(FSNCategories, DataPartsAndHelpers)
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("part.bin"));
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(QByteArray("\0\1binary", 8));
+    file.close();
+
+    const std::optional<FSNData> part = FSNData::withDataPath(path, QStringLiteral("part.bin"));
+    ASSERT_TRUE(part);
+    EXPECT_EQ(part->data(), QByteArray("\0\1binary", 8));
+    EXPECT_EQ(part->fileName(), QStringLiteral("part.bin"));
+    EXPECT_FALSE(part->mimeTypeString());
+    EXPECT_FALSE(FSNData::withDataPath(dir.filePath(QStringLiteral("missing"))));
+    EXPECT_FALSE(FSNData::withDataPath(dir.path()));
+
+    EXPECT_EQ(FSNData({}, FSNData::MimeTypeJSON).mimeTypeString(), QStringLiteral("application/json"));
+    EXPECT_EQ(FSNData({}, FSNData::MimeTypeJPEG).mimeTypeString(), QStringLiteral("image/jpeg"));
+    EXPECT_FALSE(FSNData({}, static_cast<FSNData::MimeType>(7)).mimeTypeString());
+
+    EXPECT_TRUE(httpCodeIsOfClass(204, 2));
+    EXPECT_TRUE(httpCodeIsOfClass(599, 5));
+    EXPECT_FALSE(httpCodeIsOfClass(300, 2));
+    EXPECT_NEAR(posixTime(), double(QDateTime::currentMSecsSinceEpoch()) / 1000.0, 1.0);
+}
