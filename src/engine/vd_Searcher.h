@@ -75,8 +75,8 @@ public:
     static bool sActive(const QDateTime &now = QDateTime::currentDateTimeUtc());
     // "idle" while a user is being served, "active" otherwise: the words are inverted on purpose.
     static QString statusString(const QDateTime &now = QDateTime::currentDateTimeUtc());
-    // The RelayServer's "/result" address, or an empty URL when none is configured.
-    static QString resultURL();
+    // The RelayServer's address without a trailing "/", or "" when none is configured.
+    static QString relayBaseURL();
     // A request's overall deadline in milliseconds, from the settings.
     static int relayDeadlineMs();
 

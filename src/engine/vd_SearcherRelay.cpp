@@ -63,12 +63,12 @@ void vd_Searcher::checkForUserHungUp()
 void vd_Searcher::maintenance()
 {}
 
-QString vd_Searcher::resultURL()
+QString vd_Searcher::relayBaseURL()
 {
     QString base = UserDefaults::stringValue(SettingsKeys::RelayServerURL).trimmed();
     while (base.endsWith(u'/'))
         base.chop(1);
-    return base.isEmpty() ? QString() : base + QStringLiteral("/result");
+    return base;
 }
 
 int vd_Searcher::relayDeadlineMs()
@@ -86,7 +86,7 @@ void vd_Searcher::postResultAndGetMoreRequests(const std::optional<QJsonObject> 
     const std::optional<QJsonObject> sessions = isUserActivelyUsingUs(storageRoot);
     if (!sessions)
         return;
-    const QString url = resultURL();
+    const QString url = relayBaseURL();
     if (url.isEmpty()) {
         static std::once_flag warned;
         std::call_once(warned, [] {

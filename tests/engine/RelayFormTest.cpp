@@ -112,7 +112,7 @@ TEST(RelayForm, RequestDeadlineIsSixtySecondsUnlessConfigured)
     EXPECT_EQ(vd_Searcher::relayDeadlineMs(), 5000);
 
     qputenv("VANDREL_RELAY_URL", "http://127.0.0.1:9//");
-    EXPECT_EQ(vd_Searcher::resultURL(), QStringLiteral("http://127.0.0.1:9/result"));
+    EXPECT_EQ(vd_Searcher::relayBaseURL(), QStringLiteral("http://127.0.0.1:9"));
     qunsetenv("VANDREL_RELAY_URL");
-    EXPECT_EQ(vd_Searcher::resultURL(), QString());
+    EXPECT_EQ(vd_Searcher::relayBaseURL(), QString());
 }
