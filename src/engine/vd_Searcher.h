@@ -1,16 +1,29 @@
 #pragma once
 
+#include <QByteArray>
 #include <QDateTime>
 #include <QJsonObject>
+#include <QRunnable>
 #include <QString>
+#include <QThreadPool>
 
 #include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
 #include <optional>
 
-// The request engine. This part: the WebApp sessions of each StorageRoot and the user-activity clock.
-class vd_Searcher
+class vd_FileCompareCache;
+struct FSNError;
+struct RelayForm;
+
+// The request engine. The class side is the relay loop, the WebApp sessions and the user-activity clock;
+// an instance is one request, run once on the operation queue.
+class vd_Searcher : public QRunnable
 {
 public:
+    // --- Sessions and user activity ---
+
     // The sessions of "<root>/data.vdldata/sessions": session id -> the file's JSON object (readFiles) or
     // {"session_file_url": its URL}. Direct children named "*.json" only, hidden ones skipped, a folder
     // counting like a file. None when there are no sessions. Reads names only unless readFiles is set, so
@@ -33,4 +46,104 @@ public:
 
     // Seconds since 2001-01-01 UTC, the clock's own scale.
     static double referenceSeconds(const QDateTime &date);
+
+    // --- The relay loop (main thread unless said otherwise) ---
+
+    // Starts the poll (every second), the session expiry (every minute) and the hourly maintenance timers
+    // on the main thread, then refreshes the matched-files cache. Later calls do nothing.
+    static void initializeThings();
+    // The one queue every request runs on: at most 4 at once, searches first.
+    static QThreadPool &opQ();
+    // One poll per StorageRoot that holds a session; nothing for the others.
+    static void postResultAndGetMoreRequestsTimer();
+    // Posts the result (when any) and the StorageRoot's sessions to the relay and returns at once; the
+    // reply's requests are queued from the connection's thread. Nothing is sent for a result marked
+    // "dont_post", nor when the StorageRoot holds no session (the result is dropped). Safe from any thread.
+    static void postResultAndGetMoreRequests(const std::optional<QJsonObject> &result,
+                                             const QString &storageRoot,
+                                             const std::optional<QByteArray> &rawData);
+    // The relay's reply body: queues its "requests" and answers whether the body was a JSON object (else
+    // the error, when asked for, says why). Runs on the connection's thread.
+    static bool runRequestsFromReply(const QByteArray &body, std::optional<FSNError> *error = nullptr);
+    // Queues one operation per request object, opening envelopes first so that a decrypted search gets the
+    // search priority. Anything but an array queues nothing; elements that are not objects are skipped.
+    static void runRequests(const QJsonValue &requests);
+    static void checkForUserHungUp();
+    // The hourly hook; nothing needs doing yet.
+    static void maintenance();
+    // A user was seen within the last 60 s.
+    static bool sActive(const QDateTime &now = QDateTime::currentDateTimeUtc());
+    // "idle" while a user is being served, "active" otherwise: the words are inverted on purpose.
+    static QString statusString(const QDateTime &now = QDateTime::currentDateTimeUtc());
+    // The RelayServer's address without a trailing "/", or "" when none is configured.
+    static QString relayBaseURL();
+    // A request's overall deadline in milliseconds, from the settings.
+    static int relayDeadlineMs();
+
+    // --- Authentication (any thread; the password is read afresh on every call) ---
+
+    static QString encryptionKey();
+    static QString encryptResult(const QJsonObject &result, const std::optional<QByteArray> &rawData);
+
+    // --- The matched-files cache (any thread) ---
+
+    // The StorageRoot's cache, created empty on first use. The path is used exactly as given.
+    static std::shared_ptr<vd_FileCompareCache> getCompareCache(const QString &storageRoot);
+    // Points every StorageRoot's cache at its uploads folder and rebuilds them, unless a refresh ended
+    // less than 60 s ago and force is off. Blocks its caller 0.2 s.
+    static void refreshMatchedFilesCache(bool force = false,
+                                         const QDateTime &now = QDateTime::currentDateTimeUtc());
+
+    // --- One request ---
+
+    // The handlers of the request types. A handler writes its answer into the record and may set raw
+    // output bytes on the operation; it never posts. A type with no registered handler is answered with
+    // the record as it came.
+    enum class HandlerSlot { Search, Preview, Thumb, CopyToDropbox, MoveFromDropbox, ItemInfo };
+    using Handler = std::function<void(vd_Searcher &operation, QJsonObject &request)>;
+    static void registerHandler(HandlerSlot slot, Handler handler);
+
+    explicit vd_Searcher(const QJsonObject &request = {});
+
+    std::optional<QJsonObject> theRequest() const;
+    void setTheRequest(const std::optional<QJsonObject> &request);
+    std::optional<QByteArray> outRawData() const;
+    void setOutRawData(const std::optional<QByteArray> &data);
+
+    // The queue priority of a request: 8 for a search, 0 for everything else.
+    static int queuePriority(const QJsonObject &request);
+
+    // Resolves the StorageRoot, checks the password, runs the handler, stamps and posts the record, then
+    // clears it. A request whose session is in no StorageRoot is dropped with a log line.
+    void main();
+    // Run by the queue: main, counted out of the waiting requests.
+    void run() override;
+
+    // The StorageRoot whose sessions folder holds the request's "os_session", or none.
+    std::optional<QString> getStorage_path() const;
+    static std::optional<QString> getStorage_path(const QString &sessionId);
+
+    bool passwordOK_OrRootInfo() const;
+    // A failed search or envelope is answered with "auth_error"; any other request is dropped unanswered.
+    void handleRequestIfWrongPassword(const QString &storageRoot);
+    // Opens an "encrypted" envelope in place (see RequestAuth::decryptRequest).
+    void decryptRequest();
+
+    void handleSearchRequest(QJsonObject &request);
+    void handlePreviewRequest(QJsonObject &request);
+    void handleThumbRequest(QJsonObject &request);
+    void handleCopyToDropboxRequest(QJsonObject &request);
+    void handleMoveFromDropboxRequest(QJsonObject &request);
+    void handleItemInfoRequest(QJsonObject &request);
+
+private:
+    void runHandler(HandlerSlot slot, QJsonObject &request);
+    // Sends one poll and returns at once; the reply is handed to runRequestsFromReply on the connection's
+    // thread.
+    static void startRelayPost(const QString &url, const RelayForm &form);
+
+    mutable std::mutex m_requestLock;
+    std::optional<QJsonObject> m_theRequest; // guarded by m_requestLock
+    mutable std::mutex m_rawDataLock;
+    std::optional<QByteArray> m_outRawData; // guarded by m_rawDataLock
 };

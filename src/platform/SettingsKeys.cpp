@@ -16,6 +16,7 @@ const std::vector<Setting> &all()
         {WebSiteURL, QString(), nullptr},
         {SupportURL, QString(), nullptr},
         {LinkServiceURL, QString(), nullptr},
+        {RelayRequestTimeout, 60, "VANDREL_RELAY_TIMEOUT"},
         {IndexedRoots, QStringList(), nullptr},
         {IndexExcludes, QStringList(), nullptr},
     };

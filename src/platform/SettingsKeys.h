@@ -22,6 +22,9 @@ inline const QString WebAppURL = QStringLiteral("WebAppURL");
 inline const QString WebSiteURL = QStringLiteral("WebSiteURL");
 inline const QString SupportURL = QStringLiteral("SupportURL");
 inline const QString LinkServiceURL = QStringLiteral("LinkServiceURL");
+// Seconds a relay request may take in all before it is abandoned, so a hung relay cannot pile up
+// connections.
+inline const QString RelayRequestTimeout = QStringLiteral("RelayRequestTimeout");
 
 // The metadata index: folders to index and names to leave out (lists; empty means the built-in choice).
 inline const QString IndexedRoots = QStringLiteral("IndexedRoots");

@@ -1,0 +1,171 @@
+// The request engine's own cost, in a temporary home:
+//  - an idle tick (two StorageRoots, no session): CPU time per tick;
+//  - a reply received to its result posted, for one request of an unknown type, against a minimal relay on
+//    127.0.0.1 that answers every post with no requests: wall time from handing the body to the engine
+//    until the result's POST has fully arrived at the relay.
+// Usage: bench_engine [ROUNDS]   (default 200)
+#include "engine/vd_Searcher.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QLoggingCategory>
+#include <QTemporaryDir>
+#include <QTextStream>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+namespace {
+
+double cpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+void writeFile(const QString &path, const QByteArray &content)
+{
+    QDir().mkpath(path.section(u'/', 0, -2));
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly))
+        file.write(content);
+}
+
+// Accepts connections and answers each POST with an empty request list; counts the posts that carry a
+// "result" field, each counted once its whole body has arrived.
+class MiniRelay
+{
+public:
+    MiniRelay()
+    {
+        m_listener = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ::bind(m_listener, reinterpret_cast<sockaddr *>(&address), sizeof address);
+        ::listen(m_listener, 64);
+        socklen_t length = sizeof address;
+        ::getsockname(m_listener, reinterpret_cast<sockaddr *>(&address), &length);
+        m_port = ntohs(address.sin_port);
+        m_acceptor = std::thread([this] { acceptLoop(); });
+    }
+    ~MiniRelay()
+    {
+        ::shutdown(m_listener, SHUT_RDWR);
+        ::close(m_listener);
+        m_acceptor.join();
+        for (std::thread &thread : m_connections)
+            thread.join();
+    }
+    int port() const { return m_port; }
+    int results() const { return m_results.load(); }
+
+private:
+    void acceptLoop()
+    {
+        for (;;) {
+            const int fd = ::accept(m_listener, nullptr, nullptr);
+            if (fd < 0)
+                return;
+            m_connections.emplace_back([this, fd] { serve(fd); });
+        }
+    }
+    void serve(int fd)
+    {
+        QByteArray buffer;
+        char chunk[65536];
+        for (;;) {
+            const qsizetype headEnd = buffer.indexOf("\r\n\r\n");
+            if (headEnd >= 0) {
+                const QByteArray head = buffer.left(headEnd).toLower();
+                const qsizetype at = head.indexOf("content-length:");
+                const qsizetype length =
+                    at < 0 ? 0 : head.mid(at + 15).split('\r').first().trimmed().toLongLong();
+                if (buffer.size() >= headEnd + 4 + length) {
+                    if (buffer.mid(headEnd + 4, length).contains("result="))
+                        m_results.fetch_add(1);
+                    buffer.remove(0, headEnd + 4 + length);
+                    static const QByteArray reply = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
+                                                    "Content-Length: 15\r\n\r\n{\"requests\":[]}";
+                    if (::write(fd, reply.constData(), size_t(reply.size())) < 0)
+                        break;
+                    continue;
+                }
+            }
+            const ssize_t got = ::read(fd, chunk, sizeof chunk);
+            if (got <= 0)
+                break;
+            buffer.append(chunk, got);
+        }
+        ::close(fd);
+    }
+
+    int m_listener = -1;
+    int m_port = 0;
+    std::atomic<int> m_results{0};
+    std::thread m_acceptor;
+    std::vector<std::thread> m_connections;
+};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    const int rounds = argc > 1 ? std::max(1, atoi(argv[1])) : 200;
+    QTemporaryDir home;
+    qputenv("HOME", QFile::encodeName(home.path()));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(home.filePath(QStringLiteral(".config"))));
+    qputenv("XDG_DATA_HOME", QFile::encodeName(home.filePath(QStringLiteral(".local/share"))));
+    qputenv("VANDREL_KEYCHAIN", "file");
+    QLoggingCategory::setFilterRules(QStringLiteral("vd.*=false"));
+    const QString box = home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
+    writeFile(box + QStringLiteral("/data.vdldata/sessions_are_here.json"), "{}");
+    QDir().mkpath(home.filePath(QStringLiteral("GDrive/Apps/vandrel")));
+    QTextStream out(stdout);
+
+    // Idle ticks: no session anywhere, so nothing is sent.
+    vd_Searcher::postResultAndGetMoreRequestsTimer();
+    const double idleStart = cpuSeconds();
+    QElapsedTimer idleClock;
+    idleClock.start();
+    const int ticks = rounds * 10;
+    for (int i = 0; i < ticks; ++i)
+        vd_Searcher::postResultAndGetMoreRequestsTimer();
+    out << "idle tick, two StorageRoots: " << (cpuSeconds() - idleStart) / ticks * 1e6 << " us CPU, "
+        << double(idleClock.nsecsElapsed()) / ticks / 1000 << " us wall per tick (" << ticks << " ticks)\n";
+
+    MiniRelay relay;
+    qputenv("VANDREL_RELAY_URL", QStringLiteral("http://127.0.0.1:%1").arg(relay.port()).toUtf8());
+    writeFile(box + QStringLiteral("/data.vdldata/sessions/s1.json"), "{}");
+    const QByteArray body =
+        R"({"requests":[{"request_type":"unknown","os_session":"s1","search_dir":"root_folders"}]})";
+    std::vector<double> micros;
+    for (int i = 0; i < rounds; ++i) {
+        const int before = relay.results();
+        QElapsedTimer clock;
+        clock.start();
+        vd_Searcher::runRequestsFromReply(body);
+        while (relay.results() == before && clock.elapsed() < 10000)
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+        micros.push_back(double(clock.nsecsElapsed()) / 1000);
+    }
+    std::sort(micros.begin(), micros.end());
+    out << "reply received to result posted (unknown type): median " << micros[micros.size() / 2]
+        << " us, p90 " << micros[micros.size() * 9 / 10] << " us, max " << micros.back() << " us (" << rounds
+        << " rounds)\n";
+    out.flush();
+    vd_Searcher::opQ().waitForDone();
+    return 0;
+}

@@ -1,0 +1,151 @@
+#include "engine/EngineLog.h"
+#include "engine/RelayForm.h"
+#include "engine/vd_Searcher.h"
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
+#include "utils/vd_FileUtils.h"
+
+#include <QCoreApplication>
+#include <QJsonArray>
+#include <QTimer>
+
+namespace {
+
+constexpr double kActiveWindowSeconds = 60.0;
+constexpr int kMaxThreads = 4;
+// Requests waiting beyond this many are dropped: a relay that floods the agent must not exhaust memory.
+constexpr int kMaxWaitingRequests = 10000;
+
+std::atomic<bool> s_initialised{false};
+std::atomic<int> s_waitingRequests{0};
+
+} // namespace
+
+void vd_Searcher::initializeThings()
+{
+    if (s_initialised.exchange(true))
+        return;
+    QObject *owner = QCoreApplication::instance();
+    const auto every = [owner](std::chrono::milliseconds interval, void (*slot)()) {
+        auto *timer = new QTimer(owner);
+        QObject::connect(timer, &QTimer::timeout, slot);
+        timer->start(interval);
+    };
+    using namespace std::chrono_literals;
+    every(60s, &vd_Searcher::checkForUserHungUp);
+    every(3600s, &vd_Searcher::maintenance);
+    every(1s, &vd_Searcher::postResultAndGetMoreRequestsTimer);
+    refreshMatchedFilesCache();
+}
+
+QThreadPool &vd_Searcher::opQ()
+{
+    static QThreadPool *queue = [] {
+        auto *pool = new QThreadPool;
+        pool->setMaxThreadCount(kMaxThreads);
+        return pool;
+    }();
+    return *queue;
+}
+
+void vd_Searcher::postResultAndGetMoreRequestsTimer()
+{
+    for (const QString &root : vd_FileUtils::storageFoldersDropBoxGDriveEtc())
+        postResultAndGetMoreRequests(std::nullopt, root, std::nullopt);
+}
+
+void vd_Searcher::checkForUserHungUp()
+{
+    for (const QString &root : vd_FileUtils::storageFoldersDropBoxGDriveEtc())
+        eraseOldOSSessions(root);
+}
+
+void vd_Searcher::maintenance()
+{}
+
+QString vd_Searcher::relayBaseURL()
+{
+    QString base = UserDefaults::stringValue(SettingsKeys::RelayServerURL).trimmed();
+    while (base.endsWith(u'/'))
+        base.chop(1);
+    return base;
+}
+
+int vd_Searcher::relayDeadlineMs()
+{
+    const double seconds = UserDefaults::value(SettingsKeys::RelayRequestTimeout).toDouble();
+    return seconds > 0 ? int(std::min(seconds, 86400.0) * 1000) : 60000;
+}
+
+void vd_Searcher::postResultAndGetMoreRequests(const std::optional<QJsonObject> &result,
+                                               const QString &storageRoot,
+                                               const std::optional<QByteArray> &rawData)
+{
+    if (result && result->value(QStringLiteral("dont_post")) == QJsonValue(true))
+        return;
+    const std::optional<QJsonObject> sessions = isUserActivelyUsingUs(storageRoot);
+    if (!sessions)
+        return;
+    const QString url = relayBaseURL();
+    if (url.isEmpty()) {
+        static std::once_flag warned;
+        std::call_once(warned, [] {
+            qCWarning(lcEngine).noquote()
+                << "no RelayServer address: set RelayServerURL in the settings or VANDREL_RELAY_URL";
+        });
+        return;
+    }
+    const RelayForm form = RelayForm::build(result, sessions->keys(), vd_FileUtils::getComputerUUID(),
+                                            [&] { return encryptResult(*result, rawData); });
+    startRelayPost(url, form);
+}
+
+void vd_Searcher::runRequests(const QJsonValue &requests)
+{
+    if (!requests.isArray())
+        return;
+    const QJsonArray list = requests.toArray();
+    qsizetype dropped = 0;
+    qsizetype notObjects = 0;
+    for (const QJsonValue &element : list) {
+        if (!element.isObject()) {
+            ++notObjects;
+            continue;
+        }
+        if (s_waitingRequests.load() >= kMaxWaitingRequests) {
+            ++dropped;
+            continue;
+        }
+        QJsonObject request = element.toObject();
+        // Only the agent may vouch for a decrypted request; the relay cannot.
+        request.remove(QStringLiteral("request_decrypted_ok"));
+        auto *operation = new vd_Searcher(request);
+        if (request.value(QStringLiteral("request_type")) == QStringLiteral("encrypted"))
+            operation->decryptRequest();
+        const int priority = queuePriority(operation->theRequest().value_or(QJsonObject()));
+        s_waitingRequests.fetch_add(1);
+        opQ().start(operation, priority);
+    }
+    if (notObjects > 0)
+        qCWarning(lcEngine).noquote()
+            << QStringLiteral("skipped %1 requests that are not objects").arg(notObjects);
+    if (dropped > 0)
+        qCWarning(lcEngine).noquote()
+            << QStringLiteral("request queue full, dropped %1 requests").arg(dropped);
+}
+
+void vd_Searcher::run()
+{
+    s_waitingRequests.fetch_sub(1);
+    main();
+}
+
+bool vd_Searcher::sActive(const QDateTime &now)
+{
+    return referenceSeconds(now) - gLastSessionActive.load() <= kActiveWindowSeconds;
+}
+
+QString vd_Searcher::statusString(const QDateTime &now)
+{
+    return sActive(now) ? QStringLiteral("idle") : QStringLiteral("active");
+}

@@ -1,0 +1,235 @@
+#include "common/TempHome.h"
+#include "engine/RequestAuth.h"
+#include "engine/vd_Searcher.h"
+#include "handlers/vd_FileCompareCache.h"
+#include "support/AesCipher.h"
+#include "support/Encodings.h"
+#include "utils/vd_FileUtils.h"
+#include "utils/vd_SimpleUtils.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+
+namespace {
+
+// A home with two StorageRoots: Dropbox first, then Google Drive; a session "box" in the first and
+// "drive" in the second.
+struct TwoRoots
+{
+    TwoRoots()
+    {
+        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
+        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions/box.json"), "{}");
+        home.writeFile(QStringLiteral("GDrive/Apps/vandrel/data.vdldata/sessions/drive.json"), "{}");
+        box = home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
+        drive = home.filePath(QStringLiteral("GDrive/Apps/vandrel"));
+    }
+    TempHome home;
+    QString box;
+    QString drive;
+};
+
+// Records the records the handlers see, and can hold the queue's threads until released.
+struct HandlerProbe
+{
+    HandlerProbe()
+    {
+        using Slot = vd_Searcher::HandlerSlot;
+        for (Slot slot : {Slot::Search, Slot::Preview, Slot::Thumb, Slot::CopyToDropbox,
+                          Slot::MoveFromDropbox, Slot::ItemInfo})
+            vd_Searcher::registerHandler(slot, [this, slot](vd_Searcher &operation, QJsonObject &request) {
+                std::unique_lock lock(mutex);
+                seen.append(request);
+                slots.push_back(slot);
+                request.insert(QStringLiteral("handled"), true);
+                operation.setOutRawData(QByteArray("raw"));
+                changed.notify_all();
+                if (slot == Slot::ItemInfo)
+                    changed.wait(lock, [this] { return released; });
+            });
+    }
+    ~HandlerProbe()
+    {
+        release();
+        vd_Searcher::opQ().waitForDone();
+        using Slot = vd_Searcher::HandlerSlot;
+        for (Slot slot : {Slot::Search, Slot::Preview, Slot::Thumb, Slot::CopyToDropbox,
+                          Slot::MoveFromDropbox, Slot::ItemInfo})
+            vd_Searcher::registerHandler(slot, {});
+    }
+    void release()
+    {
+        std::lock_guard lock(mutex);
+        released = true;
+        changed.notify_all();
+    }
+    bool waitForCount(qsizetype count)
+    {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return seen.size() >= count; });
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool released = false;
+    QList<QJsonObject> seen;
+    std::vector<vd_Searcher::HandlerSlot> slots;
+};
+
+QJsonObject request(std::initializer_list<std::pair<const char *, QJsonValue>> members)
+{
+    QJsonObject object;
+    for (const auto &[key, value] : members)
+        object.insert(QString::fromLatin1(key), value);
+    return object;
+}
+
+struct LogCapture
+{
+    static inline QStringList lines;
+    static void handler(QtMsgType, const QMessageLogContext &, const QString &message) { lines << message; }
+    QtMessageHandler previous = qInstallMessageHandler(handler);
+    LogCapture() { lines.clear(); }
+    ~LogCapture() { qInstallMessageHandler(previous); }
+};
+
+} // namespace
+
+TEST(Operation, ResolvesTheSessionChecksThePasswordAndDispatchesByExactType)
+{
+    TwoRoots roots;
+    HandlerProbe probe;
+    probe.release();
+    LogCapture log;
+    const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey());
+
+    vd_Searcher inDrive(request({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
+    inDrive.main();
+    ASSERT_EQ(probe.seen.size(), 1);
+    EXPECT_EQ(probe.slots.back(), vd_Searcher::HandlerSlot::ItemInfo);
+    EXPECT_EQ(probe.seen.back().value(QStringLiteral("vandrel_folder")), roots.drive);
+    EXPECT_EQ(inDrive.theRequest(), std::nullopt);
+
+    // Case matters; an unknown type reaches no handler but is still stamped and answered.
+    vd_Searcher capital(request({{"request_type", "Search"}, {"os_session", "box"}, {"pword_hash", hash}}));
+    capital.main();
+    EXPECT_EQ(probe.seen.size(), 1);
+    EXPECT_TRUE(log.lines.contains(QStringLiteral("unknown request type found, Search")));
+    EXPECT_EQ(capital.theRequest(), std::nullopt);
+
+    // No session, or one in no StorageRoot: dropped before any check, the record in the log.
+    vd_Searcher orphan(request({{"request_type", "search"}, {"search_dir", "root_folders"}}));
+    orphan.main();
+    vd_Searcher stranger(request({{"request_type", "search"}, {"os_session", "gone"}, {"pword_hash", hash}}));
+    stranger.main();
+    EXPECT_EQ(probe.seen.size(), 1);
+    EXPECT_TRUE(log.lines.contains(
+        QStringLiteral(R"(no session found for {"request_type":"search","search_dir":"root_folders"})")));
+    EXPECT_TRUE(log.lines.contains(QStringLiteral("Can't find a storage path...")));
+    for (const QString &line : std::as_const(log.lines))
+        EXPECT_FALSE(line.contains(hash)) << line.toStdString();
+
+    // A wrong password stops every type before its handler; the exemptions run without one.
+    for (const char *type : {"search", "thumb", "preview", "info", "copy_to_dropbox", "move_from_dropbox"}) {
+        vd_Searcher wrong(request({{"request_type", type}, {"os_session", "box"}, {"pword_hash", "0"}}));
+        wrong.main();
+    }
+    EXPECT_EQ(probe.seen.size(), 1);
+    vd_Searcher computerList(
+        request({{"request_type", "search"}, {"os_session", "box"}, {"search_dir", "root_folders"}}));
+    computerList.main();
+    vd_Searcher icon(request({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.64.64.png"}}));
+    icon.main();
+    ASSERT_EQ(probe.seen.size(), 3);
+    EXPECT_EQ(probe.slots[1], vd_Searcher::HandlerSlot::Search);
+    EXPECT_EQ(probe.slots[2], vd_Searcher::HandlerSlot::Thumb);
+    EXPECT_EQ(probe.seen[2].value(QStringLiteral("vandrel_folder")), roots.box);
+}
+
+TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
+{
+    TwoRoots roots;
+    HandlerProbe probe;
+    const QString key = vd_Searcher::encryptionKey();
+    const QString hash = vd_SimpleUtils::sha256Hex(key);
+    const QString sealed = base64Encoding_URL_SAFE(
+        encryptWithString(R"({"request_type":"search","search_dir":"root_folders","n":"sealed"})", key)
+            .value());
+
+    // Four "info" requests hold every thread of the queue.
+    QJsonArray blockers;
+    for (int i = 0; i < 4; ++i)
+        blockers.append(request({{"request_type", "info"}, {"os_session", "box"}, {"pword_hash", hash}}));
+    vd_Searcher::runRequests(blockers);
+    ASSERT_TRUE(probe.waitForCount(4));
+
+    const QJsonArray burst{
+        request({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.1.1.png"}, {"n", "thumb1"}}),
+        request({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.2.2.png"}, {"n", "thumb2"}}),
+        request({{"request_type", "encrypted"}, {"os_session", "box"}, {"encrypted_request", sealed}}),
+        request({{"request_type", "search"},
+                 {"os_session", "box"},
+                 {"search_dir", "root_folders"},
+                 {"n", "plain"}}),
+        // A relay cannot vouch for a request it did not get encrypted.
+        request({{"request_type", "search"},
+                 {"os_session", "box"},
+                 {"request_decrypted_ok", true},
+                 {"n", "forged"}}),
+        QJsonValue(7),
+    };
+    vd_Searcher::runRequests(burst);
+    QThread::msleep(200);
+    EXPECT_EQ(probe.seen.size(), 4) << "a fifth operation started while four were running";
+    probe.release();
+    vd_Searcher::opQ().waitForDone();
+
+    QStringList order;
+    for (qsizetype i = 4; i < probe.seen.size(); ++i)
+        order << probe.seen[i].value(QStringLiteral("n")).toString();
+    EXPECT_EQ(order, QStringList({QStringLiteral("sealed"), QStringLiteral("plain"), QStringLiteral("thumb1"),
+                                  QStringLiteral("thumb2")}));
+    EXPECT_EQ(probe.seen[4].value(QStringLiteral("encrypt_reply")), QJsonValue(true));
+
+    // Replies that are not objects, or hold no request array, queue nothing.
+    for (const QByteArray &body : {QByteArray("[1,2]"), QByteArray("garbage"), QByteArray("{}"),
+                                   QByteArray(R"({"requests":{"a":1}})"), QByteArray(R"({"requests":[]})")})
+        vd_Searcher::runRequestsFromReply(body);
+    EXPECT_FALSE(vd_Searcher::runRequestsFromReply("[1,2]"));
+    EXPECT_TRUE(vd_Searcher::runRequestsFromReply("{}"));
+    vd_Searcher::opQ().waitForDone();
+    EXPECT_EQ(probe.seen.size(), 8);
+}
+
+TEST(Operation, StatusWordsAreInvertedAndTheCacheRefreshesOncePerMinute)
+{
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    vd_Searcher::gLastSessionActive.store(vd_Searcher::referenceSeconds(now.addSecs(-30)));
+    EXPECT_TRUE(vd_Searcher::sActive(now));
+    EXPECT_EQ(vd_Searcher::statusString(now), QStringLiteral("idle"));
+    vd_Searcher::gLastSessionActive.store(vd_Searcher::referenceSeconds(now.addSecs(-61)));
+    EXPECT_FALSE(vd_Searcher::sActive(now));
+    EXPECT_EQ(vd_Searcher::statusString(now), QStringLiteral("active"));
+    vd_Searcher::gLastSessionActive.store(vd_Searcher::referenceSeconds(now.addSecs(-60)));
+    EXPECT_TRUE(vd_Searcher::sActive(now));
+
+    TwoRoots roots;
+    const QString kept = roots.home.writeFile(QStringLiteral("photo.jpg"), "same bytes");
+    const auto matches = [&] {
+        QThreadPool::globalInstance()->waitForDone();
+        return vd_Searcher::getCompareCache(roots.box)->matchingPath(kept).has_value();
+    };
+    vd_Searcher::refreshMatchedFilesCache(true, now);
+    EXPECT_FALSE(matches());
+    roots.home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/uploads/2026/1/photo.jpg"), "same bytes");
+    vd_Searcher::refreshMatchedFilesCache(false, now.addSecs(30));
+    EXPECT_FALSE(matches());
+    vd_Searcher::refreshMatchedFilesCache(false, now.addSecs(61));
+    EXPECT_TRUE(matches());
+    EXPECT_EQ(vd_Searcher::getCompareCache(roots.box), vd_Searcher::getCompareCache(roots.box));
+    EXPECT_NE(vd_Searcher::getCompareCache(roots.box), vd_Searcher::getCompareCache(roots.box + u'/'));
+}

@@ -1,0 +1,130 @@
+#include "engine/RequestAuth.h"
+
+#include "support/AesCipher.h"
+#include "support/Encodings.h"
+#include "utils/vd_SimpleUtils.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const QString kKey =
+    RequestAuth::keyString(QStringLiteral("ComputerId0123456789abcdefghijkl"), QStringLiteral("s3cret"));
+
+QJsonObject record(std::initializer_list<std::pair<const char *, QJsonValue>> members)
+{
+    QJsonObject object;
+    for (const auto &[key, value] : members)
+        object.insert(QString::fromLatin1(key), value);
+    return object;
+}
+
+QString envelopePayload(const QByteArray &plainText, const QString &key)
+{
+    return base64Encoding_URL_SAFE(encryptWithString(plainText, key).value());
+}
+
+} // namespace
+
+TEST(RequestAuth, KeyStringAndHashAreExact)
+{
+    EXPECT_EQ(RequestAuth::keyString(QStringLiteral("id"), QString()), QStringLiteral("id___"));
+    EXPECT_EQ(kKey, QStringLiteral("ComputerId0123456789abcdefghijkl___s3cret"));
+    const QString hash = vd_SimpleUtils::sha256Hex(kKey);
+    EXPECT_TRUE(RequestAuth::pwordHashOK(hash, kKey));
+    EXPECT_FALSE(RequestAuth::pwordHashOK(hash.toUpper(), kKey));
+    EXPECT_FALSE(RequestAuth::pwordHashOK(hash.left(63), kKey));
+    EXPECT_FALSE(RequestAuth::pwordHashOK(hash + u'0', kKey));
+    EXPECT_FALSE(RequestAuth::pwordHashOK(QString(), kKey));
+    EXPECT_FALSE(RequestAuth::pwordHashOK(vd_SimpleUtils::sha256Hex(QStringLiteral("id___")), kKey));
+}
+
+TEST(RequestAuth, OnlyTheComputerListSmallIconsDecryptedAndHashedRequestsRun)
+{
+    const QString good = vd_SimpleUtils::sha256Hex(kKey);
+    const QString wrong = vd_SimpleUtils::sha256Hex(QStringLiteral("guess"));
+    const auto mayRun = [](const QJsonObject &request) {
+        return RequestAuth::passwordOK_OrRootInfo(request, kKey);
+    };
+
+    EXPECT_TRUE(
+        mayRun(record({{"request_type", "search"}, {"search_dir", "root_folders"}, {"pword_hash", wrong}})));
+    EXPECT_TRUE(mayRun(record({{"request_type", "thumb"}, {"path", ".0.128.128.png"}})));
+    EXPECT_FALSE(mayRun(record({{"request_type", "thumb"}, {"path", ".0.1024.768.png"}})));
+    EXPECT_FALSE(mayRun(record({{"request_type", "preview"}, {"path", ".0.128.128.png"}})));
+    EXPECT_FALSE(mayRun(record({{"request_type", "thumb"}, {"path", ".0.12.12.jpg"}})));
+    EXPECT_FALSE(mayRun(record({{"request_type", "thumb"}, {"path", "/.0.1.1.png"}})));
+    EXPECT_TRUE(mayRun(record({{"request_type", "thumb"}, {"path", "/etc/shadow"}, {"pword_hash", good}})));
+    EXPECT_FALSE(mayRun(record({{"request_type", "thumb"}, {"path", "/etc/shadow"}, {"pword_hash", wrong}})));
+    EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"search_dir", "/home"}})));
+    EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"pword_hash", ""}})));
+    EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"pword_hash", good.toUpper()}})));
+    EXPECT_TRUE(mayRun(record({{"request_type", "search"}, {"request_decrypted_ok", true}})));
+    EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"request_decrypted_ok", false}})));
+    // Wrong types never pass as the texts they resemble.
+    EXPECT_FALSE(mayRun(record({{"search_dir", QJsonArray{"root_folders"}}})));
+    EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"request_decrypted_ok", "true"}})));
+    EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"pword_hash", 12}})));
+}
+
+TEST(RequestAuth, EnvelopesOpenOnlyUnderTheRightKeyAndOnlyToObjects)
+{
+    QJsonObject envelope =
+        record({{"request_type", "encrypted"},
+                {"os_session", "s1"},
+                {"cache_key", "outer"},
+                {"encrypted_request",
+                 envelopePayload(R"({"request_type":"search","cache_key":"inner","q":"x"})", kKey)}});
+    QJsonObject opened = envelope;
+    RequestAuth::decryptRequest(opened, kKey);
+    EXPECT_EQ(opened.value(QStringLiteral("request_type")), QStringLiteral("search"));
+    EXPECT_EQ(opened.value(QStringLiteral("cache_key")), QStringLiteral("inner"));
+    EXPECT_EQ(opened.value(QStringLiteral("os_session")), QStringLiteral("s1"));
+    EXPECT_EQ(opened.value(QStringLiteral("q")), QStringLiteral("x"));
+    EXPECT_EQ(opened.value(QStringLiteral("request_decrypted_ok")), QJsonValue(true));
+    EXPECT_EQ(opened.value(QStringLiteral("encrypt_reply")), QJsonValue(true));
+
+    // Wrong keys: about one in 256 passes the padding check and yields garbage, which must fail the same way.
+    for (int i = 0; i < 600; ++i) {
+        QJsonObject attempt = envelope;
+        RequestAuth::decryptRequest(attempt,
+                                    RequestAuth::keyString(QStringLiteral("id"), QString::number(i)));
+        ASSERT_EQ(attempt.value(QStringLiteral("request_decrypted_ok")), QJsonValue(false)) << i;
+        ASSERT_EQ(attempt.value(QStringLiteral("request_type")), QStringLiteral("encrypted"));
+        ASSERT_FALSE(attempt.contains(QStringLiteral("encrypt_reply")));
+    }
+
+    const auto fails = [](const QJsonValue &payload) {
+        QJsonObject bad = record({{"request_type", "encrypted"}, {"encrypted_request", payload}});
+        RequestAuth::decryptRequest(bad, kKey);
+        return bad.value(QStringLiteral("request_decrypted_ok")) == QJsonValue(false) &&
+               bad.value(QStringLiteral("request_type")) == QStringLiteral("encrypted") &&
+               !bad.contains(QStringLiteral("encrypt_reply"));
+    };
+    EXPECT_TRUE(fails(envelopePayload("[1,2]", kKey)));
+    EXPECT_TRUE(fails(envelopePayload("\"search\"", kKey)));
+    EXPECT_TRUE(fails(envelopePayload("{\"a\":", kKey)));
+    EXPECT_TRUE(fails(envelopePayload("", kKey)));
+    EXPECT_TRUE(fails(QStringLiteral("not*base64")));
+    EXPECT_TRUE(fails(QStringLiteral("AAAA")));
+    EXPECT_TRUE(fails(QString()));
+    EXPECT_TRUE(fails(42));
+    EXPECT_TRUE(fails(QJsonValue()));
+}
+
+TEST(RequestAuth, ResultsEncryptRawBytesFirstElseTheRecord)
+{
+    const QJsonObject result = record({{"request_type", "thumb"}, {"path", "/a.png"}});
+    const auto open = [](const QString &text) {
+        return decryptWithString(dataWithBase64EncodedString_URL_SAFE(text).value(), kKey).value();
+    };
+    EXPECT_EQ(open(RequestAuth::encryptResult(result, QByteArray("\x89PNG\0bytes", 10), kKey)),
+              QByteArray("\x89PNG\0bytes", 10));
+    EXPECT_EQ(QJsonDocument::fromJson(open(RequestAuth::encryptResult(result, std::nullopt, kKey))).object(),
+              result);
+    EXPECT_NE(RequestAuth::encryptResult(result, std::nullopt, QStringLiteral("other___")),
+              RequestAuth::encryptResult(result, std::nullopt, kKey));
+}

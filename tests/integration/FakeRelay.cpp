@@ -1,0 +1,174 @@
+#include "FakeRelay.h"
+
+#include "support/Encodings.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonDocument>
+#include <QThread>
+
+#include <openssl/evp.h>
+#include <openssl/sha.h>
+#include <zlib.h>
+
+#include <csignal>
+
+FakeRelay::FakeRelay()
+    : m_server([this](const TestHttpServer::Request &request) { return answer(request); })
+{}
+
+QString FakeRelay::baseUrl() const
+{
+    return m_server.url(QString()).toString();
+}
+
+void FakeRelay::queueRequests(const QJsonArray &requests)
+{
+    std::lock_guard lock(m_lock);
+    m_queued.append(requests);
+}
+
+void FakeRelay::setMisbehaviour(std::optional<TestHttpServer::Reply> reply)
+{
+    std::lock_guard lock(m_lock);
+    m_misbehaviour = std::move(reply);
+}
+
+TestHttpServer::Reply FakeRelay::answer(const TestHttpServer::Request &)
+{
+    std::lock_guard lock(m_lock);
+    if (m_misbehaviour)
+        return *m_misbehaviour;
+    const QJsonArray requests = m_queued.isEmpty() ? QJsonArray() : m_queued.takeFirst();
+    return TestHttpServer::Reply::json(
+        200,
+        QJsonDocument(QJsonObject{{QStringLiteral("requests"), requests}}).toJson(QJsonDocument::Compact));
+}
+
+QJsonDocument FakeRelay::unpack(const QByteArray &text)
+{
+    const QByteArray packed =
+        dataWithBase64EncodedString_URL_SAFE(QString::fromLatin1(text)).value_or(QByteArray());
+    QByteArray out(16 << 20, Qt::Uninitialized);
+    uLongf length = uLongf(out.size());
+    if (uncompress(reinterpret_cast<Bytef *>(out.data()), &length,
+                   reinterpret_cast<const Bytef *>(packed.constData()), uLong(packed.size())) != Z_OK)
+        return {};
+    out.truncate(qsizetype(length));
+    return QJsonDocument::fromJson(out);
+}
+
+QList<FakeRelay::Poll> FakeRelay::polls() const
+{
+    QList<Poll> polls;
+    for (const TestHttpServer::Request &request : m_server.requests()) {
+        Poll poll{request.path,
+                  QString::fromUtf8(request.form.value(QStringLiteral("computer_id"))),
+                  {},
+                  {},
+                  request.form};
+        for (const QJsonValue &id : unpack(request.form.value(QStringLiteral("os_sessions"))).array())
+            poll.sessions << id.toString();
+        if (request.form.contains(QStringLiteral("result")))
+            poll.result = unpack(request.form.value(QStringLiteral("result"))).object();
+        polls << poll;
+    }
+    return polls;
+}
+
+std::optional<FakeRelay::Poll> FakeRelay::waitForPoll(const std::function<bool(const Poll &)> &condition,
+                                                      std::chrono::milliseconds timeout) const
+{
+    QElapsedTimer clock;
+    clock.start();
+    do {
+        for (const Poll &poll : polls()) {
+            if (condition(poll))
+                return poll;
+        }
+        QThread::msleep(50);
+    } while (clock.elapsed() < timeout.count());
+    return std::nullopt;
+}
+
+namespace {
+
+std::optional<QByteArray> runAes(const QByteArray &input, const QString &keyText, bool encrypt)
+{
+    const QByteArray keyBytes = keyText.toUtf8();
+    unsigned char key[SHA256_DIGEST_LENGTH];
+    SHA256(reinterpret_cast<const unsigned char *>(keyBytes.constData()), size_t(keyBytes.size()), key);
+    const unsigned char iv[16] = {};
+    EVP_CIPHER_CTX *context = EVP_CIPHER_CTX_new();
+    QByteArray out(input.size() + 32, Qt::Uninitialized);
+    int length = 0;
+    int tail = 0;
+    const bool ok =
+        EVP_CipherInit_ex(context, EVP_aes_256_cbc(), nullptr, key, iv, encrypt ? 1 : 0) == 1 &&
+        EVP_CipherUpdate(context, reinterpret_cast<unsigned char *>(out.data()), &length,
+                         reinterpret_cast<const unsigned char *>(input.constData()),
+                         int(input.size())) == 1 &&
+        EVP_CipherFinal_ex(context, reinterpret_cast<unsigned char *>(out.data()) + length, &tail) == 1;
+    EVP_CIPHER_CTX_free(context);
+    if (!ok)
+        return std::nullopt;
+    out.truncate(length + tail);
+    return out;
+}
+
+} // namespace
+
+QByteArray testEncrypt(const QByteArray &plain, const QString &keyText)
+{
+    return runAes(plain, keyText, true).value_or(QByteArray());
+}
+
+std::optional<QByteArray> testDecrypt(const QByteArray &cipher, const QString &keyText)
+{
+    return runAes(cipher, keyText, false);
+}
+
+AgentProcess::AgentProcess(const TempHome &home)
+    : m_logPath(home.filePath(QStringLiteral("agent.log")))
+{
+    m_process.setProcessChannelMode(QProcess::MergedChannels);
+    m_process.setStandardOutputFile(m_logPath);
+    m_process.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("--headless")});
+    m_process.waitForStarted(10000);
+}
+
+AgentProcess::~AgentProcess()
+{
+    if (running()) {
+        m_process.kill();
+        m_process.waitForFinished(10000);
+    }
+}
+
+int AgentProcess::stop(int signal)
+{
+    if (!running())
+        return -1;
+    ::kill(pid_t(m_process.processId()), signal);
+    if (!m_process.waitForFinished(20000) || m_process.exitStatus() != QProcess::NormalExit)
+        return -1;
+    return m_process.exitCode();
+}
+
+qint64 AgentProcess::residentKb() const
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(m_process.processId()));
+    if (!running() || !status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').value(0).toLongLong();
+    }
+    return 0;
+}
+
+QString AgentProcess::log() const
+{
+    QFile file(m_logPath);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}

@@ -1,0 +1,279 @@
+#include "FakeRelay.h"
+#include "support/Encodings.h"
+#include "support/ls_Keychain.h"
+#include "utils/vd_FileUtils.h"
+#include "utils/vd_SimpleUtils.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+using namespace std::chrono_literals;
+using Poll = FakeRelay::Poll;
+
+namespace {
+
+const QString kPassword = QStringLiteral("correct horse");
+
+// A temporary home with a Dropbox StorageRoot and a Google Drive one, a relay, and the agent's settings
+// pointing at it. The agent itself is started by the test.
+struct AgentHome
+{
+    AgentHome()
+    {
+        qputenv("VANDREL_RELAY_URL", relay.baseUrl().toUtf8());
+        qputenv("VANDREL_KEYCHAIN", "file");
+        qunsetenv("VANDREL_RELAY_TIMEOUT");
+        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
+        QDir().mkpath(home.filePath(QStringLiteral("GDrive/Apps/vandrel")));
+        box = home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
+        drive = home.filePath(QStringLiteral("GDrive/Apps/vandrel"));
+    }
+    ~AgentHome()
+    {
+        qunsetenv("VANDREL_RELAY_URL");
+        qunsetenv("VANDREL_KEYCHAIN");
+        qunsetenv("VANDREL_RELAY_TIMEOUT");
+    }
+    void addSession(const QString &root, const QString &id) const
+    {
+        QFile file(root + QStringLiteral("/data.vdldata/sessions/") + id + QStringLiteral(".json"));
+        QDir().mkpath(root + QStringLiteral("/data.vdldata/sessions"));
+        if (file.open(QIODevice::WriteOnly))
+            file.write(QStringLiteral("{\"date\": %1}")
+                           .arg(vd_FileUtils::JSONDate(QDateTime::currentDateTimeUtc()), 0, 'f', 3)
+                           .toUtf8());
+    }
+    QString keyText(const QString &computerId) const
+    {
+        return computerId + QStringLiteral("___") + kPassword;
+    }
+    QString hash(const QString &computerId) const { return vd_SimpleUtils::sha256Hex(keyText(computerId)); }
+    qsizetype countPolls(const std::function<bool(const Poll &)> &condition) const
+    {
+        const QList<Poll> polls = relay.polls();
+        return std::count_if(polls.begin(), polls.end(), condition);
+    }
+
+    TempHome home;
+    FakeRelay relay;
+    QString box;
+    QString drive;
+};
+
+QJsonObject record(std::initializer_list<std::pair<const char *, QJsonValue>> members)
+{
+    QJsonObject object;
+    for (const auto &[key, value] : members)
+        object.insert(QString::fromLatin1(key), value);
+    return object;
+}
+
+auto withResult(const char *marker)
+{
+    return [marker](const Poll &poll) {
+        return poll.result && poll.result->value(QStringLiteral("n")) == QString::fromLatin1(marker);
+    };
+}
+
+} // namespace
+
+TEST(RelayLoop, PollsOnlyWhileSessionsExistOncePerSecondPerStorageRoot)
+{
+    AgentHome setup;
+    AgentProcess agent(setup.home);
+    ASSERT_TRUE(agent.running());
+    QThread::sleep(2);
+    EXPECT_EQ(setup.relay.server().requestCount(), 0) << "an idle agent made network traffic";
+
+    setup.addSession(setup.box, QStringLiteral("s-box"));
+    setup.addSession(setup.drive, QStringLiteral("s-drive"));
+    ASSERT_TRUE(
+        setup.relay.waitForPoll([](const Poll &poll) { return poll.sessions.contains(u"s-drive"); }, 3s));
+    const auto fromBox = [](const Poll &poll) {
+        return poll.sessions == QStringList{QStringLiteral("s-box")};
+    };
+    const auto fromDrive = [](const Poll &poll) {
+        return poll.sessions == QStringList{QStringLiteral("s-drive")};
+    };
+    const qsizetype boxBefore = setup.countPolls(fromBox);
+    const qsizetype driveBefore = setup.countPolls(fromDrive);
+    QThread::sleep(4);
+    EXPECT_GE(setup.countPolls(fromBox) - boxBefore, 3);
+    EXPECT_LE(setup.countPolls(fromBox) - boxBefore, 5);
+    EXPECT_GE(setup.countPolls(fromDrive) - driveBefore, 3);
+    EXPECT_LE(setup.countPolls(fromDrive) - driveBefore, 5);
+    for (const Poll &poll : setup.relay.polls()) {
+        EXPECT_EQ(poll.path, "/result");
+        EXPECT_EQ(poll.computerId.size(), 32);
+        EXPECT_EQ(QStringList(poll.form.keys()),
+                  QStringList({QStringLiteral("computer_id"), QStringLiteral("os_sessions")}));
+    }
+
+    // Sessions gone: the traffic stops.
+    QDir(setup.box + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
+    QDir(setup.drive + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
+    QThread::msleep(1500);
+    const int settled = setup.relay.server().requestCount();
+    QThread::sleep(2);
+    EXPECT_EQ(setup.relay.server().requestCount(), settled);
+
+    EXPECT_EQ(agent.stop(SIGINT), 0);
+    EXPECT_TRUE(agent.log().contains(QStringLiteral("vandrel stopping")));
+}
+
+TEST(RelayLoop, RequestsComeBackAsResultsInTheClearOrEncrypted)
+{
+    AgentHome setup;
+    setup.addSession(setup.box, QStringLiteral("s1"));
+    AgentProcess agent(setup.home);
+    const std::optional<Poll> first = setup.relay.waitForPoll([](const Poll &) { return true; });
+    ASSERT_TRUE(first);
+    const QString id = first->computerId;
+    // The password is set while the agent runs: it reads it afresh for every request.
+    ls_Keychain::setString(kPassword, vd_FileUtils::keyForComputerPassword());
+    const QString hash = setup.hash(id);
+    const QString item = setup.home.writeFile(QStringLiteral("Documents/notes.txt"), "twelve bytes");
+    const auto sealed = [&](const QJsonObject &inner, const QString &keyText) {
+        return base64Encoding_URL_SAFE(
+            testEncrypt(QJsonDocument(inner).toJson(QJsonDocument::Compact), keyText));
+    };
+
+    setup.relay.queueRequests(QJsonArray{
+        record({{"request_type", "Search"}, {"os_session", "s1"}, {"pword_hash", hash}, {"n", "unknown"}}),
+        record({{"request_type", "info"},
+                {"os_session", "s1"},
+                {"pword_hash", hash},
+                {"path", item},
+                {"n", "info"}}),
+        record({{"request_type", "search"},
+                {"os_session", "s1"},
+                {"pword_hash", hash.toUpper()},
+                {"n", "badsearch"}}),
+        record({{"request_type", "info"},
+                {"os_session", "s1"},
+                {"pword_hash", "00"},
+                {"path", item},
+                {"n", "badinfo"}}),
+        record({{"request_type", "Search"},
+                {"os_session", "s1"},
+                {"pword_hash", hash},
+                {"dont_post", true},
+                {"n", "quiet"}}),
+        record({{"request_type", "Search"}, {"os_session", "nobody"}, {"pword_hash", hash}, {"n", "orphan"}}),
+        record({{"request_type", "encrypted"},
+                {"os_session", "s1"},
+                {"cache_key", "ck-1"},
+                {"lifetime", 3600},
+                {"encrypted_request",
+                 sealed(record({{"request_type", "Search"}, {"n", "sealed"}}), setup.keyText(id))}}),
+        record({{"request_type", "encrypted"},
+                {"os_session", "s1"},
+                {"n", "wrongkey"},
+                {"encrypted_request",
+                 sealed(record({{"request_type", "search"}}), id + QStringLiteral("___guess"))}}),
+    });
+
+    const std::optional<Poll> unknown = setup.relay.waitForPoll(withResult("unknown"));
+    ASSERT_TRUE(unknown);
+    EXPECT_EQ(unknown->result->value(QStringLiteral("vandrel_folder")).toString(), setup.box);
+    EXPECT_NEAR(unknown->result->value(QStringLiteral("search_date")).toDouble(),
+                vd_FileUtils::JSONDate(QDateTime::currentDateTimeUtc()), 30);
+    EXPECT_EQ(unknown->result->size(), 6) << "an unknown type gains only the folder and the date";
+    EXPECT_EQ(unknown->sessions, QStringList{QStringLiteral("s1")});
+
+    const std::optional<Poll> info = setup.relay.waitForPoll(withResult("info"));
+    ASSERT_TRUE(info);
+    EXPECT_TRUE(info->result->value(QStringLiteral("info")).isArray());
+
+    const std::optional<Poll> refused = setup.relay.waitForPoll(withResult("badsearch"));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->result->value(QStringLiteral("auth_error")), QStringLiteral("auth_pword_failed"));
+    EXPECT_FALSE(refused->result->contains(QStringLiteral("search_date")));
+
+    const std::optional<Poll> wrongKey = setup.relay.waitForPoll(withResult("wrongkey"));
+    ASSERT_TRUE(wrongKey);
+    EXPECT_EQ(wrongKey->path, "/result");
+    EXPECT_EQ(wrongKey->result->value(QStringLiteral("auth_error")), QStringLiteral("auth_pword_failed"));
+    EXPECT_EQ(wrongKey->result->value(QStringLiteral("request_decrypted_ok")), QJsonValue(false));
+
+    const std::optional<Poll> encrypted =
+        setup.relay.waitForPoll([](const Poll &poll) { return poll.path == "/result_encrypted"; });
+    ASSERT_TRUE(encrypted);
+    EXPECT_EQ(encrypted->form.value(QStringLiteral("cache_key")), "ck-1");
+    EXPECT_EQ(encrypted->form.value(QStringLiteral("lifetime")), "3600");
+    EXPECT_FALSE(encrypted->form.contains(QStringLiteral("result")));
+    const std::optional<QByteArray> cipher = dataWithBase64EncodedString_URL_SAFE(
+        QString::fromLatin1(encrypted->form.value(QStringLiteral("result_encrypted"))));
+    ASSERT_TRUE(cipher);
+    const std::optional<QByteArray> plain = testDecrypt(*cipher, setup.keyText(id));
+    ASSERT_TRUE(plain);
+    const QJsonObject opened = QJsonDocument::fromJson(*plain).object();
+    EXPECT_EQ(opened.value(QStringLiteral("n")), QStringLiteral("sealed"));
+    EXPECT_EQ(opened.value(QStringLiteral("vandrel_folder")).toString(), setup.box);
+    EXPECT_EQ(opened.value(QStringLiteral("encrypt_reply")), QJsonValue(true));
+
+    // Give stragglers time, then check what must never have been posted.
+    QThread::sleep(1);
+    for (const char *silent : {"badinfo", "quiet", "orphan"})
+        EXPECT_EQ(setup.countPolls(withResult(silent)), 0) << silent;
+    EXPECT_EQ(setup.relay.polls().size(),
+              setup.countPolls([&](const Poll &poll) { return poll.computerId == id; }));
+    EXPECT_TRUE(agent.log().contains(QStringLiteral("no session found for")));
+    EXPECT_FALSE(agent.log().contains(hash)) << "the password hash reached the log";
+    EXPECT_FALSE(agent.log().contains(kPassword));
+    EXPECT_EQ(agent.stop(SIGTERM), 0);
+}
+
+TEST(RelayLoop, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain)
+{
+    AgentHome setup;
+    qputenv("VANDREL_RELAY_TIMEOUT", "2");
+    setup.addSession(setup.box, QStringLiteral("s1"));
+    AgentProcess agent(setup.home);
+    ASSERT_TRUE(setup.relay.waitForPoll([](const Poll &) { return true; }));
+    const qint64 baseline = agent.residentKb();
+
+    // A 500 whose body holds requests still runs them.
+    setup.relay.setMisbehaviour(TestHttpServer::Reply::json(
+        500,
+        R"({"requests":[{"request_type":"Search","os_session":"s1","search_dir":"root_folders","n":"from500"}]})"));
+    EXPECT_TRUE(setup.relay.waitForPoll(withResult("from500")));
+
+    using Reply = TestHttpServer::Reply;
+    for (const Reply &bad :
+         {Reply::text(200, "garbage{"), Reply::json(200, "[1,2]"), Reply::json(200, "{\"requests\":7}"),
+          Reply::huge(50 * 1024 * 1024), Reply::huge(50 * 1024 * 1024, false), Reply::hangUp(),
+          Reply::drip("{\"requests\":[]}", 300ms)}) {
+        setup.relay.setMisbehaviour(bad);
+        const int before = setup.relay.server().requestCount();
+        QThread::sleep(3);
+        EXPECT_TRUE(agent.running());
+        EXPECT_GE(setup.relay.server().requestCount() - before, 2) << "polling stalled";
+        EXPECT_LE(setup.relay.server().openConnections(), 8) << "connections pile up";
+        EXPECT_LT(agent.residentKb() - baseline, 150 * 1024) << "memory grew without bound";
+    }
+
+    // A relay that never answers: each post is given up at the deadline (2 s here), so connections stay
+    // few and the polls keep coming long after the transport's own connection limit would have filled up.
+    setup.relay.setMisbehaviour(Reply::silent());
+    QThread::sleep(6);
+    const int lateStart = setup.relay.server().requestCount();
+    QThread::sleep(3);
+    EXPECT_GE(setup.relay.server().requestCount() - lateStart, 2) << "polling stalled behind silent posts";
+    EXPECT_LE(setup.relay.server().openConnections(), 4) << "silent posts are not given up";
+
+    // Recovery: within 2 s the agent polls normally and runs what it gets.
+    setup.relay.setMisbehaviour(std::nullopt);
+    setup.relay.queueRequests(QJsonArray{record(
+        {{"request_type", "Search"}, {"os_session", "s1"}, {"search_dir", "root_folders"}, {"n", "after"}})});
+    EXPECT_TRUE(setup.relay.waitForPoll(withResult("after"), 2s));
+    EXPECT_TRUE(agent.log().contains(QStringLiteral("Error status code: 200")));
+    EXPECT_EQ(agent.stop(SIGTERM), 0);
+}
