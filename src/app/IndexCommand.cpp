@@ -1,11 +1,11 @@
 #include "app/IndexCommand.h"
 
 #include "metadata/MetadataIndex.h"
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
 
 #include <QDateTime>
 #include <QFile>
-#include <QSettings>
-#include <QStandardPaths>
 #include <QTextStream>
 
 namespace {
@@ -112,13 +112,10 @@ int query(const MetadataConfig &config, const QStringList &args)
 MetadataConfig indexConfigFromSettings()
 {
     MetadataConfig config = MetadataConfig::defaults();
-    const QSettings settings(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
-                                 QStringLiteral("/vandrel/vandrel.conf"),
-                             QSettings::IniFormat);
-    const QStringList roots = settings.value(QStringLiteral("IndexedRoots")).toStringList();
+    const QStringList roots = UserDefaults::value(SettingsKeys::IndexedRoots).toStringList();
     if (!roots.isEmpty())
         config.roots = roots;
-    config.excludes = settings.value(QStringLiteral("IndexExcludes")).toStringList();
+    config.excludes = UserDefaults::value(SettingsKeys::IndexExcludes).toStringList();
     return config;
 }
 

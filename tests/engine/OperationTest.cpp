@@ -49,8 +49,11 @@ struct HandlerProbe
                 request.insert(QStringLiteral("handled"), true);
                 operation.setOutRawData(QByteArray("raw"));
                 changed.notify_all();
-                if (slot == Slot::ItemInfo)
-                    changed.wait(lock, [this] { return released; });
+                if (slot == Slot::ItemInfo) {
+                    changed.wait(lock, [this] { return released || permits > 0; });
+                    if (!released)
+                        --permits;
+                }
             });
     }
     ~HandlerProbe()
@@ -68,6 +71,13 @@ struct HandlerProbe
         released = true;
         changed.notify_all();
     }
+    // Lets one blocked handler finish, so exactly one queue thread becomes free.
+    void releaseOne()
+    {
+        std::lock_guard lock(mutex);
+        ++permits;
+        changed.notify_all();
+    }
     bool waitForCount(qsizetype count)
     {
         std::unique_lock lock(mutex);
@@ -76,6 +86,7 @@ struct HandlerProbe
     std::mutex mutex;
     std::condition_variable changed;
     bool released = false;
+    int permits = 0;
     QList<QJsonObject> seen;
     std::vector<vd_Searcher::HandlerSlot> slots;
 };
@@ -185,6 +196,9 @@ TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
     vd_Searcher::runRequests(burst);
     QThread::msleep(200);
     EXPECT_EQ(probe.seen.size(), 4) << "a fifth operation started while four were running";
+    // One thread at a time: the waiting operations then start strictly in the queue's order.
+    probe.releaseOne();
+    probe.waitForCount(8);
     probe.release();
     vd_Searcher::opQ().waitForDone();
 

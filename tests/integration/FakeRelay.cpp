@@ -1,5 +1,7 @@
 #include "FakeRelay.h"
 
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
 #include "support/Encodings.h"
 
 #include <QElapsedTimer>
@@ -131,6 +133,8 @@ std::optional<QByteArray> testDecrypt(const QByteArray &cipher, const QString &k
 AgentProcess::AgentProcess(const TempHome &home)
     : m_logPath(home.filePath(QStringLiteral("agent.log")))
 {
+    // The agent indexes only its temporary home, not the whole machine.
+    UserDefaults::setValue(SettingsKeys::IndexedRoots, QStringList{home.path()});
     m_process.setProcessChannelMode(QProcess::MergedChannels);
     m_process.setStandardOutputFile(m_logPath);
     m_process.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("--headless")});
