@@ -70,6 +70,21 @@ protected:
         return paths;
     }
 
+    // The keys a result may hold: the request's own, the engine's stamps, and the handler's.
+    static QStringList unexpectedKeys(const QJsonObject &result, const QJsonObject &request,
+                                      const QStringList &handlerKeys)
+    {
+        QStringList unexpected;
+        const QStringList stamps{QStringLiteral("n"), QStringLiteral("os_session"),
+                                 QStringLiteral("pword_hash"), QStringLiteral("vandrel_folder"),
+                                 QStringLiteral("search_date")};
+        for (const QString &key : result.keys()) {
+            if (!request.contains(key) && !stamps.contains(key) && !handlerKeys.contains(key))
+                unexpected << key;
+        }
+        return unexpected;
+    }
+
     static vips::VImage picture(const QJsonObject &result, const char *key)
     {
         const QByteArray bytes =
@@ -177,5 +192,36 @@ TEST_F(AgentWithSession, ThumbnailsAndPreviews)
     const QJsonObject icon = ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
                                   {QStringLiteral("path"), broken + QStringLiteral(".1.64.64.jpg")}});
     EXPECT_EQ(picture(icon, "thumb").width(), 64);
+
+    // A PNG with transparency asked as PNG keeps it; the root folder and an unknown type get icons.
+    const QString png = home.filePath(QStringLiteral("Pictures/logo.png"));
+    vips::VImage::black(300, 200, vips::VImage::option()->set("bands", 4))
+        .pngsave(QFile::encodeName(png).constData());
+    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+                           {QStringLiteral("path"), png + QStringLiteral(".5.64.64.png")}}),
+                      "thumb")
+                  .bands(),
+              4);
+    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+                           {QStringLiteral("path"), QStringLiteral("/.1384567890.64.64.png")}}),
+                      "thumb")
+                  .width(),
+              64);
+    const QString odd = home.writeFile(QStringLiteral("data.qqq"), "\x01\x02");
+    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+                           {QStringLiteral("path"), odd + QStringLiteral(".5.48.48.jpg")}}),
+                      "thumb")
+                  .width(),
+              48);
+
+    // 400 megapixels in a small file: answered with an icon, and the agent's memory stays bounded.
+    const QString bomb = home.filePath(QStringLiteral("bomb.png"));
+    vips::VImage::black(20000, 20000).pngsave(QFile::encodeName(bomb).constData());
+    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+                           {QStringLiteral("path"), bomb + QStringLiteral(".5.128.128.jpg")}}),
+                      "thumb")
+                  .width(),
+              128);
+    EXPECT_LT(agent->residentKb(), 300 * 1024);
     EXPECT_TRUE(agent->running());
 }
