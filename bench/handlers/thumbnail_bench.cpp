@@ -8,6 +8,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTextStream>
@@ -101,6 +102,34 @@ void makeImages(const QString &work)
     gradientImage(work + QStringLiteral("/pano.jpg"), 12000, 3000, "[Q=90]");
     for (int i = 0; i < 12; ++i)
         gradientImage(work + QStringLiteral("/many%1.jpg").arg(i), 4000, 3000, "[Q=90]");
+    // A one-page PDF drawn by hand, and a short video when ffmpeg is there to make one.
+    QFile pdf(work + QStringLiteral("/page.pdf"));
+    if (pdf.open(QIODevice::WriteOnly)) {
+        const QList<QByteArray> objects = {
+            "<< /Type /Catalog /Pages 2 0 R >>",
+            "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+            "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 595 842] /Contents 4 0 R >>",
+            "<< /Length 44 >>\nstream\n0.2 0.4 0.8 rg 50 50 495 742 re f\nendstream",
+        };
+        QByteArray bytes = "%PDF-1.4\n";
+        QList<qsizetype> offsets;
+        for (int i = 0; i < objects.size(); ++i) {
+            offsets << bytes.size();
+            bytes += QByteArray::number(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+        }
+        const qsizetype xref = bytes.size();
+        bytes += "xref\n0 5\n0000000000 65535 f \n";
+        for (const qsizetype offset : offsets)
+            bytes += QByteArray::number(offset).rightJustified(10, '0') + " 00000 n \n";
+        bytes += "trailer\n<< /Size 5 /Root 1 0 R >>\nstartxref\n" + QByteArray::number(xref) + "\n%%EOF\n";
+        pdf.write(bytes);
+    }
+    if (!QStandardPaths::findExecutable(QStringLiteral("ffmpeg")).isEmpty())
+        QProcess::execute(QStringLiteral("ffmpeg"),
+                          {QStringLiteral("-loglevel"), QStringLiteral("error"), QStringLiteral("-y"),
+                           QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
+                           QStringLiteral("testsrc=duration=5:size=1280x720:rate=25"),
+                           work + QStringLiteral("/clip.mp4")});
 }
 
 // A cache hit, and four requests at once, in one process.
@@ -161,6 +190,8 @@ int main(int argc, char **argv)
         {QStringLiteral("24 MP progressive JPEG"), work + QStringLiteral("/photo24p.jpg")},
         {QStringLiteral("12 MP PNG"), work + QStringLiteral("/image12.png")},
         {QStringLiteral("4:1 panorama JPEG"), work + QStringLiteral("/pano.jpg")},
+        {QStringLiteral("A4 PDF page"), work + QStringLiteral("/page.pdf")},
+        {QStringLiteral("5 s 720p video"), work + QStringLiteral("/clip.mp4")},
     };
     const bool magick = !QStandardPaths::findExecutable(QStringLiteral("convert")).isEmpty();
     out << QStringLiteral("%1 %2 %3 %4 %5\n")
