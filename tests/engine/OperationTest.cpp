@@ -1,3 +1,4 @@
+#include "common/LogCapture.h"
 #include "common/TempHome.h"
 #include "engine/RequestAuth.h"
 #include "engine/vd_Searcher.h"
@@ -98,15 +99,6 @@ QJsonObject request(std::initializer_list<std::pair<const char *, QJsonValue>> m
         object.insert(QString::fromLatin1(key), value);
     return object;
 }
-
-struct LogCapture
-{
-    static inline QStringList lines;
-    static void handler(QtMsgType, const QMessageLogContext &, const QString &message) { lines << message; }
-    QtMessageHandler previous = qInstallMessageHandler(handler);
-    LogCapture() { lines.clear(); }
-    ~LogCapture() { qInstallMessageHandler(previous); }
-};
 
 } // namespace
 

@@ -1,3 +1,4 @@
+#include "common/LogCapture.h"
 #include "common/TempHome.h"
 #include "handlers/ThumbnailCache.h"
 #include "handlers/ThumbnailHandler.h"
@@ -15,15 +16,6 @@
 namespace {
 
 using vips::VImage;
-
-struct LogCapture
-{
-    static inline QStringList lines;
-    static void handler(QtMsgType, const QMessageLogContext &, const QString &message) { lines << message; }
-    QtMessageHandler previous = qInstallMessageHandler(handler);
-    LogCapture() { lines.clear(); }
-    ~LogCapture() { qInstallMessageHandler(previous); }
-};
 
 VImage decoded(const QByteArray &bytes)
 {

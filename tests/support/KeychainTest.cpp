@@ -1,3 +1,4 @@
+#include "common/LogCapture.h"
 #include "common/TempHome.h"
 #include "platform/FileSecretStore.h"
 #include "support/SFHFKeychainUtils.h"
@@ -11,15 +12,6 @@
 #include <sys/stat.h>
 
 namespace {
-
-struct LogCapture
-{
-    static inline QStringList lines;
-    static void handler(QtMsgType, const QMessageLogContext &, const QString &message) { lines << message; }
-    QtMessageHandler previous = qInstallMessageHandler(handler);
-    LogCapture() { lines.clear(); }
-    ~LogCapture() { qInstallMessageHandler(previous); }
-};
 
 // ctest runs each case in its own process, and the store is chosen once per process: the file store here.
 struct FileKeychain

@@ -1,3 +1,4 @@
+#include "common/LogCapture.h"
 #include "common/TempHome.h"
 #include "utils/vd_FileUtils.h"
 
@@ -9,18 +10,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-namespace {
-
-struct LogCapture
-{
-    static inline QStringList lines;
-    static void handler(QtMsgType, const QMessageLogContext &, const QString &message) { lines << message; }
-    QtMessageHandler previous = qInstallMessageHandler(handler);
-    LogCapture() { lines.clear(); }
-    ~LogCapture() { qInstallMessageHandler(previous); }
-};
-
-} // namespace
+namespace {} // namespace
 
 TEST(FileUtils, TolerantReaderLogsOnlyForTextThatIsNotAnObject)
 {
