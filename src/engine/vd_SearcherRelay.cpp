@@ -40,6 +40,7 @@ void vd_Searcher::initializeThings()
 
 QThreadPool &vd_Searcher::opQ()
 {
+    // Never destroyed: operations may still be finishing while the process's statics go away.
     static QThreadPool *queue = [] {
         auto *pool = new QThreadPool;
         pool->setMaxThreadCount(kMaxThreads);
