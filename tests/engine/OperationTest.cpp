@@ -49,8 +49,10 @@ struct HandlerProbe
                 request.insert(QStringLiteral("handled"), true);
                 operation.setOutRawData(QByteArray("raw"));
                 changed.notify_all();
-                if (slot == Slot::ItemInfo)
-                    changed.wait(lock, [this] { return released; });
+                if (slot == Slot::ItemInfo) {
+                    changed.wait(lock, [this] { return permits > 0; });
+                    --permits;
+                }
             });
     }
     ~HandlerProbe()
@@ -62,10 +64,10 @@ struct HandlerProbe
                           Slot::MoveFromDropbox, Slot::ItemInfo})
             vd_Searcher::registerHandler(slot, {});
     }
-    void release()
+    void release(int count = 1 << 20)
     {
         std::lock_guard lock(mutex);
-        released = true;
+        permits += count;
         changed.notify_all();
     }
     bool waitForCount(qsizetype count)
@@ -75,7 +77,7 @@ struct HandlerProbe
     }
     std::mutex mutex;
     std::condition_variable changed;
-    bool released = false;
+    int permits = 0; // "info" handlers that may still finish
     QList<QJsonObject> seen;
     std::vector<vd_Searcher::HandlerSlot> slots;
 };
@@ -185,6 +187,9 @@ TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
     vd_Searcher::runRequests(burst);
     QThread::msleep(200);
     EXPECT_EQ(probe.seen.size(), 4) << "a fifth operation started while four were running";
+    // One thread comes free and works the waiting requests one after the other, best first.
+    probe.release(1);
+    ASSERT_TRUE(probe.waitForCount(8));
     probe.release();
     vd_Searcher::opQ().waitForDone();
 

@@ -247,8 +247,8 @@ TEST(RelayLoop, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain)
     EXPECT_TRUE(setup.relay.waitForPoll(withResult("from500")));
 
     using Reply = TestHttpServer::Reply;
-    // Millions of tiny records: each would become a queued operation.
-    const QByteArray flood = "{\"requests\":[" + QByteArray("{},").repeated(2'500'000) + "{}]}";
+    // Half a million tiny records: each would become a queued operation.
+    const QByteArray flood = "{\"requests\":[" + QByteArray("{},").repeated(500'000) + "{}]}";
     for (const Reply &bad :
          {Reply::text(200, "garbage{"), Reply::json(200, "[1,2]"), Reply::json(200, "{\"requests\":7}"),
           Reply::huge(50 * 1024 * 1024), Reply::huge(50 * 1024 * 1024, false), Reply::hangUp(),
