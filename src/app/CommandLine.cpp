@@ -1,6 +1,7 @@
 #include "app/CommandLine.h"
 
 #include "app/HeadlessCommand.h"
+#include "app/IndexCommand.h"
 #include "app/PasswordCommand.h"
 #include "app/StatusCommand.h"
 
@@ -36,10 +37,8 @@ const std::vector<Command> &commands()
     static const std::vector<Command> table = {
         {"--headless", "vandrel --headless", "run the agent without a window (servers, systemd user service)",
          runHeadlessCommand},
-        {"index",
-         "vandrel index status|rebuild|query TEXT [--scope DIR] [--limit N]",
-         "inspect the metadata index",
-         {}},
+        {"index", "vandrel index status|rebuild|query TEXT [--scope DIR] [--limit N]",
+         "inspect the metadata index", runIndexCommand},
         {"link", "vandrel link PATH...", "make web links for files and put them on the clipboard", {}},
         {"open", "vandrel open URL", "find the file a link describes and reveal it", {}},
         {"password", "vandrel password set|clear|status",

@@ -1,9 +1,12 @@
 #include "app/HeadlessCommand.h"
 
 #include "app/AppLog.h"
+#include "app/IndexCommand.h"
 #include "app/RequestHandlerRegistry.h"
 #include "engine/UserActivityNotifier.h"
 #include "engine/vd_Searcher.h"
+#include "handlers/SearchIndex.h"
+#include "metadata/MetadataIndex.h"
 #include "support/FSNConnection.h"
 #include "utils/vd_FileUtils.h"
 
@@ -76,6 +79,10 @@ int runHeadlessCommand(const QStringList &args)
                      &QCoreApplication::quit);
 
     vd_FileUtils::resetVandrelFolderCache();
+    // Searches answer from whatever the index holds; it loads, catches up and watches on its own thread.
+    MetadataIndex index(indexConfigFromSettings());
+    index.start();
+    SearchIndex::setCurrent(&index);
     registerRequestHandlers();
     vd_Searcher::initializeThings();
 
@@ -98,5 +105,7 @@ int runHeadlessCommand(const QStringList &args)
     FSNConnection::cancelAllConnections();
     vd_Searcher::opQ().clear();
     vd_Searcher::opQ().waitForDone();
+    SearchIndex::setCurrent(nullptr);
+    index.stop();
     return code;
 }

@@ -5,17 +5,23 @@
 #include "utils/vd_FileUtils.h"
 
 #include <QFile>
+#include <QStringDecoder>
 #include <QTextStream>
 
 #include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <optional>
 
 namespace {
 
-// One line from standard input; on a terminal the typing is not echoed.
-QString readPasswordLine()
+// Longer than anyone types: a bigger input is a file piped in by mistake, not a password.
+constexpr qint64 kMaxPasswordBytes = 1024;
+
+// One line from standard input; on a terminal the typing is not echoed. None, with a message, when the
+// line is empty, too long or not UTF-8 text: storing a cut or altered text would lock the user out.
+std::optional<QString> readPasswordLine()
 {
     const bool terminal = ::isatty(STDIN_FILENO);
     termios saved{};
@@ -29,14 +35,35 @@ QString readPasswordLine()
     }
     QFile input;
     input.open(stdin, QIODevice::ReadOnly);
-    QByteArray line = input.readLine(64 * 1024);
+    // Byte by byte: readLine would end the text at a zero byte and store only what came before it.
+    QByteArray line;
+    char byte = 0;
+    while (line.size() <= kMaxPasswordBytes + 1 && input.getChar(&byte) && byte != '\n')
+        line.append(byte);
     if (terminal) {
         ::tcsetattr(STDIN_FILENO, TCSANOW, &saved);
         std::fputs("\n", stderr);
     }
-    while (line.endsWith('\n') || line.endsWith('\r'))
+    if (line.endsWith('\r'))
         line.chop(1);
-    return QString::fromUtf8(line);
+    QTextStream err(stderr);
+    if (line.isEmpty()) {
+        err << "vandrel: no password given; use 'vandrel password clear' to remove it\n";
+        return std::nullopt;
+    }
+    if (line.size() > kMaxPasswordBytes) {
+        err << "vandrel: the password is longer than " << kMaxPasswordBytes
+            << " bytes; nothing was changed\n";
+        return std::nullopt;
+    }
+    // Stateless, so that a sequence cut off at the end counts as an error rather than awaiting more bytes.
+    QStringDecoder utf8(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    const QString password = utf8.decode(line);
+    if (utf8.hasError() || line.contains('\0')) {
+        err << "vandrel: the password is not UTF-8 text; nothing was changed\n";
+        return std::nullopt;
+    }
+    return password;
 }
 
 bool passwordIsSet()
@@ -55,12 +82,10 @@ int runPasswordCommand(const QStringList &args)
         return 64;
     }
     if (action == u"set") {
-        const QString password = readPasswordLine();
-        if (password.isEmpty()) {
-            QTextStream(stderr) << "vandrel: no password given; use 'vandrel password clear' to remove it\n";
+        const std::optional<QString> password = readPasswordLine();
+        if (!password)
             return 1;
-        }
-        vd_PreferencesController::setPassword(password);
+        vd_PreferencesController::setPassword(*password);
     } else if (action == u"clear") {
         vd_PreferencesController::setPassword(QStringLiteral(""));
     }

@@ -2,6 +2,7 @@
 
 #include "engine/vd_Searcher.h"
 #include "handlers/ItemInfoHandler.h"
+#include "handlers/SearchHandler.h"
 #include "handlers/ThumbnailHandler.h"
 #include "handlers/TransferHandler.h"
 
@@ -17,6 +18,9 @@ void registerRequestHandlers()
                 operation.setOutRawData(raw);
         };
     };
+    vd_Searcher::registerHandler(Slot::Search, [](vd_Searcher &, QJsonObject &request) {
+        SearchHandler::handleSearchRequest(request);
+    });
     vd_Searcher::registerHandler(Slot::Thumb, picture(&ThumbnailHandler::handleThumbRequest));
     vd_Searcher::registerHandler(Slot::Preview, picture(&ThumbnailHandler::handlePreviewRequest));
     vd_Searcher::registerHandler(Slot::CopyToDropbox, [](vd_Searcher &, QJsonObject &request) {

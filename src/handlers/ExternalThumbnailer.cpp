@@ -5,9 +5,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QMap>
 #include <QMimeDatabase>
 #include <QProcess>
-#include <QSettings>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QUrl>
@@ -34,6 +34,25 @@ qint64 modificationTime(const QString &path)
     return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? qint64(info.st_mtim.tv_sec) : -1;
 }
 
+// The keys of the [Thumbnailer Entry] group of a .thumbnailer file. A desktop-entry file, not an INI file:
+// ";" separates list items there instead of starting a comment.
+QMap<QString, QString> thumbnailerEntry(const QString &file)
+{
+    QMap<QString, QString> keys;
+    QFile input(file);
+    if (!input.open(QIODevice::ReadOnly | QIODevice::Text))
+        return keys;
+    bool inGroup = false;
+    while (!input.atEnd()) {
+        const QString line = QString::fromUtf8(input.readLine(64 * 1024)).trimmed();
+        if (line.startsWith(u'['))
+            inGroup = line == u"[Thumbnailer Entry]";
+        else if (inGroup && line.contains(u'=') && !line.startsWith(u'#'))
+            keys.insert(line.section(u'=', 0, 0).trimmed(), line.section(u'=', 1).trimmed());
+    }
+    return keys;
+}
+
 // The command line of the machine's thumbnailer for the MIME type (or one of its parents), with its
 // placeholders filled; empty when there is none.
 QStringList desktopThumbnailer(const QString &path, const QString &mimeType, int size, const QString &output)
@@ -46,11 +65,9 @@ QStringList desktopThumbnailer(const QString &path, const QString &mimeType, int
             QDir(dataDir + QStringLiteral("/thumbnailers"))
                 .entryInfoList({QStringLiteral("*.thumbnailer")}, QDir::Files, QDir::Name);
         for (const QFileInfo &entry : entries) {
-            QSettings file(entry.filePath(), QSettings::IniFormat);
-            file.beginGroup(QStringLiteral("Thumbnailer Entry"));
-            const QStringList types =
-                file.value(QStringLiteral("MimeType")).toString().split(u';', Qt::SkipEmptyParts);
-            const QString tryExec = file.value(QStringLiteral("TryExec")).toString();
+            const QMap<QString, QString> file = thumbnailerEntry(entry.filePath());
+            const QStringList types = file.value(QStringLiteral("MimeType")).split(u';', Qt::SkipEmptyParts);
+            const QString tryExec = file.value(QStringLiteral("TryExec"));
             if (!tryExec.isEmpty() && QStandardPaths::findExecutable(tryExec).isEmpty() &&
                 !QFileInfo(tryExec).isExecutable())
                 continue;
@@ -59,7 +76,7 @@ QStringList desktopThumbnailer(const QString &path, const QString &mimeType, int
                 matches = matches || types.contains(type);
             if (!matches)
                 continue;
-            QStringList command = QProcess::splitCommand(file.value(QStringLiteral("Exec")).toString());
+            QStringList command = QProcess::splitCommand(file.value(QStringLiteral("Exec")));
             for (QString &argument : command) {
                 argument.replace(QStringLiteral("%s"), QString::number(size));
                 argument.replace(QStringLiteral("%u"),

@@ -1,58 +1,79 @@
 #include "handlers/ShippedIcons.h"
 
+#include <map>
+
 namespace ShippedIcons {
 
 namespace {
 
-// A page with a folded corner in the given colour, and an emblem drawn on it.
-QByteArray page(const char *colour, const char *emblem)
+using vips::VImage;
+using Ink = std::vector<double>;
+
+constexpr int kSize = 256;
+
+VImage canvas()
 {
-    return QByteArray(
-               R"(<svg xmlns="http://www.w3.org/2000/svg" width="256" height="256" viewBox="0 0 256 256">)"
-               R"(<path d="M56 16h104l56 56v168H56z" fill="#fafafa" stroke="#9a9a9a" stroke-width="6"/>)"
-               R"(<path d="M160 16v56h56" fill="#e0e0e0" stroke="#9a9a9a" stroke-width="6"/>)"
-               R"(<rect x="56" y="176" width="160" height="40" fill=")") +
-           colour + R"("/>)" + emblem + "</svg>";
+    return (VImage::black(kSize, kSize, VImage::option()->set("bands", 4)).cast(VIPS_FORMAT_UCHAR))
+        .copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB))
+        .copy_memory();
+}
+
+void rect(VImage &image, const Ink &ink, int left, int top, int width, int height)
+{
+    image.draw_rect(ink, left, top, width, height, VImage::option()->set("fill", true));
+}
+
+void circle(VImage &image, const Ink &ink, int x, int y, int radius)
+{
+    image.draw_circle(ink, x, y, radius, VImage::option()->set("fill", true));
+}
+
+VImage document(const Ink &band)
+{
+    VImage image = canvas();
+    rect(image, {150, 150, 150, 255}, 50, 12, 156, 232);
+    rect(image, {250, 250, 250, 255}, 56, 18, 144, 220);
+    for (int line = 0; line < 4; ++line)
+        rect(image, {200, 200, 200, 255}, 76, 56 + 24 * line, line == 3 ? 64 : 104, 10);
+    rect(image, band, 56, 176, 144, 40);
+    return image;
 }
 
 } // namespace
 
-QByteArray svg(const QString &name)
+vips::VImage picture(const QString &name)
 {
-    if (name == u"computer")
-        return R"(<svg xmlns="http://www.w3.org/2000/svg" width="256" height="256" viewBox="0 0 256 256">)"
-               R"(<rect x="24" y="36" width="208" height="140" rx="10" fill="#2f3b4c"/>)"
-               R"(<rect x="36" y="48" width="184" height="116" fill="#6fa8dc"/>)"
-               R"(<path d="M100 176h56l10 36H90z" fill="#b0b6bd"/><rect x="64" y="210" width="128" height="12" rx="6" fill="#8a9099"/></svg>)";
-    if (name == u"icloud")
-        return R"(<svg xmlns="http://www.w3.org/2000/svg" width="256" height="256" viewBox="0 0 256 256">)"
-               R"(<path d="M72 196a44 44 0 0 1-4-88 60 60 0 0 1 114-14 48 48 0 0 1 10 102z" fill="#5aa9f0" stroke="#2f78c4" stroke-width="6"/></svg>)";
-    if (name == u"folder")
-        return R"(<svg xmlns="http://www.w3.org/2000/svg" width="256" height="256" viewBox="0 0 256 256">)"
-               R"(<path d="M16 56h80l20 20h124v140H16z" fill="#4a90d9"/><path d="M16 92h224v124H16z" fill="#6aaaf0"/></svg>)";
-    if (name == u"image")
-        return page(
-            "#3f9c35",
-            R"(<path d="M76 160l40-52 28 34 20-22 36 40z" fill="#3f9c35"/><circle cx="176" cy="96" r="14" fill="#e8b923"/>)");
-    if (name == u"audio")
-        return page(
-            "#c2410c",
-            R"(<path d="M150 70v70a18 18 0 1 1-10-16V86l-40 10v60a18 18 0 1 1-10-16V82z" fill="#c2410c"/>)");
-    if (name == u"video")
-        return page("#7c3aed", R"(<path d="M104 84v72l60-36z" fill="#7c3aed"/>)");
-    if (name == u"pdf")
-        return page(
-            "#d93025",
-            R"(<rect x="80" y="80" width="112" height="10" fill="#bbb"/><rect x="80" y="104" width="112" height="10" fill="#bbb"/><rect x="80" y="128" width="80" height="10" fill="#bbb"/>)");
-    if (name == u"text")
-        return page(
-            "#5f6368",
-            R"(<rect x="80" y="80" width="112" height="8" fill="#bbb"/><rect x="80" y="100" width="112" height="8" fill="#bbb"/><rect x="80" y="120" width="112" height="8" fill="#bbb"/><rect x="80" y="140" width="64" height="8" fill="#bbb"/>)");
-    if (name == u"archive")
-        return page(
-            "#8d6e63",
-            R"(<path d="M128 40v16h-12v16h12v16h-12v16h12v16h-12v16h12" stroke="#8d6e63" stroke-width="8" fill="none"/>)");
-    return page("#9e9e9e", "");
+    if (name == u"computer") {
+        VImage image = canvas();
+        rect(image, {47, 59, 76, 255}, 24, 36, 208, 140);
+        rect(image, {111, 168, 220, 255}, 36, 48, 184, 116);
+        rect(image, {176, 182, 189, 255}, 104, 176, 48, 34);
+        rect(image, {138, 144, 153, 255}, 64, 210, 128, 12);
+        return image;
+    }
+    if (name == u"icloud") {
+        VImage image = canvas();
+        const Ink blue{90, 169, 240, 255};
+        circle(image, blue, 88, 150, 44);
+        circle(image, blue, 136, 112, 60);
+        circle(image, blue, 184, 150, 40);
+        rect(image, blue, 88, 150, 96, 44);
+        return image;
+    }
+    if (name == u"folder") {
+        VImage image = canvas();
+        rect(image, {74, 144, 217, 255}, 16, 56, 96, 40);
+        rect(image, {74, 144, 217, 255}, 16, 76, 224, 140);
+        rect(image, {106, 170, 240, 255}, 16, 96, 224, 120);
+        return image;
+    }
+    static const std::map<QString, Ink> bands = {
+        {QStringLiteral("image"), {63, 156, 53, 255}},  {QStringLiteral("audio"), {194, 65, 12, 255}},
+        {QStringLiteral("video"), {124, 58, 237, 255}}, {QStringLiteral("text"), {95, 99, 104, 255}},
+        {QStringLiteral("pdf"), {217, 48, 37, 255}},    {QStringLiteral("archive"), {141, 110, 99, 255}},
+    };
+    const auto band = bands.find(name);
+    return document(band == bands.end() ? Ink{158, 158, 158, 255} : band->second);
 }
 
 QString nameForMimeType(const QString &mimeType)

@@ -82,7 +82,15 @@ std::optional<VImage> decodeFitting(const QString &path, int size)
         .copy_memory();
 }
 
-std::optional<VImage> decodeImage(const QString &path, int boxWidth, int boxHeight)
+// A picture decoded shrunk, with the size of the full picture it stands for (after rotation).
+struct Decoded
+{
+    VImage picture;
+    qint64 fullWidth;
+    qint64 fullHeight;
+};
+
+std::optional<Decoded> decodeImage(const QString &path, int boxWidth, int boxHeight)
 {
     // The header alone says how large the picture is: huge ones are refused before any pixel is read.
     const VImage header = VImage::new_from_file(native(path).constData(),
@@ -107,13 +115,37 @@ std::optional<VImage> decodeImage(const QString &path, int boxWidth, int boxHeig
     // Go through the shared cache's standard size when one covers what the box needs.
     if (const std::optional<int> standard = ThumbnailCache::standardSizeFor(longest)) {
         if (std::optional<VImage> cached = ThumbnailCache::read(path, *standard))
-            return cached;
+            return Decoded{*cached, width, height};
         std::optional<VImage> picture = decodeFitting(path, *standard);
-        if (picture)
-            ThumbnailCache::write(path, *standard, *picture);
-        return picture;
+        if (!picture)
+            return std::nullopt;
+        ThumbnailCache::write(path, *standard, *picture);
+        return Decoded{*picture, width, height};
     }
-    return decodeFitting(path, longest);
+    std::optional<VImage> picture = decodeFitting(path, longest);
+    return picture ? std::optional<Decoded>(Decoded{*picture, width, height}) : std::nullopt;
+}
+
+// Crops and scales a shrunk picture as if the full one were cropped and scaled, so the result has exactly
+// the size the full picture would give.
+std::optional<VImage> fitDecoded(const Decoded &decoded, int boxWidth, int boxHeight)
+{
+    const auto [keptWidth, keptHeight] = croppedSize(decoded.fullWidth, decoded.fullHeight);
+    const float scale = fitScale(decoded.fullWidth, decoded.fullHeight, boxWidth, boxHeight);
+    const int targetWidth = int(float(keptWidth) * scale);
+    const int targetHeight = int(float(keptHeight) * scale);
+    if (targetWidth == 0 || targetHeight == 0)
+        return std::nullopt;
+    const VImage &shrunk = decoded.picture;
+    const int cropWidth = int(std::clamp<qint64>(
+        std::llround(double(keptWidth) * shrunk.width() / decoded.fullWidth), 1, shrunk.width()));
+    const int cropHeight = int(std::clamp<qint64>(
+        std::llround(double(keptHeight) * shrunk.height() / decoded.fullHeight), 1, shrunk.height()));
+    const VImage cropped = shrunk.extract_area(0, 0, cropWidth, cropHeight);
+    if (cropWidth == targetWidth && cropHeight == targetHeight)
+        return cropped;
+    return cropped.resize(double(targetWidth) / cropWidth,
+                          VImage::option()->set("vscale", double(targetHeight) / cropHeight));
 }
 
 std::optional<VImage> otherTypeImage(const QString &path, const QString &mimeType, int boxWidth,
@@ -126,19 +158,6 @@ std::optional<VImage> otherTypeImage(const QString &path, const QString &mimeTyp
     if (picture)
         ThumbnailCache::write(path, standard, *picture);
     return picture;
-}
-
-std::optional<VImage> renderSvg(const QByteArray &svg, int width, int height)
-{
-    VipsBlob *blob = vips_blob_copy(svg.constData(), size_t(svg.size()));
-    try {
-        VImage picture = VImage::thumbnail_buffer(blob, width, VImage::option()->set("height", height));
-        vips_area_unref(VIPS_AREA(blob));
-        return picture.copy_memory();
-    } catch (const vips::VError &) {
-        vips_area_unref(VIPS_AREA(blob));
-        return std::nullopt;
-    }
 }
 
 // The icon theme's picture for one icon name, as a file path, preferring large bitmaps, then vectors.
@@ -155,12 +174,6 @@ QString themeIconFile(const QString &name)
                     if (QFileInfo::exists(file))
                         return file;
                 }
-            }
-            for (const char *context : {"mimetypes", "places"}) {
-                const QString file =
-                    QStringLiteral("%1/scalable/%2/%3.svg").arg(base, QLatin1String(context), name);
-                if (QFileInfo::exists(file))
-                    return file;
             }
         }
     }
@@ -202,8 +215,12 @@ std::optional<vips::VImage> vd_ImageUtils::createImage(const QString &path, int 
     if (info.isFile()) {
         const QString mimeType = QMimeDatabase().mimeTypeForFile(path).name();
         try {
-            picture = decodesInProcess(mimeType) ? decodeImage(path, width, height)
-                                                 : otherTypeImage(path, mimeType, width, height);
+            if (!decodesInProcess(mimeType)) {
+                picture = otherTypeImage(path, mimeType, width, height);
+            } else if (const std::optional<Decoded> decoded = decodeImage(path, width, height)) {
+                if (std::optional<VImage> fitted = fitDecoded(*decoded, width, height))
+                    return fitted->copy_memory();
+            }
         } catch (const vips::VError &) {
             qCWarning(lcHandlers).noquote()
                 << QStringLiteral("Quicklook threw exception. The file may be corrupt: %1").arg(path);
@@ -307,5 +324,11 @@ std::optional<vips::VImage> vd_ImageUtils::createiCloudImage(int width, int heig
 std::optional<vips::VImage> vd_ImageUtils::createNamedImage(const QString &name, int width, int height)
 {
     ensureVips();
-    return renderSvg(ShippedIcons::svg(name), std::max(width, 1), std::max(height, 1));
+    try {
+        const VImage shipped = ShippedIcons::picture(name);
+        const double scale = double(std::max(1, std::min(width, height))) / shipped.width();
+        return shipped.resize(scale).copy_memory();
+    } catch (const vips::VError &) {
+        return std::nullopt;
+    }
 }

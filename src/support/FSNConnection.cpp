@@ -230,7 +230,8 @@ std::shared_ptr<FSNConnection> FSNConnection::start()
                         QNetworkReply::TimeoutError,
                         QStringLiteral("Reply not complete after %1 ms").arg(self->m_deadline.count()));
             });
-            deadline->start(self->m_deadline);
+            const auto waited = std::chrono::milliseconds(qint64(self->sinceStart() * 1000));
+            deadline->start(std::max(std::chrono::milliseconds(0), self->m_deadline - waited));
         });
     if (!queued) {
         fail(FSNError{FSNConnectionErrorDomain, 0, QStringLiteral("could not establish connection"), {}});

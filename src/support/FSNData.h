@@ -11,7 +11,8 @@
 class FSNData
 {
 public:
-    enum MimeType { MimeTypeNone = 0, MimeTypeJSON = 1, MimeTypeJPEG = 2 };
+    // A fixed underlying type, so that a stray number read from elsewhere is a value and not undefined.
+    enum MimeType : int { MimeTypeNone = 0, MimeTypeJSON = 1, MimeTypeJPEG = 2 };
 
     FSNData() = default;
     FSNData(QByteArray data, MimeType mimeType = MimeTypeNone,

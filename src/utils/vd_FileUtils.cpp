@@ -11,10 +11,16 @@
 #include <QJsonDocument>
 #include <QSaveFile>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 
 namespace {
+
+constexpr qint64 kMaxJsonFileBytes = 16 * 1024 * 1024;
 
 // How the log line names what a file held instead of an object.
 QString describeJsonKind(const QJsonValue &value)
@@ -74,10 +80,26 @@ QString vd_FileUtils::getFileByDatePath(const QString &baseFolder, const QDateTi
 
 QJsonObject vd_FileUtils::readJsonFileMutableDictionary(const QString &path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
+    // The files come from the WebApp, other computers and the Dropbox client. Only a regular file is read:
+    // opening without blocking and checking what was opened means a pipe put in a file's place cannot stall
+    // the reader. None of them comes near the size limit, so reading a huge one would only fill memory.
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
         return {};
-    return jsonObjectFromBytes(file.readAll());
+    QFile file;
+    struct stat info
+    {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) ||
+        !file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
+        ::close(fd);
+        return {};
+    }
+    if (info.st_size > kMaxJsonFileBytes) {
+        qCWarning(lcUtils).noquote()
+            << QStringLiteral("%1 is too large to read as JSON (%2 bytes)").arg(path).arg(info.st_size);
+        return {};
+    }
+    return jsonObjectFromBytes(file.read(kMaxJsonFileBytes));
 }
 
 QJsonObject vd_FileUtils::jsonObjectFromBytes(const QByteArray &bytes)

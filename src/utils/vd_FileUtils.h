@@ -25,7 +25,9 @@ public:
                                      const QDateTime &now = QDateTime::currentDateTime());
 
     // The file's top-level JSON object. Never fails: a missing or unreadable file gives an empty object
-    // silently; text that is not a JSON object gives an empty object and one log line.
+    // silently, and so does anything but a regular file (a pipe is never opened); a file over 16 MiB gives
+    // an empty object and a log line unread; text that is not a JSON object gives an empty object and one
+    // log line.
     static QJsonObject readJsonFileMutableDictionary(const QString &path);
     // The same rule for bytes already in memory.
     static QJsonObject jsonObjectFromBytes(const QByteArray &bytes);
@@ -83,7 +85,7 @@ public:
     static QStringList storageFoldersDropBoxGDriveEtc();
     // "<root>/uploads", created when missing; "" for an empty root.
     static QString getDefaultDropBoxUploadsFolderROOT(const QString &storageRoot);
-    // This month's uploads folder of the root, created when missing.
+    // This month's uploads folder of the root, created when missing; "" for an empty root.
     static QString getDefaultDropBoxUploadsFolder(const QString &storageRoot,
                                                   const QDateTime &now = QDateTime::currentDateTime());
     // This month's folder under "<Downloads>/From Dropbox", created when missing.
@@ -115,7 +117,7 @@ public:
     // Writes the info file of every StorageRoot where it is missing; leaves present ones alone.
     static void ensureComputerInfo();
     // Writes "<root>/data.vdldata/computers/<computer id>.json" after the four clean-ups; with checkOnly,
-    // does nothing at all when the file exists.
+    // does nothing at all when the file exists. Does nothing for an empty root.
     static void writeComputerInfoFileTo(const QString &storageRoot, bool checkOnly,
                                         const QDateTime &now = QDateTime::currentDateTimeUtc());
     // The clean-ups. Each lists its folder once and moves what it removes to the trash.

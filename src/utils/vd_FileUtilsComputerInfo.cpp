@@ -50,6 +50,9 @@ void vd_FileUtils::ensureComputerInfo()
 
 void vd_FileUtils::writeComputerInfoFileTo(const QString &storageRoot, bool checkOnly, const QDateTime &now)
 {
+    // An empty root would put the data folder at the top of the file system.
+    if (storageRoot.isEmpty())
+        return;
     const QString path = getRootsPath(storageRoot) + u'/' + getComputerUUID() + QStringLiteral(".json");
     if (checkOnly && QFileInfo::exists(path))
         return;

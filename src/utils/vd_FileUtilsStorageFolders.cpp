@@ -23,6 +23,15 @@ QString home(const QString &relative)
     return QDir::homePath() + u'/' + relative;
 }
 
+// The Dropbox client writes these files as a few hundred bytes of text. Anything else (a pipe, which would
+// block the reader, or a huge file) is not one of them and reads as unreadable.
+bool isClientFile(const QString &path)
+{
+    constexpr qint64 kLimit = 1024 * 1024;
+    const QFileInfo info(path);
+    return info.isFile() && info.size() <= kLimit;
+}
+
 bool exists(const QString &path)
 {
     return !path.isEmpty() && QFileInfo::exists(path);
@@ -79,7 +88,7 @@ struct DeepSearch
 std::optional<QString> vd_FileUtils::getHostFileContents()
 {
     QFile file(home(QStringLiteral(".dropbox/host.db")));
-    if (!file.exists() || !file.open(QIODevice::ReadOnly))
+    if (!isClientFile(file.fileName()) || !file.open(QIODevice::ReadOnly))
         return std::nullopt;
     return QString::fromUtf8(file.readAll());
 }
@@ -104,7 +113,7 @@ std::optional<vd_FileUtils::OrderedJsonObject> vd_FileUtils::getDropboxInfoJSOND
     QFile file(home(QStringLiteral(".dropbox/info.json")));
     if (!file.exists())
         return std::nullopt;
-    if (!file.open(QIODevice::ReadOnly))
+    if (!isClientFile(file.fileName()) || !file.open(QIODevice::ReadOnly))
         return OrderedJsonObject{};
     const QByteArray bytes = file.readAll();
     OrderedJsonObject result;
@@ -245,7 +254,11 @@ QString vd_FileUtils::getDefaultDropBoxUploadsFolderROOT(const QString &storageR
 
 QString vd_FileUtils::getDefaultDropBoxUploadsFolder(const QString &storageRoot, const QDateTime &now)
 {
-    const QString folder = getFileByDatePath(getDefaultDropBoxUploadsFolderROOT(storageRoot), now);
+    // Without a root the month path would be "/<year>/<month>" at the top of the file system.
+    const QString uploads = getDefaultDropBoxUploadsFolderROOT(storageRoot);
+    if (uploads.isEmpty())
+        return QString();
+    const QString folder = getFileByDatePath(uploads, now);
     QDir().mkpath(folder);
     return folder;
 }

@@ -80,3 +80,29 @@ TEST(StatusAndPassword, FabricatedHomeShowsEveryRootAndPasswordFollowsStandardIn
     runVandrel({QStringLiteral("password"), QStringLiteral("secret")}, {}, &exitCode);
     EXPECT_EQ(exitCode, 64);
 }
+
+TEST(StatusAndPassword, InputThatWouldNotBeThePasswordTypedIsRefused)
+{
+    TempHome home;
+    qputenv("VANDREL_KEYCHAIN", "file");
+    const QStringList set{QStringLiteral("password"), QStringLiteral("set")};
+    int exitCode = -1;
+    runVandrel({QStringLiteral("password"), QStringLiteral("set"), QStringLiteral("hunter2")}, {}, &exitCode);
+    EXPECT_EQ(exitCode, 64); // never from an argument
+
+    // Cut to a limit or decoded with replacement characters, the stored text would lock the user out.
+    for (const QByteArray &input : {QByteArray(5000, 'p'), QByteArray(1025, 'p') + '\n',
+                                    QByteArray("caf\xe9\n"), QByteArray("a\0b\n", 4)}) {
+        runVandrel(set, input, &exitCode);
+        EXPECT_EQ(exitCode, 1) << input.left(8).toHex().toStdString();
+        EXPECT_EQ(runVandrel({QStringLiteral("password"), QStringLiteral("status")}),
+                  QStringLiteral("No computer password is set.\n"));
+    }
+
+    runVandrel(set, QByteArray(1024, 'p') + "\r\n", &exitCode);
+    EXPECT_EQ(exitCode, 0);
+    runVandrel(set, "caf\xc3\xa9 \xe2\x9c\x93\n", &exitCode);
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_TRUE(runVandrel({QStringLiteral("password"), QStringLiteral("status")})
+                    .startsWith(QStringLiteral("A computer password is set")));
+}

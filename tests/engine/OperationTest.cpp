@@ -50,8 +50,9 @@ struct HandlerProbe
                 operation.setOutRawData(QByteArray("raw"));
                 changed.notify_all();
                 if (slot == Slot::ItemInfo) {
-                    changed.wait(lock, [this] { return permits > 0; });
-                    --permits;
+                    changed.wait(lock, [this] { return released || permits > 0; });
+                    if (!released)
+                        --permits;
                 }
             });
     }
@@ -64,10 +65,17 @@ struct HandlerProbe
                           Slot::MoveFromDropbox, Slot::ItemInfo})
             vd_Searcher::registerHandler(slot, {});
     }
-    void release(int count = 1 << 20)
+    void release()
     {
         std::lock_guard lock(mutex);
-        permits += count;
+        released = true;
+        changed.notify_all();
+    }
+    // Lets one blocked handler finish, so exactly one queue thread becomes free.
+    void releaseOne()
+    {
+        std::lock_guard lock(mutex);
+        ++permits;
         changed.notify_all();
     }
     bool waitForCount(qsizetype count)
@@ -77,7 +85,8 @@ struct HandlerProbe
     }
     std::mutex mutex;
     std::condition_variable changed;
-    int permits = 0; // "info" handlers that may still finish
+    bool released = false;
+    int permits = 0;
     QList<QJsonObject> seen;
     std::vector<vd_Searcher::HandlerSlot> slots;
 };
@@ -187,9 +196,9 @@ TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
     vd_Searcher::runRequests(burst);
     QThread::msleep(200);
     EXPECT_EQ(probe.seen.size(), 4) << "a fifth operation started while four were running";
-    // One thread comes free and works the waiting requests one after the other, best first.
-    probe.release(1);
-    ASSERT_TRUE(probe.waitForCount(8));
+    // One thread at a time: the waiting operations then start strictly in the queue's order.
+    probe.releaseOne();
+    probe.waitForCount(8);
     probe.release();
     vd_Searcher::opQ().waitForDone();
 

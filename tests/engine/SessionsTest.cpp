@@ -5,8 +5,10 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QThread>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -80,4 +82,50 @@ TEST(Sessions, UserCameOnlineAfterTwentyQuietSeconds)
     EXPECT_DOUBLE_EQ(vd_Searcher::gLastSessionActive.load(),
                      vd_Searcher::referenceSeconds(start.addSecs(40)));
     QObject::disconnect(connection);
+}
+
+TEST(Sessions, ExpiryRemovesALinkNotWhatItPointsAtAndNoticesComeOnThePostingThread)
+{
+    TempHome home;
+    const QString root = home.filePath(QStringLiteral("root"));
+    home.writeFile(QStringLiteral("precious/keep.txt"), "keep");
+    const QString link = writeSession(home, QStringLiteral("placeholder"), "");
+    QFile::remove(link);
+    ASSERT_TRUE(QFile::link(home.filePath(QStringLiteral("precious")),
+                            home.filePath(QStringLiteral("root/data.vdldata/sessions/x.json"))));
+    EXPECT_EQ(vd_Searcher::get_sessions(root, false).value_or(QJsonObject()).keys(), QStringList{"x"});
+    vd_Searcher::eraseOldOSSessions(root, QDateTime::currentDateTimeUtc());
+    EXPECT_EQ(vd_Searcher::get_sessions(root, false), std::nullopt);
+    EXPECT_TRUE(QFileInfo::exists(home.filePath(QStringLiteral("precious/keep.txt"))));
+
+    // A request's worker thread can be the one that finds the user back; observers hear it there.
+    writeSession(home, QStringLiteral("s.json"), "{}");
+    vd_Searcher::gLastSessionActive = 0;
+    Qt::HANDLE heardOn = nullptr;
+    const QMetaObject::Connection connection = QObject::connect(
+        &UserActivityNotifier::instance(), &UserActivityNotifier::UserCameOnline,
+        &UserActivityNotifier::instance(), [&] { heardOn = QThread::currentThreadId(); },
+        Qt::DirectConnection);
+    Qt::HANDLE worker = nullptr;
+    std::unique_ptr<QThread> thread(QThread::create([&] {
+        worker = QThread::currentThreadId();
+        vd_Searcher::isUserActivelyUsingUs(root);
+    }));
+    thread->start();
+    thread->wait();
+    EXPECT_NE(worker, nullptr);
+    EXPECT_EQ(heardOn, worker);
+    QObject::disconnect(connection);
+}
+
+TEST(Sessions, ExpiryNeverWaitsOnAPipeNamedLikeASession)
+{
+    TempHome home;
+    const QString root = home.filePath(QStringLiteral("root"));
+    const QString pipe = writeSession(home, QStringLiteral("pipe.json"), "");
+    QFile::remove(pipe);
+    ASSERT_EQ(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
+    EXPECT_EQ(vd_Searcher::get_sessions(root, true).value_or(QJsonObject()).keys(), QStringList{"pipe"});
+    vd_Searcher::eraseOldOSSessions(root, QDateTime::currentDateTimeUtc());
+    EXPECT_FALSE(QFileInfo::exists(pipe));
 }

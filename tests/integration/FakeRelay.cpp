@@ -1,5 +1,7 @@
 #include "FakeRelay.h"
 
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
 #include "support/Encodings.h"
 
 #include <QElapsedTimer>
@@ -131,6 +133,8 @@ std::optional<QByteArray> testDecrypt(const QByteArray &cipher, const QString &k
 AgentProcess::AgentProcess(const TempHome &home)
     : m_logPath(home.filePath(QStringLiteral("agent.log")))
 {
+    // The agent indexes only its temporary home, not the whole machine.
+    UserDefaults::setValue(SettingsKeys::IndexedRoots, QStringList{home.path()});
     // Under AddressSanitizer freed memory is held back for a while; a small hold keeps the memory
     // figures about the agent rather than the sanitizer.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();

@@ -7,7 +7,11 @@
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+
+#include <memory>
 
 namespace {
 
@@ -65,4 +69,32 @@ TEST(Trash, ItemsLandInTheRightTrashWithTheirRestoreRecord)
     EXPECT_EQ(deviceOf(remoteInTrash), deviceOf(other.path())) << remoteInTrash.toStdString();
     QFile::remove(remoteInTrash);
     QFile::remove(restoreRecord(remoteInTrash));
+}
+
+TEST(Trash, AnItemWhoseRestoreRecordCannotBeWrittenStaysWhereItWas)
+{
+    TempHome home;
+    QTemporaryDir mountPoint;
+    const QByteArray target = QFile::encodeName(mountPoint.path());
+    // A private, full, tiny file system for this test thread only (root in CI; skipped elsewhere).
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", target.constData(), "tmpfs", 0, "size=64k") != 0)
+        GTEST_SKIP() << "cannot mount a small file system here";
+    const std::unique_ptr<const char, void (*)(const char *)> unmount(
+        target.constData(), [](const char *where) { ::umount2(where, MNT_DETACH); });
+
+    const QByteArray record = "{\"computer_name\": \"Desk\"}";
+    const QString item = mountPoint.filePath(QStringLiteral("computer.json"));
+    QFile file(item);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(record) == record.size());
+    file.close();
+    QFile filler(mountPoint.filePath(QStringLiteral("filler")));
+    ASSERT_TRUE(filler.open(QIODevice::WriteOnly));
+    while (filler.write(QByteArray(4096, 'f')) == 4096 && filler.flush()) {
+    }
+    filler.close();
+
+    EXPECT_EQ(Trash::moveToTrash(item), QString());
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(file.readAll(), record);
 }

@@ -110,6 +110,9 @@ TEST(FSNConnection, RequestsOnTheWire)
     EXPECT_EQ(post.body, "a=x%20y%26z");
     EXPECT_EQ(post.header("Content-Type"), "application/x-www-form-urlencoded");
     EXPECT_EQ(post.header("Content-Length"), "11");
+    EXPECT_EQ(std::count_if(post.headers.cbegin(), post.headers.cend(),
+                            [](const auto &header) { return header.first.toLower() == "content-length"; }),
+              1);
     EXPECT_EQ(post.form.value(QStringLiteral("a")), "x y&z");
 
     const TestHttpServer::Request plainGet = byPath.value("/a%20b/c");

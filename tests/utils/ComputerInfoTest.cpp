@@ -107,6 +107,9 @@ TEST(ComputerInfo, PasswordFlagAndCheckOnlyWrites)
     const QString own = info.computers() + u'/' + vd_FileUtils::getComputerUUID() + QStringLiteral(".json");
     vd_FileUtils::ensureComputerInfo();
     ASSERT_TRUE(QFileInfo::exists(own));
+    // No root: no data folder at the top of the file system.
+    vd_FileUtils::writeComputerInfoFileTo(QString(), false);
+    EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/data.vdldata")));
 
     // With the file present a check changes nothing, not even the clean-up.
     const QString conflict =

@@ -112,3 +112,19 @@ TEST(FileUtils, LayoutFoldersAndDates)
     EXPECT_EQ(vd_FileUtils::dateFromJSON(QJsonValue(true)).toMSecsSinceEpoch(), 0);
     EXPECT_TRUE(vd_FileUtils::dateFromJSON(1e300).isValid()); // hostile values stay representable
 }
+
+TEST(FileUtils, TolerantReaderLeavesHugeFilesUnread)
+{
+    TempHome home;
+    LogCapture log;
+    const QByteArray padding(17 * 1024 * 1024, ' ');
+    const QString huge = home.writeFile(QStringLiteral("huge.json"), "{\"date\": 5" + padding + "}");
+    EXPECT_TRUE(vd_FileUtils::readJsonFileMutableDictionary(huge).isEmpty());
+    ASSERT_EQ(LogCapture::lines.size(), 1);
+    EXPECT_TRUE(LogCapture::lines.first().contains(QStringLiteral("too large")));
+
+    const QString large =
+        home.writeFile(QStringLiteral("large.json"), "{\"date\": 5" + padding.left(1 << 20) + "}");
+    EXPECT_EQ(vd_FileUtils::readJsonFileMutableDictionary(large).value(QStringLiteral("date")).toDouble(),
+              5.0);
+}

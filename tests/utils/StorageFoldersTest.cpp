@@ -4,9 +4,11 @@
 #include "utils/vd_FileUtils.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -74,6 +76,16 @@ TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
 
     home.writeFile(QStringLiteral(".dropbox/host.db"), "just one line");
     EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
+
+    // Pipes in the client files' places are not read (reading would wait for ever); a huge file neither.
+    for (const char *name : {".dropbox/host.db", ".dropbox/info.json"}) {
+        QFile::remove(home.filePath(QLatin1String(name)));
+        ASSERT_EQ(::mkfifo(QFile::encodeName(home.filePath(QLatin1String(name))).constData(), 0600), 0);
+    }
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
+    QFile::remove(home.filePath(QStringLiteral(".dropbox/host.db")));
+    home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\n" + encoded + '\n' + QByteArray(2 << 20, ' '));
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
     QDir(home.filePath(QStringLiteral("Dropbox"))).removeRecursively();
     EXPECT_TRUE(vd_FileUtils::dropBoxFolderGETAll().isEmpty());
     EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(home.filePath(QStringLiteral("x"))), QString());
@@ -87,6 +99,8 @@ TEST(StorageFolders, DeepSearchDepthFreshnessAndCache)
 
     // Depth 6 is never examined, depth 5 is.
     QDir(dropbox).mkpath(QStringLiteral("1/2/3/4/5/VANDREL"));
+    // A link back up the tree is not followed, so the walk ends.
+    ASSERT_TRUE(QFile::link(dropbox, dropbox + QStringLiteral("/1/2/loop")));
     EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), std::nullopt);
     QDir(dropbox).mkpath(QStringLiteral("1/2/3/4/VANDREL"));
     EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), dropbox + QStringLiteral("/1/2/3/4/VANDREL"));
@@ -122,6 +136,9 @@ TEST(StorageFolders, MonthFoldersForUploadsAndDownloads)
               home.filePath(QStringLiteral("root/uploads/2014/3")));
     EXPECT_TRUE(QFileInfo(home.filePath(QStringLiteral("root/uploads/2014/3"))).isDir());
     EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolderROOT(QString()), QString());
+    // No root: nothing is made at the top of the file system.
+    EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolder(QString(), march), QString());
+    EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/2014/3")));
 
     home.writeFile(QStringLiteral(".config/user-dirs.dirs"), "XDG_DOWNLOAD_DIR=\"$HOME/T\xc3\xa9l\xc3\xa9"
                                                              "chargements\"\n");

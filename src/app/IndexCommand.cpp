@@ -1,0 +1,133 @@
+#include "app/IndexCommand.h"
+
+#include "metadata/MetadataIndex.h"
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QTextStream>
+
+namespace {
+
+QTextStream &out()
+{
+    static QTextStream stream(stdout);
+    return stream;
+}
+
+QTextStream &err()
+{
+    static QTextStream stream(stderr);
+    return stream;
+}
+
+QString megabytes(qint64 bytes)
+{
+    return QString::number(double(bytes) / (1024.0 * 1024.0), 'f', 1) + QStringLiteral(" MB");
+}
+
+int usage()
+{
+    err() << "usage: vandrel index status|rebuild|query TEXT [--scope DIR] [--limit N]\n";
+    return 64;
+}
+
+int status(const MetadataConfig &config)
+{
+    MetadataIndex index(config);
+    index.loadStored();
+    const MetadataIndexStatus s = index.status();
+    out() << "roots:          " << s.roots.join(QStringLiteral(", ")) << "\n"
+          << "files:          " << s.files << "\n"
+          << "folders:        " << s.folders << "\n"
+          << "text documents: " << s.textDocuments << "\n"
+          << "store:          " << config.storePath << " (" << megabytes(s.storeBytes) << ")\n"
+          << "memory:         " << megabytes(s.memoryBytes + s.nameBytes) << " (" << megabytes(s.nameBytes)
+          << " of it names)\n"
+          << "last change:    "
+          << (s.lastChange ? QDateTime::fromSecsSinceEpoch(s.lastChange).toString(Qt::ISODate)
+                           : QStringLiteral("never"))
+          << "\n";
+    if (s.crawling)
+        out() << "crawl:          running, " << s.crawlPercent << "%\n";
+    return 0;
+}
+
+int rebuild(const MetadataConfig &config)
+{
+    for (const char *suffix : {"", "-wal", "-shm"})
+        QFile::remove(config.storePath + QLatin1String(suffix));
+    MetadataIndex index(config);
+    err() << "indexing " << config.roots.join(QStringLiteral(", ")) << "...\n";
+    err().flush();
+    if (!index.updateNow()) {
+        err() << "vandrel: the index store " << config.storePath << " cannot be opened\n";
+        return 1;
+    }
+    const MetadataIndexStatus s = index.status();
+    out() << "indexed " << s.files << " files in " << s.folders << " folders, " << s.textDocuments
+          << " text documents\n";
+    return 0;
+}
+
+int query(const MetadataConfig &config, const QStringList &args)
+{
+    QString text, scope;
+    int limit = MetadataIndex::kDefaultMaxCount;
+    for (qsizetype i = 0; i < args.size(); ++i) {
+        if (args[i] == u"--scope" && i + 1 < args.size()) {
+            scope = args[++i];
+        } else if (args[i] == u"--limit" && i + 1 < args.size()) {
+            bool ok = false;
+            limit = args[++i].toInt(&ok);
+            if (!ok || limit < 0)
+                return usage();
+        } else if (text.isEmpty()) {
+            text = args[i];
+        } else {
+            return usage();
+        }
+    }
+    if (text.isEmpty())
+        return usage();
+    MetadataIndex index(config);
+    if (!index.updateNow()) {
+        err() << "vandrel: the index store " << config.storePath << " cannot be opened\n";
+        return 1;
+    }
+    const MetadataQueryResult result =
+        index.query(text, scope, QStringLiteral("kMDItemContentModificationDate"), true, limit);
+    if (!result.ok) {
+        err() << "vandrel: " << result.error << "\n";
+        return 1;
+    }
+    for (const QString &path : result.paths)
+        out() << path << "\n";
+    return 0;
+}
+
+} // namespace
+
+MetadataConfig indexConfigFromSettings()
+{
+    MetadataConfig config = MetadataConfig::defaults();
+    const QStringList roots = UserDefaults::value(SettingsKeys::IndexedRoots).toStringList();
+    if (!roots.isEmpty())
+        config.roots = roots;
+    config.excludes = UserDefaults::value(SettingsKeys::IndexExcludes).toStringList();
+    return config;
+}
+
+int runIndexCommand(const QStringList &args)
+{
+    const QString verb = args.value(0);
+    const MetadataConfig config = indexConfigFromSettings();
+    if (verb == u"status" && args.size() == 1)
+        return status(config);
+    if (verb == u"rebuild" && args.size() == 1)
+        return rebuild(config);
+    if (verb == u"query")
+        return query(config, args.mid(1));
+    return usage();
+}

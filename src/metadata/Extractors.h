@@ -1,0 +1,31 @@
+#pragma once
+
+#include "metadata/ContentTypes.h"
+
+#include <QString>
+
+#include <utility>
+#include <vector>
+
+// What an extractor learned about one file: attributes by their query names (a list attribute such as
+// kMDItemKeywords appears once per value) and the words to index.
+struct Extraction
+{
+    bool failed = false; // crashed, stalled or unreadable: remembered until the file changes
+    std::vector<std::pair<QString, QString>> attributes;
+    QString text;
+};
+
+namespace Extractors {
+
+// True when files of this type have something to extract.
+bool wants(ContentTypes::Code code);
+
+// Extracts one file. Text, mail and image headers are read in process; PDF and office documents in a child
+// process that is killed after `timeoutMs`. At most `maxBytes` of text are kept. Never throws.
+Extraction extract(const QString &path, ContentTypes::Code code, qint64 maxBytes, int timeoutMs);
+
+// The tags of the `user.xdg.tags` extended attribute, comma-separated there.
+QStringList tags(const QString &path);
+
+} // namespace Extractors

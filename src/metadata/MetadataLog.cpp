@@ -1,0 +1,3 @@
+#include "metadata/MetadataLog.h"
+
+Q_LOGGING_CATEGORY(lcMetadata, "vd.metadata")

@@ -1,0 +1,207 @@
+#include "common/TempHome.h"
+#include "handlers/ThumbnailCache.h"
+#include "handlers/ThumbnailHandler.h"
+#include "handlers/vd_ImageUtils.h"
+#include "support/Encodings.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+namespace {
+
+using vips::VImage;
+
+struct LogCapture
+{
+    static inline QStringList lines;
+    static void handler(QtMsgType, const QMessageLogContext &, const QString &message) { lines << message; }
+    QtMessageHandler previous = qInstallMessageHandler(handler);
+    LogCapture() { lines.clear(); }
+    ~LogCapture() { qInstallMessageHandler(previous); }
+};
+
+VImage decoded(const QByteArray &bytes)
+{
+    return VImage::new_from_buffer(bytes.constData(), size_t(bytes.size()), "").copy_memory();
+}
+
+// A colourful test picture: a gradient in three bands, optionally with an alpha band.
+QString writePicture(const TempHome &home, const QString &name, int width, int height, bool alpha = false)
+{
+    VImage picture =
+        VImage::xyz(width, height).extract_band(0).bandjoin(VImage::xyz(width, height).extract_band(1));
+    picture =
+        (picture.bandjoin(picture.extract_band(0)) * 255 / std::max(width, height)).cast(VIPS_FORMAT_UCHAR);
+    if (alpha)
+        picture = picture.bandjoin(VImage::black(width, height) + 128).cast(VIPS_FORMAT_UCHAR);
+    picture = picture.copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+    const QString path = home.filePath(name);
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    picture.write_to_file(QFile::encodeName(path).constData());
+    return path;
+}
+
+// A one-page PDF of a filled rectangle, written by hand with a correct cross-reference table.
+QString writePdf(const TempHome &home)
+{
+    const QList<QByteArray> objects = {
+        "<< /Type /Catalog /Pages 2 0 R >>",
+        "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 100] /Contents 4 0 R >>",
+        "<< /Length 35 >>\nstream\n1 0 0 rg 10 10 180 80 re f\nendstream",
+    };
+    QByteArray pdf = "%PDF-1.4\n";
+    QList<qsizetype> offsets;
+    for (int i = 0; i < objects.size(); ++i) {
+        offsets << pdf.size();
+        pdf += QByteArray::number(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    }
+    const qsizetype xref = pdf.size();
+    pdf += "xref\n0 5\n0000000000 65535 f \n";
+    for (const qsizetype offset : offsets)
+        pdf += QByteArray::number(offset).rightJustified(10, '0') + " 00000 n \n";
+    pdf += "trailer\n<< /Size 5 /Root 1 0 R >>\nstartxref\n" + QByteArray::number(xref) + "\n%%EOF\n";
+    return home.writeFile(QStringLiteral("Documents/page.pdf"), pdf);
+}
+
+long peakResidentKilobytes()
+{
+    struct rusage usage
+    {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+} // namespace
+
+TEST(Thumbnail, RequestPathsAndDimensions)
+{
+    auto thumb = ThumbnailHandler::parseThumbPath(QStringLiteral("/Users/name/a.jpg.1384567890.128.96.jpg"));
+    EXPECT_EQ(thumb.itemPath, QStringLiteral("/Users/name/a.jpg"));
+    EXPECT_EQ(std::make_tuple(thumb.width, thumb.height, thumb.png), std::make_tuple(128, 96, false));
+    thumb = ThumbnailHandler::parseThumbPath(QStringLiteral("/x/b.png.1.1.5000.png"));
+    EXPECT_EQ(std::make_tuple(thumb.width, thumb.height, thumb.png), std::make_tuple(128, 128, true));
+    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral("/.1384567890.64.64.png")).itemPath,
+              QStringLiteral("/"));
+    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral(".0.64.64.png")).itemPath,
+              vd_ImageUtils::kComputerPath);
+    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral("/a/.hidden.1.64.64.jpg")).itemPath,
+              QStringLiteral("/a/.hidden"));
+
+    EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("3")), 3);
+    EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("2")), 128);
+    EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("4096")), 4096);
+    EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("4097")), 128);
+    EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("wide")), 128);
+}
+
+TEST(Thumbnail, CropBeforeScaleAndTheDrawingLimit)
+{
+    vips_init("test");
+    EXPECT_EQ(CropImageForMaxAspectRatioCreate(VImage::black(1000, 100)).width(), 400);
+    EXPECT_EQ(CropImageForMaxAspectRatioCreate(VImage::black(100, 1000)).height(), 400);
+    EXPECT_EQ(CropImageForMaxAspectRatioCreate(VImage::black(400, 100)).width(), 400);
+
+    const auto panorama = vd_ImageUtils::resizeImageIfNeededCreate(VImage::black(1000, 100), 128, 128);
+    ASSERT_TRUE(panorama);
+    EXPECT_EQ(std::make_pair(panorama->width(), panorama->height()), std::make_pair(128, 32));
+    const auto small = vd_ImageUtils::resizeImageIfNeededCreate(VImage::black(50, 40), 128, 128);
+    EXPECT_EQ(std::make_pair(small->width(), small->height()), std::make_pair(50, 40));
+
+    // Scaled, this one would still be 36 megapixels: it comes back cropped but unscaled.
+    EXPECT_FALSE(MyCreateBitmapContext(6000, 6000));
+    EXPECT_TRUE(MyCreateBitmapContext(5000, 5000));
+    const auto huge = vd_ImageUtils::resizeImageIfNeededCreate(VImage::black(10000, 10000), 6000, 6000);
+    EXPECT_EQ(huge->width(), 10000);
+}
+
+TEST(Thumbnail, PicturesOfImagesWithTheSharedCache)
+{
+    TempHome home;
+    const QString jpeg = writePicture(home, QStringLiteral("Pictures/photo.jpg"), 1600, 1200);
+    const auto thumb = vd_ImageUtils::imageDataForPath(jpeg, 128, 96, true, 0.54);
+    ASSERT_TRUE(thumb);
+    const VImage picture = decoded(*thumb);
+    EXPECT_EQ(std::make_pair(picture.width(), picture.height()), std::make_pair(128, 96));
+
+    // The desktop's cache got the standard 128-pixel picture, tagged so that file managers trust it.
+    const QStringList cached = QDir(ThumbnailCache::folderFor(128)).entryList(QDir::Files);
+    ASSERT_EQ(cached.size(), 1);
+    EXPECT_TRUE(ThumbnailCache::read(jpeg, 128).has_value());
+    home.writeFile(QStringLiteral("Pictures/photo.jpg"), "changed"); // a new mtime or content invalidates
+    ::utimensat(AT_FDCWD, QFile::encodeName(jpeg).constData(), nullptr, 0);
+    const struct timespec later[2] = {{0, UTIME_OMIT}, {2000000000, 0}};
+    ::utimensat(AT_FDCWD, QFile::encodeName(jpeg).constData(), later, 0);
+    EXPECT_FALSE(ThumbnailCache::read(jpeg, 128).has_value());
+
+    // A PNG with transparency asked as PNG keeps its alpha; the JPEG qualities differ as they should.
+    const QString png = writePicture(home, QStringLiteral("Pictures/logo.png"), 300, 200, true);
+    const auto pngThumb = vd_ImageUtils::imageDataForPath(png, 64, 64, false, 0.54);
+    ASSERT_TRUE(pngThumb);
+    EXPECT_TRUE(pngThumb->startsWith("\x89PNG"));
+    EXPECT_EQ(decoded(*pngThumb).bands(), 4);
+    const auto low = vd_ImageUtils::imageDataForPath(png, 256, 256, true, 0.54);
+    const auto high = vd_ImageUtils::imageDataForPath(png, 256, 256, true, 0.64);
+    ASSERT_TRUE(low && high);
+    EXPECT_LT(low->size(), high->size());
+    EXPECT_EQ(decoded(*low).bands(), 3);
+}
+
+TEST(Thumbnail, DocumentsIconsCorruptFilesAndBombs)
+{
+    TempHome home;
+    LogCapture log;
+    const auto pdf = vd_ImageUtils::createImage(writePdf(home), 256, 256);
+    ASSERT_TRUE(pdf);
+    EXPECT_EQ(pdf->width(), 256); // the page itself, 2:1, not an icon
+    EXPECT_EQ(pdf->height(), 128);
+
+    const auto unknown =
+        vd_ImageUtils::createImage(home.writeFile(QStringLiteral("data.xyz123"), "\x01\x02"), 64, 64);
+    ASSERT_TRUE(unknown);
+    EXPECT_EQ(unknown->width(), 64);
+
+    QByteArray corrupt = QByteArray("\xff\xd8\xff\xe0", 4) + QByteArray(2000, '\x55');
+    const auto broken =
+        vd_ImageUtils::createImage(home.writeFile(QStringLiteral("broken.jpg"), corrupt), 64, 64);
+    ASSERT_TRUE(broken); // the icon stands in
+    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(QStringLiteral("The file may be corrupt: ") +
+                                                       home.filePath(QStringLiteral("broken.jpg"))));
+
+    // 400 megapixels of zeros in a small file: refused from its header, the icon stands in, memory stays low.
+    const QString bomb = home.filePath(QStringLiteral("bomb.png"));
+    VImage::black(20000, 20000).pngsave(QFile::encodeName(bomb).constData());
+    const long before = peakResidentKilobytes();
+    const auto defused = vd_ImageUtils::createImage(bomb, 256, 256);
+    ASSERT_TRUE(defused);
+    EXPECT_LT(peakResidentKilobytes() - before, 100 * 1024);
+    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(QStringLiteral("400 megapixels")));
+}
+
+TEST(Thumbnail, RequestsFillThumbAndPreviewAndRawBytes)
+{
+    TempHome home;
+    const QString jpeg = writePicture(home, QStringLiteral("Pictures/p.jpg"), 900, 600);
+    QJsonObject request{{QStringLiteral("path"), jpeg + QStringLiteral(".1384567890.200.100.jpg")}};
+    QByteArray raw;
+    ThumbnailHandler::handleThumbRequest(request, &raw);
+    EXPECT_EQ(dataWithBase64EncodedString_URL_SAFE(request.value(QStringLiteral("thumb")).toString()), raw);
+    EXPECT_EQ(decoded(raw).height(), 100);
+
+    QJsonObject computer{{QStringLiteral("path"), QStringLiteral(".0.128.128.png")}};
+    ThumbnailHandler::handleThumbRequest(computer, &raw);
+    EXPECT_TRUE(raw.startsWith("\x89PNG"));
+    QJsonObject root{{QStringLiteral("path"), QStringLiteral("/.1384567890.64.64.png")}};
+    ThumbnailHandler::handleThumbRequest(root, &raw);
+    EXPECT_TRUE(root.contains(QStringLiteral("thumb")));
+
+    QJsonObject preview{{QStringLiteral("path"), jpeg + QStringLiteral(".jpg")}};
+    ThumbnailHandler::handlePreviewRequest(preview, &raw);
+    const VImage large = decoded(raw);
+    EXPECT_EQ(std::make_pair(large.width(), large.height()), std::make_pair(768, 512));
+}

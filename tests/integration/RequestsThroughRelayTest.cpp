@@ -1,0 +1,227 @@
+#include "FakeRelay.h"
+#include "support/Encodings.h"
+#include "support/ls_Keychain.h"
+#include "utils/vd_FileUtils.h"
+#include "utils/vd_SimpleUtils.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <vips/vips8>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// One agent in a temporary home with a Dropbox StorageRoot and an open session, and a way to send it
+// requests through the relay and read their results.
+class AgentWithSession : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        qputenv("VANDREL_RELAY_URL", relay.baseUrl().toUtf8());
+        qputenv("VANDREL_KEYCHAIN", "file");
+        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
+        root = home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
+        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions/web.json"),
+                       QStringLiteral("{\"date\": %1}")
+                           .arg(vd_FileUtils::JSONDate(QDateTime::currentDateTimeUtc()), 0, 'f', 3)
+                           .toUtf8());
+        ls_Keychain::setString(QStringLiteral("pw"), vd_FileUtils::keyForComputerPassword());
+        agent = std::make_unique<AgentProcess>(home);
+        const auto first = relay.waitForPoll([](const FakeRelay::Poll &) { return true; });
+        ASSERT_TRUE(first) << agent->log().toStdString();
+        hash = vd_SimpleUtils::sha256Hex(first->computerId + QStringLiteral("___pw"));
+    }
+    void TearDown() override
+    {
+        agent->stop(SIGTERM);
+        qunsetenv("VANDREL_RELAY_URL");
+        qunsetenv("VANDREL_KEYCHAIN");
+    }
+
+    // Sends one request and waits for its result.
+    QJsonObject ask(QJsonObject request)
+    {
+        const QString marker = QString::number(++m_sent);
+        request.insert(QStringLiteral("n"), marker);
+        request.insert(QStringLiteral("os_session"), QStringLiteral("web"));
+        request.insert(QStringLiteral("pword_hash"), hash);
+        relay.queueRequests(QJsonArray{request});
+        const auto poll = relay.waitForPoll(
+            [&](const FakeRelay::Poll &p) {
+                return p.result && p.result->value(QStringLiteral("n")) == marker;
+            },
+            30s);
+        return poll ? *poll->result : QJsonObject{{QStringLiteral("missing"), agent->log()}};
+    }
+
+    static QStringList itemPaths(const QJsonObject &result)
+    {
+        QStringList paths;
+        for (const QJsonValue &item : result.value(QStringLiteral("items")).toArray())
+            paths << item[QStringLiteral("path")].toString();
+        return paths;
+    }
+
+    // The keys a result may hold: the request's own, the engine's stamps, and the handler's.
+    static QStringList unexpectedKeys(const QJsonObject &result, const QJsonObject &request,
+                                      const QStringList &handlerKeys)
+    {
+        QStringList unexpected;
+        const QStringList stamps{QStringLiteral("n"), QStringLiteral("os_session"),
+                                 QStringLiteral("pword_hash"), QStringLiteral("vandrel_folder"),
+                                 QStringLiteral("search_date")};
+        for (const QString &key : result.keys()) {
+            if (!request.contains(key) && !stamps.contains(key) && !handlerKeys.contains(key))
+                unexpected << key;
+        }
+        return unexpected;
+    }
+
+    static vips::VImage picture(const QJsonObject &result, const char *key)
+    {
+        const QByteArray bytes =
+            dataWithBase64EncodedString_URL_SAFE(result.value(QLatin1String(key)).toString())
+                .value_or(QByteArray());
+        return vips::VImage::new_from_buffer(bytes.constData(), size_t(bytes.size()), "").copy_memory();
+    }
+
+    TempHome home;
+    FakeRelay relay;
+    QString root;
+    QString hash;
+    std::unique_ptr<AgentProcess> agent;
+    int m_sent = 0;
+};
+
+} // namespace
+
+TEST_F(AgentWithSession, SearchesAndListings)
+{
+    const QJsonObject computer = ask({{QStringLiteral("request_type"), QStringLiteral("search")},
+                                      {QStringLiteral("search_dir"), QStringLiteral("root_folders")}});
+    EXPECT_EQ(computer.value(QStringLiteral("items")).toArray().first()[QStringLiteral("pword_required")],
+              QJsonValue(true));
+    EXPECT_EQ(computer.value(QStringLiteral("vandrel_folder")).toString(), root);
+
+    const QJsonObject roots = ask({{QStringLiteral("request_type"), QStringLiteral("search")},
+                                   {QStringLiteral("search_dir"), QString()}});
+    EXPECT_EQ(itemPaths(roots).value(0), home.path());
+
+    home.writeFile(QStringLiteral("Notes/file 10.txt"), "x");
+    home.writeFile(QStringLiteral("Notes/file 9.txt"), "x");
+    const QJsonObject folder = ask({{QStringLiteral("request_type"), QStringLiteral("search")},
+                                    {QStringLiteral("search_dir"), home.filePath(QStringLiteral("Notes"))}});
+    EXPECT_EQ(itemPaths(folder), QStringList({home.filePath(QStringLiteral("Notes/file 9.txt")),
+                                              home.filePath(QStringLiteral("Notes/file 10.txt"))}));
+
+    const QString fresh = home.writeFile(QStringLiteral("Notes/Fresh Minutes.txt"), "budget meeting");
+    QStringList found;
+    for (int attempt = 0; attempt < 20 && !found.contains(fresh); ++attempt)
+        found = itemPaths(ask({{QStringLiteral("request_type"), QStringLiteral("search")},
+                               {QStringLiteral("search_dir"), home.path()},
+                               {QStringLiteral("name_search"), QStringLiteral("minutes")}}));
+    EXPECT_TRUE(found.contains(fresh));
+}
+
+TEST_F(AgentWithSession, CopiesMovesAndItemInfo)
+{
+    const QString source = home.writeFile(QStringLiteral("Documents/a.txt"), "first");
+    const QJsonObject copy = ask({{QStringLiteral("request_type"), QStringLiteral("copy_to_dropbox")},
+                                  {QStringLiteral("path"), source}});
+    EXPECT_EQ(copy.value(QStringLiteral("message")).toString(), QStringLiteral("Copied to Dropbox"));
+    const QString copied = copy.value(QStringLiteral("matching_path")).toString();
+    EXPECT_EQ(ask({{QStringLiteral("request_type"), QStringLiteral("copy_to_dropbox")},
+                   {QStringLiteral("path"), source}})
+                  .value(QStringLiteral("message"))
+                  .toString(),
+              QStringLiteral("Copied to Dropbox"));
+    home.writeFile(QStringLiteral("Documents/a.txt"), "second");
+    ask({{QStringLiteral("request_type"), QStringLiteral("copy_to_dropbox")},
+         {QStringLiteral("path"), source}});
+    EXPECT_TRUE(QFile::exists(QFileInfo(copied).path() + QStringLiteral("/a V1.txt")));
+
+    const QJsonObject move = ask({{QStringLiteral("request_type"), QStringLiteral("move_from_dropbox")},
+                                  {QStringLiteral("path"), copied},
+                                  {QStringLiteral("dest_path"), home.filePath(QStringLiteral("Documents"))}});
+    EXPECT_EQ(move.value(QStringLiteral("message")).toString(), QStringLiteral("Moved out of Dropbox"));
+    EXPECT_TRUE(QFile::exists(home.filePath(QStringLiteral("Documents/a (1).txt"))));
+    const QJsonObject refused = ask({{QStringLiteral("request_type"), QStringLiteral("move_from_dropbox")},
+                                     {QStringLiteral("path"), root}});
+    EXPECT_EQ(refused.value(QStringLiteral("error")).toString(),
+              root + QStringLiteral(" is a folder in use by another dropbox application. You can delete this "
+                                    "by removing permission for this application at www.dropbox.com."));
+
+    const QJsonObject info = ask({{QStringLiteral("request_type"), QStringLiteral("info")},
+                                  {QStringLiteral("path"), home.filePath(QStringLiteral("Documents"))}});
+    const QJsonArray lines = info.value(QStringLiteral("info")).toArray();
+    ASSERT_EQ(lines.size(), 3);
+    EXPECT_EQ(lines[2][QStringLiteral("value")].toString(), QStringLiteral("3"));
+}
+
+TEST_F(AgentWithSession, ThumbnailsAndPreviews)
+{
+    vips_init("test");
+    const QString jpeg = home.filePath(QStringLiteral("Pictures/photo.jpg"));
+    QDir().mkpath(QFileInfo(jpeg).path());
+    (vips::VImage::xyz(1200, 800).extract_band(0) / 5)
+        .cast(VIPS_FORMAT_UCHAR)
+        .jpegsave(QFile::encodeName(jpeg).constData());
+    const QJsonObject thumb =
+        ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+             {QStringLiteral("path"), jpeg + QStringLiteral(".1384567890.128.96.jpg")}});
+    const vips::VImage small = picture(thumb, "thumb");
+    EXPECT_EQ(std::make_pair(small.width(), small.height()), std::make_pair(128, 85));
+
+    const QJsonObject preview = ask({{QStringLiteral("request_type"), QStringLiteral("preview")},
+                                     {QStringLiteral("path"), jpeg + QStringLiteral(".jpg")}});
+    EXPECT_EQ(picture(preview, "preview").width(), 768);
+
+    const QJsonObject computer = ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+                                      {QStringLiteral("path"), QStringLiteral(".0.64.64.png")}});
+    EXPECT_EQ(picture(computer, "thumb").width(), 64);
+    const QString broken = home.writeFile(QStringLiteral("broken.jpg"),
+                                          QByteArray("\xff\xd8\xff\xe0", 4) + QByteArray(500, 'x'));
+    const QJsonObject icon = ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+                                  {QStringLiteral("path"), broken + QStringLiteral(".1.64.64.jpg")}});
+    EXPECT_EQ(picture(icon, "thumb").width(), 64);
+
+    // A PNG with transparency asked as PNG keeps it; the root folder and an unknown type get icons.
+    const QString png = home.filePath(QStringLiteral("Pictures/logo.png"));
+    vips::VImage::black(300, 200, vips::VImage::option()->set("bands", 4))
+        .pngsave(QFile::encodeName(png).constData());
+    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+                           {QStringLiteral("path"), png + QStringLiteral(".5.64.64.png")}}),
+                      "thumb")
+                  .bands(),
+              4);
+    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+                           {QStringLiteral("path"), QStringLiteral("/.1384567890.64.64.png")}}),
+                      "thumb")
+                  .width(),
+              64);
+    const QString odd = home.writeFile(QStringLiteral("data.qqq"), "\x01\x02");
+    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+                           {QStringLiteral("path"), odd + QStringLiteral(".5.48.48.jpg")}}),
+                      "thumb")
+                  .width(),
+              48);
+
+    // 400 megapixels in a small file: answered with an icon, and the agent's memory stays bounded.
+    const QString bomb = home.filePath(QStringLiteral("bomb.png"));
+    vips::VImage::black(20000, 20000).pngsave(QFile::encodeName(bomb).constData());
+    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+                           {QStringLiteral("path"), bomb + QStringLiteral(".5.128.128.jpg")}}),
+                      "thumb")
+                  .width(),
+              128);
+    EXPECT_LT(agent->residentKb(), 300 * 1024);
+    EXPECT_TRUE(agent->running());
+}

@@ -1,0 +1,156 @@
+#include "metadata/NameTable.h"
+
+#include "metadata/ContentTypes.h"
+#include "metadata/QueryEvaluator.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class NameTableQuery : public ::testing::Test
+{
+protected:
+    std::uint32_t add(std::uint32_t parent, const std::string &name, std::int64_t seconds,
+                      bool folder = false, std::uint8_t flags = 0)
+    {
+        FileRecord record;
+        record.id = m_nextId++;
+        record.parent = parent;
+        record.name = name;
+        record.mtimeNs = seconds * 1000000000;
+        record.flags = flags | (folder ? FileRecord::Folder : 0);
+        record.type = ContentTypes::instance().codeForFileName(name, folder);
+        m_records.push_back(record);
+        return record.id;
+    }
+
+    std::vector<std::string> query(const QString &text, const std::string &scope = {}, std::size_t max = 600,
+                                   bool descending = true)
+    {
+        auto parsed = parseQuery(text);
+        EXPECT_TRUE(std::holds_alternative<QueryNode>(parsed)) << text.toStdString();
+        if (!std::holds_alternative<QueryNode>(parsed))
+            return {};
+        bool whole = false;
+        const auto scopeIds =
+            scope.empty() ? std::vector<std::uint32_t>{} : QueryEvaluator::scopeIds(m_table, scope, whole);
+        return QueryEvaluator::run(m_table, std::get<QueryNode>(parsed), scopeIds, descending, max,
+                                   m_resolver);
+    }
+
+    NameTable m_table;
+    std::vector<FileRecord> m_records;
+    std::uint32_t m_nextId = 1;
+    QueryEvaluator::Resolver m_resolver;
+};
+
+} // namespace
+
+TEST_F(NameTableQuery, NamesTypesScopesAndOrder)
+{
+    const auto root = add(0, "/home/u", 1, true);
+    const auto docs = add(root, "Documents", 2, true);
+    const auto pics = add(root, "Pictures", 3, true);
+    add(docs, "Résumé.pdf", 100);
+    add(docs, "resume-old.PDF", 90);
+    add(docs, "notes.txt", 80);
+    add(docs, "zürich.txt", 70);
+    add(pics, "beach.jpg", 60);
+    add(pics, "Logo.PNG", 50);
+    add(pics, "a.out~", 40, false, FileRecord::System);
+    m_table.replaceAll(m_records);
+
+    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*resume*\"cd")),
+              (std::vector<std::string>{"/home/u/Documents/Résumé.pdf", "/home/u/Documents/resume-old.PDF"}));
+    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*ZURICH*\"cd")),
+              std::vector<std::string>{"/home/u/Documents/zürich.txt"});
+    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"n*\"cd")),
+              std::vector<std::string>{"/home/u/Documents/notes.txt"});
+    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*ch*\"cd")).size(), 2u); // 2-byte substring
+    // Without modifiers a name match is exact and case-sensitive on the unfolded name.
+    EXPECT_EQ(query(QStringLiteral("kMDItemFSName == \"Résumé.pdf\"")).size(), 1u);
+    EXPECT_TRUE(query(QStringLiteral("kMDItemFSName == \"resume.pdf\"")).empty());
+    EXPECT_TRUE(query(QStringLiteral("kMDItemFSName == \"Résumé\"")).empty());
+
+    EXPECT_EQ(query(QStringLiteral("kMDItemContentTypeTree == \"public.image\"")),
+              (std::vector<std::string>{"/home/u/Pictures/beach.jpg", "/home/u/Pictures/Logo.PNG"}));
+    EXPECT_EQ(query(QStringLiteral("kMDItemContentTypeTree == \"com.adobe.pdf\"")).size(), 2u);
+    EXPECT_EQ(query(QStringLiteral("kMDItemContentType == 'public.folder'")).size(), 3u); // the root too
+    EXPECT_EQ(query(QStringLiteral("kMDItemContentTypeTree == \"public.text\" && "
+                                   "kMDItemDisplayName == \"*z*\"cd")),
+              std::vector<std::string>{"/home/u/Documents/zürich.txt"});
+
+    // System files drop out; scope keeps to one folder; ascending order reverses.
+    EXPECT_EQ(query(QStringLiteral("kMDItemFSName == \"*\" && kMDItemSupportFileType != MDSystemFile"),
+                    "/home/u/Pictures"),
+              (std::vector<std::string>{"/home/u/Pictures/beach.jpg", "/home/u/Pictures/Logo.PNG"}));
+    EXPECT_EQ(
+        query(QStringLiteral("kMDItemDisplayName == \"*.*\"cd"), "/home/u/Pictures", 600, false).front(),
+        "/home/u/Pictures/a.out~");
+    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*e*\"cd || kMDItemDisplayName == \"*z*\"cd"),
+                    "/home/u/Documents")
+                  .size(),
+              4u);
+    EXPECT_EQ(query(QStringLiteral("kMDItemPath == \"*/pictures/*\"cd")).size(), 3u);
+    EXPECT_TRUE(query(QStringLiteral("kMDItemNoSuchThing == \"*\"")).empty());
+}
+
+TEST_F(NameTableQuery, ChangesShowBeforeAndAfterCompaction)
+{
+    const auto root = add(0, "/r", 1, true);
+    const auto a = add(root, "a", 2, true);
+    const auto b = add(root, "b", 3, true);
+    const auto report = add(a, "report.txt", 10);
+    const auto gone = add(a, "gone.txt", 11);
+    m_table.replaceAll(m_records);
+
+    FileRecord moved{report, b, "annual report.txt", 20 * 1000000000ll, 5, 0, 0};
+    m_table.upsert(moved);
+    m_table.remove(gone);
+    FileRecord created{100, a, "fresh report.txt", 30 * 1000000000ll, 1, 0, 0};
+    m_table.upsert(created);
+
+    const std::vector<std::string> expected{"/r/a/fresh report.txt", "/r/b/annual report.txt"};
+    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*report*\"cd")), expected);
+    EXPECT_TRUE(query(QStringLiteral("kMDItemFSName == \"gone.txt\"")).empty());
+    EXPECT_TRUE(query(QStringLiteral("kMDItemFSName == \"report.txt\"")).empty());
+    EXPECT_TRUE(query(QStringLiteral("kMDItemFSName == \"fresh report\"")).empty()); // exact, not a prefix
+    EXPECT_EQ(query(QStringLiteral("kMDItemFSName == \"fresh report.txt\"")).size(), 1u);
+    EXPECT_EQ(query(QStringLiteral("kMDItemFSName == \"*\""), "/r/b"),
+              std::vector<std::string>{"/r/b/annual report.txt"});
+    {
+        const NameTable::Reader reader = m_table.read();
+        EXPECT_EQ(reader.idForPath("/r/b/annual report.txt"), std::optional<std::uint32_t>(report));
+        EXPECT_FALSE(reader.idForPath("/r/a/report.txt"));
+    }
+
+    // Enough changes to force a rebuild of the main segment; the answers stay the same.
+    for (std::uint32_t i = 0; i < 2000; ++i)
+        m_table.upsert(FileRecord{1000 + i, b, "bulk" + std::to_string(i), 5 * 1000000000ll, 0, 0, 0});
+    m_table.compactIfLarge();
+    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*report*\"cd")), expected);
+    EXPECT_EQ(m_table.size(), 2005u);
+}
+
+TEST_F(NameTableQuery, CapKeepsTheNewest)
+{
+    const auto root = add(0, "/r", 1, true);
+    for (int i = 0; i < 1000; ++i)
+        add(root, "photo " + std::to_string(i) + ".jpg", 1000 + (i * 7919) % 1000);
+    m_table.replaceAll(m_records);
+    for (const QString &text : {QStringLiteral("kMDItemDisplayName == \"*photo*\"cd"),
+                                QStringLiteral("kMDItemDisplayName == \"p*\"cd"),
+                                QStringLiteral("kMDItemContentTypeTree == \"public.image\"")}) {
+        const auto paths = query(text);
+        ASSERT_EQ(paths.size(), 600u) << text.toStdString();
+        // The mtimes are a permutation of 1000..1999, so the newest 600 are 1400 and above.
+        const NameTable::Reader reader = m_table.read();
+        std::int64_t previous = INT64_MAX;
+        for (const std::string &path : paths) {
+            const auto record = reader.byId(*reader.idForPath(path));
+            EXPECT_LE(record->mtimeNs, previous);
+            EXPECT_GE(record->mtimeNs, 1400ll * 1000000000);
+            previous = record->mtimeNs;
+        }
+    }
+}
