@@ -14,7 +14,7 @@ namespace {
 constexpr double kActiveWindowSeconds = 60.0;
 constexpr int kMaxThreads = 4;
 // Requests waiting beyond this many are dropped: a relay that floods the agent must not exhaust memory.
-constexpr int kMaxWaitingRequests = 10000;
+constexpr int kMaxWaitingRequests = 1000;
 
 std::atomic<bool> s_initialised{false};
 std::atomic<int> s_waitingRequests{0};
@@ -40,6 +40,7 @@ void vd_Searcher::initializeThings()
 
 QThreadPool &vd_Searcher::opQ()
 {
+    // Never destroyed: operations may still be finishing while the process's statics go away.
     static QThreadPool *queue = [] {
         auto *pool = new QThreadPool;
         pool->setMaxThreadCount(kMaxThreads);

@@ -135,6 +135,12 @@ AgentProcess::AgentProcess(const TempHome &home)
 {
     // The agent indexes only its temporary home, not the whole machine.
     UserDefaults::setValue(SettingsKeys::IndexedRoots, QStringList{home.path()});
+    // Under AddressSanitizer freed memory is held back for a while; a small hold keeps the memory
+    // figures about the agent rather than the sanitizer.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("ASAN_OPTIONS"), environment.value(QStringLiteral("ASAN_OPTIONS")) +
+                                                           QStringLiteral(":quarantine_size_mb=8"));
+    m_process.setProcessEnvironment(environment);
     m_process.setProcessChannelMode(QProcess::MergedChannels);
     m_process.setStandardOutputFile(m_logPath);
     m_process.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("--headless")});
