@@ -94,7 +94,8 @@ std::unique_ptr<IndexStore> IndexStore::open(const QString &path)
             return nullptr;
         std::unique_ptr<IndexStore> store(new IndexStore(db));
         QString problem;
-        if (!store->exec("PRAGMA journal_mode=WAL") || !store->exec("PRAGMA synchronous=NORMAL")) {
+        if (!store->exec("PRAGMA journal_mode=WAL") || !store->exec("PRAGMA synchronous=NORMAL") ||
+            !store->exec("PRAGMA cache_size=-32768")) {
             problem = QStringLiteral("cannot be read");
         } else {
             sqlite3_stmt *version = store->prepare("PRAGMA user_version");
