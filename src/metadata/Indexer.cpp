@@ -350,6 +350,7 @@ void Indexer::catchUp()
     }
     if (!changed.empty())
         noteChange();
+    m_store->setMeta(QStringLiteral("crawl_progress"), QStringLiteral("100"));
     m_store->commit();
     m_table.compactIfLarge();
     m_crawling = false;
