@@ -221,7 +221,7 @@ bool eval(const Compiled &c, const RecordView &r, const Context &context)
 // A way to enumerate a superset of a clause's hits from the main segment, newest first.
 struct Source
 {
-    enum class Kind { Exact, Trigram, Containing, Ids } kind;
+    enum class Kind { Exact, Trigram, Containing, StartingWith, Ids } kind;
     std::string literal;
     std::shared_ptr<QueryEvaluator::IdSet> ids;
     std::size_t cost = 0;
@@ -234,6 +234,12 @@ std::optional<std::vector<Source>> sourcesFor(const Compiled &c, const NameTable
         const std::string literal = pattern.longestFoldedLiteral();
         if (literal.empty())
             return std::nullopt;
+        if (pattern.anchoredStart && !pattern.wordBased && literal.size() < 3) {
+            const std::string &first = pattern.segments.front();
+            const std::string prefix =
+                pattern.folded ? first : Folding::fold(std::string_view(first)).toStdString();
+            return Source{Source::Kind::StartingWith, prefix, nullptr, rows / 8};
+        }
         if (literal.size() >= 3)
             return Source{Source::Kind::Trigram, literal, nullptr, reader.trigramPostingCount(literal)};
         return Source{Source::Kind::Containing, literal, nullptr, rows / 4};
@@ -427,6 +433,9 @@ std::vector<std::string> QueryEvaluator::run(const NameTable &table, const Query
                     break;
                 case Source::Kind::Containing:
                     reader.scanMainContaining(source.literal, collect(taken));
+                    break;
+                case Source::Kind::StartingWith:
+                    reader.scanMainStartingWith(source.literal, collect(taken));
                     break;
                 case Source::Kind::Ids: {
                     std::vector<RecordView> records;
