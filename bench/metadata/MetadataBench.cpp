@@ -1,5 +1,5 @@
 // Builds a synthetic tree and prints the metadata index's figures beside plocate's and Recoll's.
-//   metadata_bench --files 200000 --dir /tmp/vandrel-bench [--seed 7] [--no-peers]
+//   metadata_bench --files 200000 --dir /tmp/vandrel-bench [--seed 7] [--no-peers] [--no-recoll]
 // The tree is made once per size and seed and reused.
 
 #include "metadata/MetadataIndex.h"
@@ -195,6 +195,7 @@ int main(int argc, char **argv)
     unsigned seed = 7;
     std::string dir = "/tmp/vandrel-bench";
     bool peers = true;
+    bool recollToo = true;
     const QStringList args = app.arguments();
     for (qsizetype i = 1; i < args.size(); ++i) {
         if (args[i] == u"--files" && i + 1 < args.size())
@@ -205,6 +206,8 @@ int main(int argc, char **argv)
             dir = args[++i].toStdString();
         else if (args[i] == u"--no-peers")
             peers = false;
+        else if (args[i] == u"--no-recoll")
+            recollToo = false;
     }
     const std::string treeDir = dir + "/tree";
     QDir().mkpath(QString::fromStdString(dir));
@@ -286,7 +289,7 @@ int main(int argc, char **argv)
     };
 
     const bool withPlocate = peers && have("plocate") && have("updatedb");
-    const bool withRecoll = peers && have("recollindex") && have("recollq");
+    const bool withRecoll = peers && recollToo && have("recollindex") && have("recollq");
     const std::string plocateDb = dir + "/plocate.db";
     if (withPlocate) {
         const Run build = run("updatedb -l 0 -U '" + treeDir + "' -o '" + plocateDb + "'");

@@ -49,17 +49,25 @@ Kind kindOf(ContentTypes::Code code)
     return Kind::None;
 }
 
+// UTF-8 when the bytes are UTF-8 (a sequence cut by the read cap aside), Latin-1 otherwise, which every
+// byte sequence is.
 QString decodeText(const QByteArray &bytes)
 {
+    qsizetype end = bytes.size();
+    for (qsizetype back = 1; back <= 3 && back <= bytes.size(); ++back) {
+        const auto c = uchar(bytes[bytes.size() - back]);
+        if ((c & 0xc0) == 0xc0) {
+            const int length = c >= 0xf0 ? 4 : c >= 0xe0 ? 3 : 2;
+            if (length > back)
+                end = bytes.size() - back;
+            break;
+        }
+        if ((c & 0xc0) != 0x80)
+            break;
+    }
     QStringDecoder utf8(QStringDecoder::Utf8);
-    QString text = utf8.decode(bytes);
-    if (!utf8.hasError())
-        return text;
-    // Not UTF-8 (a cut at the cap aside): read it as Latin-1, which every byte sequence is.
-    const QByteArray trimmed = bytes.left(bytes.size() - 3);
-    QStringDecoder again(QStringDecoder::Utf8);
-    text = again.decode(trimmed);
-    return again.hasError() ? QString::fromLatin1(bytes) : text;
+    const QString text = utf8.decode(QByteArrayView(bytes).first(end));
+    return utf8.hasError() ? QString::fromLatin1(bytes) : text;
 }
 
 bool looksBinary(const QByteArray &bytes)
@@ -419,7 +427,8 @@ QStringList tags(const QString &path)
 Extraction extract(const QString &path, ContentTypes::Code code, qint64 maxBytes, int timeoutMs)
 {
     Extraction result;
-    switch (QFileInfo(path).size() == 0 ? Kind::None : kindOf(code)) {
+    const QFileInfo info(path);
+    switch (info.exists() && info.size() == 0 ? Kind::None : kindOf(code)) {
     case Kind::None:
         break;
     case Kind::Text:

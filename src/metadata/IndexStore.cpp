@@ -17,7 +17,6 @@ CREATE TABLE types(code INTEGER PRIMARY KEY, mime TEXT UNIQUE NOT NULL);
 CREATE TABLE files(id INTEGER PRIMARY KEY, parent INTEGER NOT NULL, name BLOB NOT NULL, size INTEGER NOT NULL,
                    mtime INTEGER NOT NULL, type INTEGER NOT NULL, flags INTEGER NOT NULL);
 CREATE INDEX files_parent ON files(parent);
-CREATE INDEX files_type ON files(type, mtime);
 CREATE TABLE crawl_state(folder INTEGER PRIMARY KEY, mtime INTEGER NOT NULL);
 CREATE TABLE attributes(file INTEGER NOT NULL, name TEXT NOT NULL, value TEXT NOT NULL);
 CREATE INDEX attributes_file ON attributes(file);
@@ -95,7 +94,8 @@ std::unique_ptr<IndexStore> IndexStore::open(const QString &path)
             return nullptr;
         std::unique_ptr<IndexStore> store(new IndexStore(db));
         QString problem;
-        if (!store->exec("PRAGMA journal_mode=WAL") || !store->exec("PRAGMA synchronous=NORMAL")) {
+        if (!store->exec("PRAGMA journal_mode=WAL") || !store->exec("PRAGMA synchronous=NORMAL") ||
+            !store->exec("PRAGMA cache_size=-32768")) {
             problem = QStringLiteral("cannot be read");
         } else {
             sqlite3_stmt *version = store->prepare("PRAGMA user_version");
@@ -336,22 +336,22 @@ std::unordered_map<std::uint32_t, std::int64_t> IndexStore::folderScanTimes()
 }
 
 std::vector<std::uint32_t> IndexStore::pendingExtraction(const std::vector<ContentTypes::Code> &codes,
-                                                         std::size_t limit)
+                                                         std::uint32_t after, std::size_t limit)
 {
     std::vector<std::uint32_t> ids;
-    sqlite3_stmt *query =
+    std::string stored = "[";
+    for (ContentTypes::Code code : codes)
+        stored += (stored.size() > 1 ? "," : "") + std::to_string(storeType(code));
+    stored += "]";
+    Use query{
         prepare("SELECT f.id FROM files f LEFT JOIN extraction e ON e.file = f.id "
-                "WHERE f.type = ? AND (e.file IS NULL OR e.mtime != f.mtime OR e.size != f.size) "
-                "ORDER BY f.mtime DESC LIMIT ?");
-    for (ContentTypes::Code code : codes) {
-        if (ids.size() >= limit)
-            break;
-        sqlite3_bind_int(query, 1, storeType(code));
-        sqlite3_bind_int64(query, 2, sqlite3_int64(limit - ids.size()));
-        while (sqlite3_step(query) == SQLITE_ROW)
-            ids.push_back(std::uint32_t(sqlite3_column_int64(query, 0)));
-        sqlite3_reset(query);
-    }
+                "WHERE f.id > ? AND f.type IN (SELECT value FROM json_each(?)) "
+                "AND (e.file IS NULL OR e.mtime != f.mtime OR e.size != f.size) ORDER BY f.id LIMIT ?")};
+    sqlite3_bind_int64(query, 1, after);
+    sqlite3_bind_text(query, 2, stored.data(), int(stored.size()), SQLITE_STATIC);
+    sqlite3_bind_int64(query, 3, sqlite3_int64(limit));
+    while (sqlite3_step(query) == SQLITE_ROW)
+        ids.push_back(std::uint32_t(sqlite3_column_int64(query, 0)));
     return ids;
 }
 

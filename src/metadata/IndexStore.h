@@ -52,9 +52,9 @@ public:
 
     // Extraction. A file is pending when its type is in `codes` and it has no result for its current
     // modification time and size (a failure counts as a result, so a bad file is not retried until it
-    // changes).
+    // changes). Pending ids above `after`, ascending: a caller walking forward reads every row once per pass.
     std::vector<std::uint32_t> pendingExtraction(const std::vector<ContentTypes::Code> &codes,
-                                                 std::size_t limit);
+                                                 std::uint32_t after, std::size_t limit);
     void storeExtraction(std::uint32_t id, std::int64_t mtimeNs, std::int64_t size, bool failed,
                          const std::vector<std::pair<QString, QString>> &attributes, const QString &words);
     std::size_t extractedCount(bool withText);

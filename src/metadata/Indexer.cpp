@@ -350,6 +350,7 @@ void Indexer::catchUp()
     }
     if (!changed.empty())
         noteChange();
+    m_store->setMeta(QStringLiteral("crawl_progress"), QStringLiteral("100"));
     m_store->commit();
     m_table.compactIfLarge();
     m_crawling = false;
@@ -667,12 +668,17 @@ bool Indexer::extractSome(int budgetMs)
         if (Extractors::wants(ContentTypes::Code(code)))
             codes.push_back(ContentTypes::Code(code));
     }
-    const std::vector<std::uint32_t> pending = m_store->pendingExtraction(codes, 256);
+    std::vector<std::uint32_t> pending = m_store->pendingExtraction(codes, m_extractCursor, 256);
+    if (pending.empty() && m_extractCursor != 0) {
+        m_extractCursor = 0; // a new pass finds files that changed behind the cursor
+        pending = m_store->pendingExtraction(codes, 0, 256);
+    }
     if (pending.empty())
         return false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(budgetMs);
     m_store->begin();
     for (std::uint32_t id : pending) {
+        m_extractCursor = id;
         std::string path;
         std::optional<RecordView> record;
         ContentTypes::Code type = 0;

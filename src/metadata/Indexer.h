@@ -90,6 +90,7 @@ private:
     std::vector<FileRecord> m_bulkRecords;
     std::size_t m_uncommitted = 0;
     std::size_t m_foldersDone = 0;
+    std::uint32_t m_extractCursor = 0; // extraction walks the files by id, a pass at a time
 
     std::thread m_thread;
     std::atomic<bool> m_stop{false};

@@ -103,6 +103,8 @@ public:
     void scanMain(const Visit &visit) const;
     // Rows whose folded name contains `literal` (any length), found with a memmem over the name blob.
     void scanMainContaining(std::string_view literal, const Visit &visit) const;
+    // Rows whose folded name begins with `prefix`, found the same way.
+    void scanMainStartingWith(std::string_view prefix, const Visit &visit) const;
     // Rows carrying every distinct trigram of `literal` (three bytes or more): the rarest trigram's postings.
     void scanMainTrigrams(std::string_view literal, const Visit &visit) const;
     std::size_t trigramPostingCount(std::string_view literal) const; // of the rarest trigram

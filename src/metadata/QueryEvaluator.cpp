@@ -3,6 +3,7 @@
 #include "metadata/Folding.h"
 
 #include <algorithm>
+#include <map>
 #include <memory>
 
 namespace {
@@ -109,13 +110,16 @@ bool isNameAttribute(const QString &attribute)
     return attribute == u"kMDItemFSName" || attribute == u"kMDItemDisplayName";
 }
 
-Compiled compile(const QueryNode &node, const QueryEvaluator::Resolver &resolver)
+// Id sets fetched once per query: a search asks for the same words through `*` and kMDItemTextContent.
+using IdSetCache = std::map<QString, std::shared_ptr<QueryEvaluator::IdSet>>;
+
+Compiled compile(const QueryNode &node, const QueryEvaluator::Resolver &resolver, IdSetCache &cache)
 {
     Compiled c;
     c.kind = node.kind;
     if (node.kind != QueryNode::Kind::Comparison) {
         for (const QueryNode &child : node.children)
-            c.children.push_back(compile(child, resolver));
+            c.children.push_back(compile(child, resolver, cache));
         return c;
     }
     const QueryComparison &cmp = node.comparison;
@@ -147,7 +151,15 @@ Compiled compile(const QueryNode &node, const QueryEvaluator::Resolver &resolver
         c.target = Target::Date;
     } else if (attribute == kAnyAttribute || QueryEvaluator::isKnownAttribute(attribute)) {
         c.target = attribute == kAnyAttribute ? Target::NameOrIds : Target::Ids;
-        c.ids = std::make_shared<QueryEvaluator::IdSet>(resolver ? resolver(cmp) : QueryEvaluator::IdSet());
+        const bool words =
+            attribute == u"kMDItemTextContent" || (attribute == kAnyAttribute && cmp.wordBased);
+        const QString key = (words ? QStringLiteral("words") : attribute) + u'\n' + cmp.value + u'\n' +
+                            QString::number(cmp.ignoreCase) + QString::number(cmp.ignoreDiacritics) +
+                            QString::number(cmp.wordBased);
+        std::shared_ptr<QueryEvaluator::IdSet> &ids = cache[key];
+        if (!ids)
+            ids = std::make_shared<QueryEvaluator::IdSet>(resolver ? resolver(cmp) : QueryEvaluator::IdSet());
+        c.ids = ids;
     }
     return c;
 }
@@ -209,7 +221,7 @@ bool eval(const Compiled &c, const RecordView &r, const Context &context)
 // A way to enumerate a superset of a clause's hits from the main segment, newest first.
 struct Source
 {
-    enum class Kind { Exact, Trigram, Containing, Ids } kind;
+    enum class Kind { Exact, Trigram, Containing, StartingWith, Ids } kind;
     std::string literal;
     std::shared_ptr<QueryEvaluator::IdSet> ids;
     std::size_t cost = 0;
@@ -222,6 +234,12 @@ std::optional<std::vector<Source>> sourcesFor(const Compiled &c, const NameTable
         const std::string literal = pattern.longestFoldedLiteral();
         if (literal.empty())
             return std::nullopt;
+        if (pattern.anchoredStart && !pattern.wordBased && literal.size() < 3) {
+            const std::string &first = pattern.segments.front();
+            const std::string prefix =
+                pattern.folded ? first : Folding::fold(std::string_view(first)).toStdString();
+            return Source{Source::Kind::StartingWith, prefix, nullptr, rows / 8};
+        }
         if (literal.size() >= 3)
             return Source{Source::Kind::Trigram, literal, nullptr, reader.trigramPostingCount(literal)};
         return Source{Source::Kind::Containing, literal, nullptr, rows / 4};
@@ -274,7 +292,14 @@ std::optional<std::vector<Source>> sourcesFor(const Compiled &c, const NameTable
             auto sources = sourcesFor(child, reader);
             if (!sources)
                 return std::nullopt;
-            all.insert(all.end(), sources->begin(), sources->end());
+            for (Source &source : *sources) {
+                const bool repeated = std::any_of(all.begin(), all.end(), [&](const Source &known) {
+                    return known.kind == source.kind && known.literal == source.literal &&
+                           known.ids == source.ids;
+                });
+                if (!repeated)
+                    all.push_back(std::move(source));
+            }
         }
         return all;
     }
@@ -359,7 +384,8 @@ std::vector<std::string> QueryEvaluator::run(const NameTable &table, const Query
                                              const std::vector<std::uint32_t> &scopeIds, bool descending,
                                              std::size_t maxCount, const Resolver &resolver)
 {
-    const Compiled compiled = compile(query, resolver);
+    IdSetCache cache;
+    const Compiled compiled = compile(query, resolver, cache);
     const NameTable::Reader reader = table.read();
     const Context context{reader, scopeIds};
     auto inScope = [&](const RecordView &r) {
@@ -407,6 +433,9 @@ std::vector<std::string> QueryEvaluator::run(const NameTable &table, const Query
                     break;
                 case Source::Kind::Containing:
                     reader.scanMainContaining(source.literal, collect(taken));
+                    break;
+                case Source::Kind::StartingWith:
+                    reader.scanMainStartingWith(source.literal, collect(taken));
                     break;
                 case Source::Kind::Ids: {
                     std::vector<RecordView> records;

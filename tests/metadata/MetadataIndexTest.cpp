@@ -2,6 +2,7 @@
 
 #include "common/TempHome.h"
 #include "metadata/IndexStore.h"
+#include "platform/Volumes.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -9,6 +10,7 @@
 #include <QThread>
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/xattr.h>
 #include <vips/vips.h>
 
@@ -256,13 +258,29 @@ TEST_F(MetadataIndexTest, DamagedOrNewerStoreIsRebuilt)
         opened->setMeta(QStringLiteral("x"), QStringLiteral("y"));
         ASSERT_TRUE(opened->commit());
     }
-    ASSERT_EQ(system(qPrintable(QStringLiteral("sqlite3 '%1' 'PRAGMA user_version=99' 2>/dev/null || "
-                                               "python3 -c \"import sqlite3;c=sqlite3.connect('%1');"
-                                               "c.execute('PRAGMA user_version=99');c.commit()\"")
-                                    .arg(store))),
-              0);
+    sqlite3 *db = nullptr;
+    ASSERT_EQ(sqlite3_open(QFile::encodeName(store).constData(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version=99", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
     auto reopened = IndexStore::open(store);
     ASSERT_TRUE(reopened);
     EXPECT_TRUE(reopened->meta(QStringLiteral("x")).isEmpty());
     EXPECT_TRUE(reopened->loadFiles().empty());
+}
+
+TEST(Volumes, OnlyRealLocalFileSystemsAtUserMountPoints)
+{
+    EXPECT_TRUE(Volumes::isLocalVolume(QStringLiteral("/"), "ext4", "/dev/sda2"));
+    EXPECT_TRUE(Volumes::isLocalVolume(QStringLiteral("/media/ann/USB"), "vfat", "/dev/sdb1"));
+    EXPECT_TRUE(Volumes::isLocalVolume(QStringLiteral("/run/media/ann/Disk"), "ntfs3", "/dev/sdc1"));
+    EXPECT_TRUE(Volumes::isLocalVolume(QStringLiteral("/mnt/data"), "btrfs", "/dev/nvme0n1p3"));
+    EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/boot"), "ext4", "/dev/sda1"));
+    EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/boot/efi"), "vfat", "/dev/sda1"));
+    EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/snap/core/1"), "squashfs", "/dev/loop3"));
+    EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/media/ann/iso"), "ext4", "/dev/loop0"));
+    EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/mnt/share"), "nfs4", "server:/export"));
+    EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/proc"), "proc", "proc"));
+    EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/mnt/"), "ext4", "/dev/sdb1"));
+    EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/"), "overlay", "overlay"));
+    EXPECT_TRUE(Volumes::isLocalVolume(QStringLiteral("/"), "zfs", "rpool/ROOT/debian"));
 }

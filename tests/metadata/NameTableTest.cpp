@@ -1,9 +1,13 @@
 #include "metadata/NameTable.h"
 
 #include "metadata/ContentTypes.h"
+#include "metadata/Folding.h"
 #include "metadata/QueryEvaluator.h"
 
 #include <gtest/gtest.h>
+
+#include <map>
+#include <random>
 
 namespace {
 
@@ -151,6 +155,72 @@ TEST_F(NameTableQuery, CapKeepsTheNewest)
             EXPECT_LE(record->mtimeNs, previous);
             EXPECT_GE(record->mtimeNs, 1400ll * 1000000000);
             previous = record->mtimeNs;
+        }
+    }
+}
+
+// Random renames, moves, removals and rebuilds, checked against a plain list after every step.
+TEST_F(NameTableQuery, AgreesWithABruteForceModelUnderRandomChanges)
+{
+    std::mt19937 rng(42);
+    const char *const syllables[] = {"ab", "ré", "su", "mé", "zo", "x", "cap", "ÆR", "ﬁ", "a"};
+    auto randomName = [&] {
+        std::string name;
+        for (int i = 0, n = 1 + int(rng() % 4); i < n; ++i)
+            name += syllables[rng() % 10];
+        return name;
+    };
+    std::map<std::uint32_t, FileRecord> model;
+    const auto root = add(0, "/r", 1, true);
+    model[root] = m_records.back();
+    for (int i = 0; i < 300; ++i) {
+        const auto id = add(root, randomName(), 10 + int(rng() % 500));
+        model[id] = m_records.back();
+    }
+    m_table.replaceAll(m_records);
+    const QStringList terms = {QStringLiteral("a"),   QStringLiteral("re"), QStringLiteral("sum"),
+                               QStringLiteral("aeR"), QStringLiteral("fi"), QStringLiteral("zocap")};
+    for (int step = 0; step < 40; ++step) {
+        for (int change = 0; change < 30; ++change) {
+            auto it = std::next(model.begin(), 1 + long(rng() % (model.size() - 1)));
+            if (rng() % 3 == 0) {
+                m_table.remove(it->first);
+                model.erase(it);
+            } else {
+                FileRecord record = it->second;
+                record.name = randomName();
+                record.mtimeNs = std::int64_t(rng() % 1000) * 1000000000;
+                m_table.upsert(record);
+                it->second = record;
+            }
+            FileRecord fresh{m_nextId++, root, randomName(), std::int64_t(rng() % 1000) * 1000000000, 0,
+                             0,          0};
+            m_table.upsert(fresh);
+            model[fresh.id] = fresh;
+        }
+        if (step % 5 == 4)
+            m_table.compactIfLarge();
+        for (int i = 0; i < terms.size() * 2; ++i) {
+            // Each term as a substring, then as a prefix.
+            const QString &term = terms[i / 2];
+            const bool prefix = i % 2;
+            const QByteArray folded = Folding::fold(term);
+            std::vector<std::pair<std::int64_t, std::uint32_t>> expected;
+            for (const auto &[id, record] : model) {
+                const QByteArray name = Folding::fold(std::string_view(record.name));
+                if (record.parent != 0 && (prefix ? name.startsWith(folded) : name.contains(folded)))
+                    expected.emplace_back(-record.mtimeNs, id);
+            }
+            std::sort(expected.begin(), expected.end());
+            std::vector<std::string> paths;
+            for (const auto &[negativeTime, id] : expected)
+                paths.push_back("/r/" + model[id].name);
+            if (paths.size() > 20)
+                paths.resize(20);
+            const QString text = prefix ? QStringLiteral("kMDItemDisplayName == \"%1*\"cd")
+                                        : QStringLiteral("kMDItemDisplayName == \"*%1*\"cd");
+            EXPECT_EQ(query(text.arg(term), {}, 20), paths)
+                << "step " << step << " term " << term.toStdString();
         }
     }
 }
