@@ -3,8 +3,11 @@
 //  - a reply received to its result posted, for one request of an unknown type, against a minimal relay on
 //    127.0.0.1 that answers every post with no requests: wall time from handing the body to the engine
 //    until the result's POST has fully arrived at the relay.
+//  - the same for a thumbnail and a preview of a 24 MP JPEG, cold (no cached picture) and from the cache.
 // Usage: bench_engine [ROUNDS]   (default 200)
+#include "app/RequestHandlerRegistry.h"
 #include "engine/vd_Searcher.h"
+#include "utils/vd_SimpleUtils.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -23,6 +26,7 @@
 #include <algorithm>
 #include <atomic>
 #include <thread>
+#include <vips/vips8>
 
 namespace {
 
@@ -166,6 +170,46 @@ int main(int argc, char **argv)
         << " us, p90 " << micros[micros.size() * 9 / 10] << " us, max " << micros.back() << " us (" << rounds
         << " rounds)\n";
     out.flush();
+    vd_Searcher::opQ().waitForDone();
+
+    // Pictures through the same path: the handler's work plus base64 in the record and the post.
+    registerRequestHandlers();
+    qputenv("XDG_CACHE_HOME", QFile::encodeName(home.filePath(QStringLiteral(".cache"))));
+    const QString photo = home.filePath(QStringLiteral("photo24.jpg"));
+    VIPS_INIT(argv[0]);
+    vips::VImage gradient = (vips::VImage::xyz(6000, 4000) * 255 / 6000).cast(VIPS_FORMAT_UCHAR);
+    (gradient.bandjoin(gradient.extract_band(0)) +
+     vips::VImage::gaussnoise(6000, 4000).cast(VIPS_FORMAT_UCHAR))
+        .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB))
+        .jpegsave(QFile::encodeName(photo).constData(), vips::VImage::option()->set("Q", 90));
+    const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey());
+    const auto picture = [&](const char *type, const QString &path, bool cold, int count) {
+        const QByteArray request =
+            QStringLiteral(
+                R"({"requests":[{"request_type":"%1","os_session":"s1","pword_hash":"%2","path":"%3"}]})")
+                .arg(QLatin1String(type), hash, path)
+                .toUtf8();
+        std::vector<double> millis;
+        for (int i = 0; i < count; ++i) {
+            if (cold)
+                QDir(home.filePath(QStringLiteral(".cache/thumbnails"))).removeRecursively();
+            const int before = relay.results();
+            QElapsedTimer clock;
+            clock.start();
+            vd_Searcher::runRequestsFromReply(request);
+            while (relay.results() == before && clock.elapsed() < 30000)
+                QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+            millis.push_back(double(clock.nsecsElapsed()) / 1e6);
+        }
+        std::sort(millis.begin(), millis.end());
+        out << type << (cold ? " (cold)" : " (cached)") << " of the 24 MP JPEG through the relay: median "
+            << millis[millis.size() / 2] << " ms, max " << millis.back() << " ms (" << count
+            << " requests)\n";
+        out.flush();
+    };
+    picture("thumb", photo + QStringLiteral(".1.256.256.jpg"), true, 5);
+    picture("thumb", photo + QStringLiteral(".1.256.256.jpg"), false, 20);
+    picture("preview", photo + QStringLiteral(".jpg"), true, 5);
     vd_Searcher::opQ().waitForDone();
     return 0;
 }
