@@ -1,5 +1,6 @@
 #include "common/LogCapture.h"
 #include "common/TempHome.h"
+#include "common/TestPdf.h"
 #include "handlers/ThumbnailCache.h"
 #include "handlers/ThumbnailHandler.h"
 #include "handlers/vd_ImageUtils.h"
@@ -36,29 +37,6 @@ QString writePicture(const TempHome &home, const QString &name, int width, int h
     QDir().mkpath(QFileInfo(path).absolutePath());
     picture.write_to_file(QFile::encodeName(path).constData());
     return path;
-}
-
-// A one-page PDF of a filled rectangle, written by hand with a correct cross-reference table.
-QString writePdf(const TempHome &home)
-{
-    const QList<QByteArray> objects = {
-        "<< /Type /Catalog /Pages 2 0 R >>",
-        "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
-        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 100] /Contents 4 0 R >>",
-        "<< /Length 35 >>\nstream\n1 0 0 rg 10 10 180 80 re f\nendstream",
-    };
-    QByteArray pdf = "%PDF-1.4\n";
-    QList<qsizetype> offsets;
-    for (int i = 0; i < objects.size(); ++i) {
-        offsets << pdf.size();
-        pdf += QByteArray::number(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
-    }
-    const qsizetype xref = pdf.size();
-    pdf += "xref\n0 5\n0000000000 65535 f \n";
-    for (const qsizetype offset : offsets)
-        pdf += QByteArray::number(offset).rightJustified(10, '0') + " 00000 n \n";
-    pdf += "trailer\n<< /Size 5 /Root 1 0 R >>\nstartxref\n" + QByteArray::number(xref) + "\n%%EOF\n";
-    return home.writeFile(QStringLiteral("Documents/page.pdf"), pdf);
 }
 
 long peakResidentKilobytes()
@@ -148,10 +126,11 @@ TEST(Thumbnail, DocumentsIconsCorruptFilesAndBombs)
 {
     TempHome home;
     LogCapture log;
-    const auto pdf = vd_ImageUtils::createImage(writePdf(home), 256, 256);
+    const auto pdf = vd_ImageUtils::createImage(
+        home.writeFile(QStringLiteral("Documents/page.pdf"), makePdf("page")), 256, 256);
     ASSERT_TRUE(pdf);
-    EXPECT_EQ(pdf->width(), 256); // the page itself, 2:1, not an icon
-    EXPECT_EQ(pdf->height(), 128);
+    EXPECT_EQ(pdf->height(), 256); // the letter-size page itself, not a square icon
+    EXPECT_NEAR(pdf->width(), 198, 2);
 
     const auto unknown =
         vd_ImageUtils::createImage(home.writeFile(QStringLiteral("data.xyz123"), "\x01\x02"), 64, 64);

@@ -1,4 +1,5 @@
 #include "FakeRelay.h"
+#include "common/TestPdf.h"
 #include "support/Encodings.h"
 #include "support/ls_Keychain.h"
 #include "utils/vd_FileUtils.h"
@@ -192,6 +193,13 @@ TEST_F(AgentWithSession, ThumbnailsAndPreviews)
     const QJsonObject icon = ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
                                   {QStringLiteral("path"), broken + QStringLiteral(".1.64.64.jpg")}});
     EXPECT_EQ(picture(icon, "thumb").width(), 64);
+
+    const QString pdf = home.writeFile(QStringLiteral("Documents/page.pdf"), makePdf("page"));
+    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
+                           {QStringLiteral("path"), pdf + QStringLiteral(".5.128.128.jpg")}}),
+                      "thumb")
+                  .height(),
+              128);
 
     // A PNG with transparency asked as PNG keeps it; the root folder and an unknown type get icons.
     const QString png = home.filePath(QStringLiteral("Pictures/logo.png"));
