@@ -1,5 +1,6 @@
 #include "app/CommandLine.h"
 
+#include "app/ConsoleStreams.h"
 #include "app/HeadlessCommand.h"
 #include "app/IndexCommand.h"
 #include "app/PasswordCommand.h"
@@ -22,14 +23,12 @@ struct Command
 
 QTextStream &out()
 {
-    static QTextStream stream(stdout);
-    return stream;
+    return standardOutput();
 }
 
 QTextStream &err()
 {
-    static QTextStream stream(stderr);
-    return stream;
+    return standardError();
 }
 
 const std::vector<Command> &commands()

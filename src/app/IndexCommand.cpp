@@ -1,5 +1,6 @@
 #include "app/IndexCommand.h"
 
+#include "app/ConsoleStreams.h"
 #include "metadata/MetadataIndex.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
@@ -12,14 +13,12 @@ namespace {
 
 QTextStream &out()
 {
-    static QTextStream stream(stdout);
-    return stream;
+    return standardOutput();
 }
 
 QTextStream &err()
 {
-    static QTextStream stream(stderr);
-    return stream;
+    return standardError();
 }
 
 QString megabytes(qint64 bytes)
