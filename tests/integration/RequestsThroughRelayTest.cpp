@@ -123,13 +123,84 @@ TEST_F(AgentWithSession, SearchesAndListings)
     EXPECT_EQ(itemPaths(folder), QStringList({home.filePath(QStringLiteral("Notes/file 9.txt")),
                                               home.filePath(QStringLiteral("Notes/file 10.txt"))}));
 
+    const QStringList pageKeys{
+        QStringLiteral("items"),          QStringLiteral("total_item_count"), QStringLiteral("num_pages"),
+        QStringLiteral("page_size"),      QStringLiteral("sub_folders"),      QStringLiteral("computer_name"),
+        QStringLiteral("last_updated"),   QStringLiteral("platform"),         QStringLiteral("dropbox_path"),
+        QStringLiteral("uploads_folder"), QStringLiteral("app_version")};
+    const QStringList itemKeys{
+        QStringLiteral("path"),          QStringLiteral("mod_date"),   QStringLiteral("dir"),
+        QStringLiteral("size"),          QStringLiteral("pkg"),        QStringLiteral("display"),
+        QStringLiteral("in_db"),         QStringLiteral("in_uploads"), QStringLiteral("matching_path"),
+        QStringLiteral("up_ok"),         QStringLiteral("extra_info"), QStringLiteral("preview_width"),
+        QStringLiteral("preview_height")};
+    EXPECT_EQ(unexpectedKeys(folder, {{QStringLiteral("request_type"), 0}, {QStringLiteral("search_dir"), 0}},
+                             pageKeys),
+              QStringList());
+    for (const QJsonValue &item : folder.value(QStringLiteral("items")).toArray())
+        EXPECT_EQ(unexpectedKeys(item.toObject(), {}, itemKeys), QStringList());
+
+    // Hidden names never show; accented ones sort in place; 80 items come in pages of 40.
+    home.writeFile(QStringLiteral("Notes/.secret"), "x");
+    home.writeFile(QStringLiteral("Notes/\u00e9t\u00e9.txt"), "x");
+    const QStringList sorted =
+        itemPaths(ask({{QStringLiteral("request_type"), QStringLiteral("search")},
+                       {QStringLiteral("search_dir"), home.filePath(QStringLiteral("Notes"))}}));
+    EXPECT_EQ(sorted, QStringList({home.filePath(QStringLiteral("Notes/\u00e9t\u00e9.txt")),
+                                   home.filePath(QStringLiteral("Notes/file 9.txt")),
+                                   home.filePath(QStringLiteral("Notes/file 10.txt"))}));
+    for (int i = 0; i < 80; ++i)
+        home.writeFile(QStringLiteral("Many/f%1").arg(i, 2, 10, QLatin1Char('0')), "m");
+    const QJsonObject page = ask({{QStringLiteral("request_type"), QStringLiteral("search")},
+                                  {QStringLiteral("search_dir"), home.filePath(QStringLiteral("Many"))},
+                                  {QStringLiteral("result_page"), 1}});
+    EXPECT_EQ(itemPaths(page).size(), 40);
+    EXPECT_EQ(itemPaths(page).value(0), home.filePath(QStringLiteral("Many/f40")));
+    EXPECT_EQ(page.value(QStringLiteral("num_pages")).toInt(), 3);
+    EXPECT_EQ(page.value(QStringLiteral("total_item_count")).toInt(), 80);
+
+    // Files written moments before are found by name, by a word inside them and by type.
     const QString fresh = home.writeFile(QStringLiteral("Notes/Fresh Minutes.txt"), "budget meeting");
-    QStringList found;
-    for (int attempt = 0; attempt < 20 && !found.contains(fresh); ++attempt)
-        found = itemPaths(ask({{QStringLiteral("request_type"), QStringLiteral("search")},
-                               {QStringLiteral("search_dir"), home.path()},
-                               {QStringLiteral("name_search"), QStringLiteral("minutes")}}));
-    EXPECT_TRUE(found.contains(fresh));
+    const auto eventually = [&](const QJsonObject &request, const QString &wanted) {
+        QStringList found;
+        for (int attempt = 0; attempt < 20 && !found.contains(wanted); ++attempt)
+            found = itemPaths(ask(request));
+        return found;
+    };
+    const QJsonObject search{{QStringLiteral("request_type"), QStringLiteral("search")},
+                             {QStringLiteral("search_dir"), home.path()}};
+    const auto with = [&](const char *key, const QString &value) {
+        QJsonObject request = search;
+        request.insert(QLatin1String(key), value);
+        return request;
+    };
+    EXPECT_TRUE(eventually(with("name_search", QStringLiteral("minutes")), fresh).contains(fresh));
+    EXPECT_TRUE(eventually(with("search_string", QStringLiteral("budg")), fresh).contains(fresh));
+    const QString many = home.filePath(QStringLiteral("Many"));
+    const QStringList folders = eventually(with("file_type", QStringLiteral("public.folder")), many);
+    EXPECT_TRUE(folders.contains(many));
+    EXPECT_FALSE(folders.contains(fresh));
+
+    // A name holding a double quote makes a malformed query: nothing is found, nothing loosely matched.
+    const QJsonObject broken = ask(with("name_search", QStringLiteral("a\"b")));
+    EXPECT_TRUE(itemPaths(broken).isEmpty());
+    EXPECT_EQ(broken.value(QStringLiteral("total_item_count")).toInt(), 0);
+
+    // A file already copied into the uploads folder is offered as that copy.
+    ask({{QStringLiteral("request_type"), QStringLiteral("copy_to_dropbox")},
+         {QStringLiteral("path"), fresh}});
+    const QJsonObject listed = ask({{QStringLiteral("request_type"), QStringLiteral("search")},
+                                    {QStringLiteral("search_dir"), home.filePath(QStringLiteral("Notes"))}});
+    QString match;
+    bool uploadable = false;
+    for (const QJsonValue &item : listed.value(QStringLiteral("items")).toArray()) {
+        if (item[QStringLiteral("path")].toString() == fresh) {
+            match = item[QStringLiteral("matching_path")].toString();
+            uploadable = item[QStringLiteral("up_ok")].toBool();
+        }
+    }
+    EXPECT_TRUE(match.startsWith(root + QStringLiteral("/uploads/"))) << match.toStdString();
+    EXPECT_TRUE(uploadable);
 }
 
 TEST_F(AgentWithSession, CopiesMovesAndItemInfo)
