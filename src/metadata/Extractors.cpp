@@ -75,15 +75,24 @@ bool looksBinary(const QByteArray &bytes)
     return bytes.left(8192).contains('\0');
 }
 
+// The first maxBytes of the file, or none (the extraction then counts as failed).
+std::optional<QByteArray> readHead(const QString &path, qint64 maxBytes)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    return file.read(maxBytes);
+}
+
 Extraction extractText(const QString &path, qint64 maxBytes)
 {
     Extraction result;
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
+    const std::optional<QByteArray> head = readHead(path, maxBytes);
+    if (!head) {
         result.failed = true;
         return result;
     }
-    const QByteArray bytes = file.read(maxBytes);
+    const QByteArray &bytes = *head;
     if (!looksBinary(bytes))
         result.text = decodeText(bytes);
     return result;
@@ -119,12 +128,12 @@ QString decodeHeaderWord(const QString &value)
 Extraction extractMail(const QString &path, qint64 maxBytes)
 {
     Extraction result;
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
+    const std::optional<QByteArray> head = readHead(path, maxBytes);
+    if (!head) {
         result.failed = true;
         return result;
     }
-    const QByteArray bytes = file.read(maxBytes);
+    const QByteArray &bytes = *head;
     qsizetype bodyStart = bytes.indexOf("\n\n");
     const qsizetype crlf = bytes.indexOf("\r\n\r\n");
     if (crlf >= 0 && (bodyStart < 0 || crlf < bodyStart))

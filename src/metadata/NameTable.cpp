@@ -231,13 +231,7 @@ void NameTable::replaceAll(std::vector<FileRecord> records)
         entries.emplace_back(std::move(record), std::string(folded.constData(), std::size_t(folded.size())));
     }
     std::vector<FileRecord>().swap(records);
-    std::shared_ptr<const Main> main = Main::build(std::move(entries));
-    std::unique_lock lock(m_lock);
-    m_main = std::move(main);
-    m_delta.clear();
-    m_deltaNameBytes = 0;
-    m_tombstones.assign(m_main->rows.size(), false);
-    m_tombstoneCount = 0;
+    installMain(std::move(entries));
 }
 
 void NameTable::upsert(FileRecord record)
@@ -293,6 +287,11 @@ void NameTable::compactIfLarge()
             entries.emplace_back(delta.record, delta.folded);
     }
     // Only this thread writes, so nothing changed between the copy above and the swap below.
+    installMain(std::move(entries));
+}
+
+void NameTable::installMain(std::vector<std::pair<FileRecord, std::string>> entries)
+{
     std::shared_ptr<const Main> main = Main::build(std::move(entries));
     std::unique_lock lock(m_lock);
     m_main = std::move(main);

@@ -73,6 +73,8 @@ private:
         std::string folded;
     };
     std::vector<DeltaRecord> collectLiveLocked() const;
+    // Builds a main segment from the entries (outside the lock) and puts it in place of everything.
+    void installMain(std::vector<std::pair<FileRecord, std::string>> entries);
 
     mutable std::shared_mutex m_lock;
     std::shared_ptr<const Main> m_main;                     // guarded by m_lock

@@ -1,5 +1,6 @@
 #include "engine/RelayForm.h"
 
+#include "common/Envelope.h"
 #include "common/TempHome.h"
 #include "engine/vd_Searcher.h"
 #include "platform/SettingsKeys.h"
@@ -13,19 +14,6 @@
 #include <zlib.h>
 
 namespace {
-
-// The envelope read back the long way: base64url, then inflate, then JSON.
-QJsonDocument unpack(const QString &text)
-{
-    const QByteArray packed = dataWithBase64EncodedString_URL_SAFE(text).value_or(QByteArray());
-    QByteArray out(1 << 20, Qt::Uninitialized);
-    uLongf length = uLongf(out.size());
-    if (uncompress(reinterpret_cast<Bytef *>(out.data()), &length,
-                   reinterpret_cast<const Bytef *>(packed.constData()), uLong(packed.size())) != Z_OK)
-        return {};
-    out.truncate(qsizetype(length));
-    return QJsonDocument::fromJson(out);
-}
 
 QStringList names(const RelayForm &form)
 {
@@ -49,7 +37,8 @@ TEST(RelayForm, PlainTicksAndResultsGoToResult)
     EXPECT_EQ(tick.path, QStringLiteral("/result"));
     EXPECT_EQ(names(tick), QStringList({QStringLiteral("computer_id"), QStringLiteral("os_sessions")}));
     EXPECT_EQ(tick.value(QStringLiteral("computer_id")), QStringLiteral("cid"));
-    EXPECT_EQ(unpack(tick.value(QStringLiteral("os_sessions")).value()).array(), QJsonArray({"s1", "s2"}));
+    EXPECT_EQ(unpackEnvelope(tick.value(QStringLiteral("os_sessions")).value()).array(),
+              QJsonArray({"s1", "s2"}));
 
     // An unencrypted result goes packed; its cache hints stay inside it and are not form fields.
     const QJsonObject result{{QStringLiteral("request_type"), QStringLiteral("search")},
@@ -59,7 +48,7 @@ TEST(RelayForm, PlainTicksAndResultsGoToResult)
     EXPECT_EQ(plain.path, QStringLiteral("/result"));
     EXPECT_EQ(names(plain), QStringList({QStringLiteral("result"), QStringLiteral("computer_id"),
                                          QStringLiteral("os_sessions")}));
-    EXPECT_EQ(unpack(plain.value(QStringLiteral("result")).value()).object(), result);
+    EXPECT_EQ(unpackEnvelope(plain.value(QStringLiteral("result")).value()).object(), result);
     EXPECT_EQ(encryptions, 0);
 }
 

@@ -1,5 +1,6 @@
 #include "FakeRelay.h"
 
+#include "common/Envelope.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
 #include "support/Encodings.h"
@@ -47,19 +48,6 @@ TestHttpServer::Reply FakeRelay::answer(const TestHttpServer::Request &)
         QJsonDocument(QJsonObject{{QStringLiteral("requests"), requests}}).toJson(QJsonDocument::Compact));
 }
 
-QJsonDocument FakeRelay::unpack(const QByteArray &text)
-{
-    const QByteArray packed =
-        dataWithBase64EncodedString_URL_SAFE(QString::fromLatin1(text)).value_or(QByteArray());
-    QByteArray out(16 << 20, Qt::Uninitialized);
-    uLongf length = uLongf(out.size());
-    if (uncompress(reinterpret_cast<Bytef *>(out.data()), &length,
-                   reinterpret_cast<const Bytef *>(packed.constData()), uLong(packed.size())) != Z_OK)
-        return {};
-    out.truncate(qsizetype(length));
-    return QJsonDocument::fromJson(out);
-}
-
 QList<FakeRelay::Poll> FakeRelay::polls() const
 {
     QList<Poll> polls;
@@ -69,10 +57,12 @@ QList<FakeRelay::Poll> FakeRelay::polls() const
                   {},
                   {},
                   request.form};
-        for (const QJsonValue &id : unpack(request.form.value(QStringLiteral("os_sessions"))).array())
+        for (const QJsonValue &id :
+             unpackEnvelope(QString::fromLatin1(request.form.value(QStringLiteral("os_sessions")))).array())
             poll.sessions << id.toString();
         if (request.form.contains(QStringLiteral("result")))
-            poll.result = unpack(request.form.value(QStringLiteral("result"))).object();
+            poll.result =
+                unpackEnvelope(QString::fromLatin1(request.form.value(QStringLiteral("result")))).object();
         polls << poll;
     }
     return polls;

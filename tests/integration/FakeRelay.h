@@ -42,9 +42,6 @@ public:
                                     std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     TestHttpServer &server() { return m_server; }
 
-    // The relay envelope read back: URL-safe base64, zlib, JSON.
-    static QJsonDocument unpack(const QByteArray &text);
-
 private:
     TestHttpServer::Reply answer(const TestHttpServer::Request &request);
 
