@@ -182,7 +182,7 @@ int main(int argc, char **argv)
      vips::VImage::gaussnoise(6000, 4000).cast(VIPS_FORMAT_UCHAR))
         .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB))
         .jpegsave(QFile::encodeName(photo).constData(), vips::VImage::option()->set("Q", 90));
-    const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey());
+    const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey().value());
     const auto picture = [&](const char *type, const QString &path, bool cold, int count) {
         const QByteArray request =
             QStringLiteral(

@@ -1,6 +1,8 @@
 #include "app/PasswordCommand.h"
 
 #include "app/vd_PreferencesController.h"
+#include "platform/FileSecretStore.h"
+#include "platform/SecretStore.h"
 #include "support/ls_Keychain.h"
 #include "utils/vd_FileUtils.h"
 
@@ -66,9 +68,24 @@ std::optional<QString> readPasswordLine()
     return password;
 }
 
-bool passwordIsSet()
+// Where the password is kept and whether it can be read, so that a user can tell a locked keyring from
+// a missing password.
+void describePassword(QTextStream &out)
 {
-    return !ls_Keychain::stringForKey(vd_FileUtils::keyForComputerPassword()).value_or(QString()).isEmpty();
+    const QString store = SecretStore::instanceKind() == u"file"
+                              ? QStringLiteral("the file %1").arg(FileSecretStore::defaultPath())
+                              : QStringLiteral("the Secret Service");
+    const ls_Keychain::Read read = ls_Keychain::readStringForKey(vd_FileUtils::keyForComputerPassword());
+    if (read.failure) {
+        out << "The computer password cannot be read from " << store << " (" << *read.failure
+            << "): the computer refuses every request until it can. Unlock the keyring, or set the password "
+               "again with 'vandrel password set'.\n";
+        return;
+    }
+    if (read.value.value_or(QString()).isEmpty())
+        out << "No computer password is set (store: " << store << ").\n";
+    else
+        out << "A computer password is set in " << store << ": the web app must give it for every request.\n";
 }
 
 } // namespace
@@ -89,7 +106,6 @@ int runPasswordCommand(const QStringList &args)
     } else if (action == u"clear") {
         vd_PreferencesController::setPassword(QStringLiteral(""));
     }
-    out << (passwordIsSet() ? "A computer password is set: the web app must give it for every request.\n"
-                            : "No computer password is set.\n");
+    describePassword(out);
     return 0;
 }

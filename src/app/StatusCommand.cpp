@@ -1,7 +1,6 @@
 #include "app/StatusCommand.h"
 
 #include "engine/vd_Searcher.h"
-#include "support/ls_Keychain.h"
 #include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
 
@@ -16,11 +15,14 @@ int runStatusCommand(const QStringList &args)
         return 64;
     }
     const QString computerId = vd_FileUtils::getComputerUUID();
-    const bool password =
-        !ls_Keychain::stringForKey(vd_FileUtils::keyForComputerPassword()).value_or(QString()).isEmpty();
+    const std::optional<bool> password = vd_FileUtils::computerPasswordIsSet();
     out << "Computer name:   " << vd_SimpleUtils::computerName() << "\n"
         << "Computer id:     " << computerId << "\n"
-        << "Password:        " << (password ? "set" : "not set") << "\n";
+        << "Password:        "
+        << (!password   ? "cannot be read"
+            : *password ? "set"
+                        : "not set")
+        << "\n";
 
     const QStringList roots = vd_FileUtils::storageFoldersDropBoxGDriveEtc();
     if (roots.isEmpty()) {

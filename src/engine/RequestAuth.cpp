@@ -16,6 +16,14 @@ const QString kDecryptedOk = QStringLiteral("request_decrypted_ok");
 // The computer-icon thumbnails are ".0.<width>.<height>.png"; the bound keeps anything longer out.
 constexpr qsizetype kMaxOpenThumbPathLength = 14;
 
+// The members a handler reads as its parameters. Of an opened envelope they come from the ciphertext only,
+// so that a relay cannot steer a genuine request by adding a clear copy beside it.
+const QStringList kRequestParameters{
+    QStringLiteral("request_type"),   QStringLiteral("path"),         QStringLiteral("dest_path"),
+    QStringLiteral("search_dir"),     QStringLiteral("name_search"),  QStringLiteral("search_string"),
+    QStringLiteral("file_type"),      QStringLiteral("result_page"),  QStringLiteral("page"),
+    QStringLiteral("vandrel_folder"), QStringLiteral("encrypt_reply")};
+
 } // namespace
 
 QString RequestAuth::keyString(const QString &computerId, const QString &password)
@@ -31,9 +39,12 @@ bool RequestAuth::pwordHashOK(const QString &hash, const QString &keyString)
            CRYPTO_memcmp(given.constData(), expected.constData(), size_t(expected.size())) == 0;
 }
 
-bool RequestAuth::passwordOK_OrRootInfo(const QJsonObject &request, const QString &keyString)
+bool RequestAuth::passwordOK_OrRootInfo(const QJsonObject &request, const std::optional<QString> &keyString)
 {
-    if (request.value(QStringLiteral("search_dir")) == QStringLiteral("root_folders"))
+    // The computer list is open to anyone, but only as a search: the same marker on a preview, a copy or a
+    // move must not lift the password check from those.
+    if (request.value(QStringLiteral("request_type")) == QStringLiteral("search") &&
+        request.value(QStringLiteral("search_dir")) == QStringLiteral("root_folders"))
         return true;
     if (request.value(QStringLiteral("request_type")) == QStringLiteral("thumb")) {
         const QString path = request.value(QStringLiteral("path")).toString();
@@ -44,7 +55,7 @@ bool RequestAuth::passwordOK_OrRootInfo(const QJsonObject &request, const QStrin
     if (request.value(kDecryptedOk) == QJsonValue(true))
         return true;
     const QString hash = request.value(QStringLiteral("pword_hash")).toString();
-    return !hash.isEmpty() && pwordHashOK(hash, keyString);
+    return keyString && !hash.isEmpty() && pwordHashOK(hash, *keyString);
 }
 
 void RequestAuth::decryptRequest(QJsonObject &request, const QString &keyString)
@@ -70,6 +81,8 @@ void RequestAuth::decryptRequest(QJsonObject &request, const QString &keyString)
     if (!document.isObject())
         return;
     const QJsonObject decrypted = document.object();
+    for (const QString &parameter : kRequestParameters)
+        request.remove(parameter);
     for (auto it = decrypted.begin(); it != decrypted.end(); ++it)
         request.insert(it.key(), it.value());
     request.insert(kDecryptedOk, true);

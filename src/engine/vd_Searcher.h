@@ -82,7 +82,9 @@ public:
 
     // --- Authentication (any thread; the password is read afresh on every call) ---
 
-    static QString encryptionKey();
+    // The key string, or none when the password store cannot be read (one log line per such episode):
+    // the computer then stays closed, never open as if it had no password.
+    static std::optional<QString> encryptionKey();
     static QString encryptResult(const QJsonObject &result, const std::optional<QByteArray> &rawData);
 
     // --- The matched-files cache (any thread) ---
@@ -125,6 +127,8 @@ public:
 
     bool passwordOK_OrRootInfo() const;
     // A failed search or envelope is answered with "auth_error"; any other request is dropped unanswered.
+    // Answers beyond a few a second are dropped too (one log line a minute says how many): each answer
+    // fetches more requests, so a relay without the password could otherwise keep the agent busy.
     void handleRequestIfWrongPassword(const QString &storageRoot);
     // Opens an "encrypted" envelope in place (see RequestAuth::decryptRequest).
     void decryptRequest();
@@ -138,12 +142,15 @@ public:
 
 private:
     void runHandler(HandlerSlot slot, QJsonObject &request);
-    // Sends one poll and returns at once; the reply is handed to runRequestsFromReply on the connection's
-    // thread.
+    // Sends one post and returns at once; the reply is handed to runRequestsFromReply on the connection's
+    // thread. At most a few posts are in flight: a poll beyond them is skipped, a result waits for a free
+    // slot (up to the relay deadline), so that a relay answering every post with more work sets no pace.
     static void startRelayPost(const QString &url, const RelayForm &form);
 
     mutable std::mutex m_requestLock;
     std::optional<QJsonObject> m_theRequest; // guarded by m_requestLock
+    // The size of the request's JSON text while it waits in the queue.
+    qint64 m_queuedBytes = 0;
     mutable std::mutex m_rawDataLock;
     std::optional<QByteArray> m_outRawData; // guarded by m_rawDataLock
 };

@@ -1,6 +1,7 @@
 #include "engine/EngineLog.h"
 #include "engine/RequestAuth.h"
 #include "engine/vd_Searcher.h"
+#include "support/Logging.h"
 #include "support/ls_Keychain.h"
 #include "utils/vd_FileUtils.h"
 
@@ -8,10 +9,53 @@
 #include <QJsonDocument>
 
 #include <array>
+#include <chrono>
 
 namespace {
 
 constexpr qsizetype kMaxLoggedRecordLength = 2000;
+
+// A few answers to failed password checks a second, with a small burst: plenty for a person mistyping a
+// password, nothing like the pace of a relay that answers each refusal with a thousand new requests.
+class RefusalBudget
+{
+public:
+    bool take()
+    {
+        const std::lock_guard lock(m_lock);
+        const auto now = std::chrono::steady_clock::now();
+        const double seconds = std::chrono::duration<double>(now - m_refilled).count();
+        m_tokens = std::min(kBurst, m_tokens + seconds * kPerSecond);
+        m_refilled = now;
+        if (m_tokens >= 1) {
+            m_tokens -= 1;
+            return true;
+        }
+        ++m_dropped;
+        if (now - m_logged >= std::chrono::minutes(1)) {
+            qCWarning(lcEngine).noquote()
+                << QStringLiteral(
+                       "requests with a wrong password are coming faster than %1 a second; dropped "
+                       "%2 unanswered")
+                       .arg(kPerSecond)
+                       .arg(m_dropped);
+            m_dropped = 0;
+            m_logged = now;
+        }
+        return false;
+    }
+
+private:
+    static constexpr double kPerSecond = 5;
+    static constexpr double kBurst = 10;
+    std::mutex m_lock;
+    double m_tokens = kBurst;                                                            // guarded by m_lock
+    std::chrono::steady_clock::time_point m_refilled = std::chrono::steady_clock::now(); // guarded by m_lock
+    std::chrono::steady_clock::time_point m_logged{};                                    // guarded by m_lock
+    qint64 m_dropped = 0;                                                                // guarded by m_lock
+};
+
+RefusalBudget s_refusals;
 
 std::mutex s_handlersLock;
 std::array<vd_Searcher::Handler, 6> s_handlers; // guarded by s_handlersLock
@@ -86,16 +130,29 @@ int vd_Searcher::queuePriority(const QJsonObject &request)
     return request.value(QStringLiteral("request_type")) == QStringLiteral("search") ? 8 : 0;
 }
 
-QString vd_Searcher::encryptionKey()
+std::optional<QString> vd_Searcher::encryptionKey()
 {
-    return RequestAuth::keyString(
-        vd_FileUtils::getComputerUUID(),
-        ls_Keychain::stringForKey(vd_FileUtils::keyForComputerPassword()).value_or(QString()));
+    // One line when reading starts to fail and one when it works again, however often requests ask.
+    static std::atomic<bool> s_unreadable{false};
+    const ls_Keychain::Read read = ls_Keychain::readStringForKey(vd_FileUtils::keyForComputerPassword());
+    if (read.failure) {
+        if (!s_unreadable.exchange(true))
+            qCWarning(lcEngine).noquote()
+                << QStringLiteral("the computer password cannot be read (%1); every request that needs it is "
+                                  "refused until it can: unlock the keyring, or set the password again with "
+                                  "'vandrel password set' (see 'vandrel password status')")
+                       .arg(*read.failure);
+        return std::nullopt;
+    }
+    if (s_unreadable.exchange(false))
+        qCInfo(lcEngine).noquote() << "the computer password can be read again";
+    return RequestAuth::keyString(vd_FileUtils::getComputerUUID(), read.value.value_or(QString()));
 }
 
 QString vd_Searcher::encryptResult(const QJsonObject &result, const std::optional<QByteArray> &rawData)
 {
-    return RequestAuth::encryptResult(result, rawData, encryptionKey());
+    const std::optional<QString> key = encryptionKey();
+    return key ? RequestAuth::encryptResult(result, rawData, *key) : QStringLiteral("failedencryption");
 }
 
 std::optional<QString> vd_Searcher::getStorage_path(const QString &sessionId)
@@ -122,7 +179,13 @@ std::optional<QString> vd_Searcher::getStorage_path() const
 bool vd_Searcher::passwordOK_OrRootInfo() const
 {
     const std::optional<QJsonObject> request = theRequest();
-    return request && RequestAuth::passwordOK_OrRootInfo(*request, encryptionKey());
+    if (!request)
+        return false;
+    if (RequestAuth::passwordOK_OrRootInfo(*request, std::nullopt))
+        return true;
+    // Only now is the password needed; when it cannot be read the request is refused.
+    const std::optional<QString> key = encryptionKey();
+    return key && RequestAuth::passwordOK_OrRootInfo(*request, *key);
 }
 
 void vd_Searcher::decryptRequest()
@@ -130,7 +193,13 @@ void vd_Searcher::decryptRequest()
     std::optional<QJsonObject> request = theRequest();
     if (!request)
         return;
-    RequestAuth::decryptRequest(*request, encryptionKey());
+    const std::optional<QString> key = encryptionKey();
+    if (!key) {
+        request->insert(QStringLiteral("request_decrypted_ok"), false);
+        setTheRequest(request);
+        return;
+    }
+    RequestAuth::decryptRequest(*request, *key);
     setTheRequest(request);
 }
 
@@ -141,6 +210,8 @@ void vd_Searcher::handleRequestIfWrongPassword(const QString &storageRoot)
         return;
     const QJsonValue type = request->value(QStringLiteral("request_type"));
     if (type != QStringLiteral("search") && type != QStringLiteral("encrypted"))
+        return;
+    if (!s_refusals.take())
         return;
     request->insert(QStringLiteral("auth_error"), QStringLiteral("auth_pword_failed"));
     setTheRequest(request);
@@ -160,6 +231,8 @@ void vd_Searcher::main()
     }
     request->insert(QStringLiteral("vandrel_folder"), *storageRoot);
     setTheRequest(request);
+    const Logging::PrivateRequestScope privateRequest(
+        request->value(QStringLiteral("request_decrypted_ok")) == QJsonValue(true));
     if (!passwordOK_OrRootInfo()) {
         handleRequestIfWrongPassword(*storageRoot);
         return;

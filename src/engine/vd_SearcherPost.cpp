@@ -4,6 +4,9 @@
 #include "support/FSNCategories.h"
 #include "support/FSNConnection.h"
 
+#include <condition_variable>
+#include <mutex>
+
 bool vd_Searcher::runRequestsFromReply(const QByteArray &body, std::optional<FSNError> *error)
 {
     const std::optional<QJsonObject> reply = dictionaryFromJSONWithError(body, error);
@@ -11,8 +14,50 @@ bool vd_Searcher::runRequestsFromReply(const QByteArray &body, std::optional<FSN
     return reply.has_value();
 }
 
+namespace {
+
+constexpr int kMaxPostsInFlight = 6;
+
+std::mutex s_slotsLock;
+std::condition_variable s_slotFreed;
+int s_postsInFlight = 0; // guarded by s_slotsLock
+
+// Holds one post slot; the slot is freed when the connection lets go of its completion, however it ended.
+struct PostSlot
+{
+    ~PostSlot()
+    {
+        {
+            const std::lock_guard lock(s_slotsLock);
+            --s_postsInFlight;
+        }
+        s_slotFreed.notify_one();
+    }
+};
+
+// A slot for a new post, or none: a poll does not wait, a result waits up to the deadline.
+std::shared_ptr<PostSlot> takePostSlot(bool wait, std::chrono::milliseconds deadline)
+{
+    std::unique_lock lock(s_slotsLock);
+    if (s_postsInFlight >= kMaxPostsInFlight &&
+        (!wait || !s_slotFreed.wait_for(lock, deadline, [] { return s_postsInFlight < kMaxPostsInFlight; })))
+        return nullptr;
+    ++s_postsInFlight;
+    return std::make_shared<PostSlot>();
+}
+
+} // namespace
+
 void vd_Searcher::startRelayPost(const QString &url, const RelayForm &form)
 {
+    const bool isResult = form.path != QStringLiteral("/result") || form.value(QStringLiteral("result"));
+    const std::shared_ptr<PostSlot> slot =
+        takePostSlot(isResult, std::chrono::milliseconds(relayDeadlineMs()));
+    if (!slot) {
+        if (isResult)
+            qCWarning(lcEngine).noquote() << "relay posts are not finishing; a result was dropped";
+        return;
+    }
     QVariantMap parameters;
     for (const auto &[name, text] : form.fields)
         parameters.insert(name, text);
@@ -20,7 +65,7 @@ void vd_Searcher::startRelayPost(const QString &url, const RelayForm &form)
     const auto parse = [](FSNConnection &connection, std::optional<FSNError> *error) {
         return QVariant(runRequestsFromReply(connection.responseData(), error));
     };
-    const auto completion = [](FSNConnection &connection) {
+    const auto completion = [slot](FSNConnection &connection) {
         if (!connection.error())
             return;
         const int status = connection.httpResponse() ? connection.httpResponse()->statusCode : 0;

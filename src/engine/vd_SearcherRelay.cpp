@@ -7,17 +7,21 @@
 
 #include <QCoreApplication>
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QTimer>
 
 namespace {
 
 constexpr double kActiveWindowSeconds = 60.0;
 constexpr int kMaxThreads = 4;
-// Requests waiting beyond this many are dropped: a relay that floods the agent must not exhaust memory.
+// Requests waiting beyond this many, or beyond this many bytes of their JSON text, are dropped: a relay
+// that floods the agent must not exhaust memory.
 constexpr int kMaxWaitingRequests = 1000;
+constexpr qint64 kMaxWaitingBytes = 8 * 1024 * 1024;
 
 std::atomic<bool> s_initialised{false};
 std::atomic<int> s_waitingRequests{0};
+std::atomic<qint64> s_waitingBytes{0};
 
 } // namespace
 
@@ -118,9 +122,16 @@ void vd_Searcher::runRequests(const QJsonValue &requests)
             continue;
         }
         QJsonObject request = element.toObject();
+        const qint64 bytes = QJsonDocument(request).toJson(QJsonDocument::Compact).size();
+        if (s_waitingBytes.load() + bytes > kMaxWaitingBytes) {
+            ++dropped;
+            continue;
+        }
         // Only the agent may vouch for a decrypted request; the relay cannot.
         request.remove(QStringLiteral("request_decrypted_ok"));
         auto *operation = new vd_Searcher(request);
+        operation->m_queuedBytes = bytes;
+        s_waitingBytes.fetch_add(bytes);
         if (request.value(QStringLiteral("request_type")) == QStringLiteral("encrypted"))
             operation->decryptRequest();
         const int priority = queuePriority(operation->theRequest().value_or(QJsonObject()));
@@ -138,6 +149,7 @@ void vd_Searcher::runRequests(const QJsonValue &requests)
 void vd_Searcher::run()
 {
     s_waitingRequests.fetch_sub(1);
+    s_waitingBytes.fetch_sub(m_queuedBytes);
     main();
 }
 

@@ -18,9 +18,10 @@ constexpr double kCameOnlineAfterSeconds = 20.0;
 constexpr double kSessionLifetimeSeconds = 2000.0;
 constexpr double kReferenceDateOffset = 978307200.0;
 
-QString sessionsFolder(const QString &storageRoot)
+// The sessions folder, or none when it is missing or a link: expiry deletes what it finds there.
+std::optional<QString> sessionsFolder(const QString &storageRoot)
 {
-    return storageRoot + QStringLiteral("/data.vdldata/sessions");
+    return vd_FileUtils::storageRootOwnFolder(storageRoot, QStringLiteral("data.vdldata/sessions"), false);
 }
 
 // The session files' names, read with one directory scan and no stat per entry.
@@ -48,12 +49,12 @@ double vd_Searcher::referenceSeconds(const QDateTime &date)
 
 std::optional<QJsonObject> vd_Searcher::get_sessions(const QString &storageRoot, bool readSessionFiles)
 {
-    if (storageRoot.isEmpty())
+    const std::optional<QString> folder = sessionsFolder(storageRoot);
+    if (!folder)
         return std::nullopt;
-    const QString folder = sessionsFolder(storageRoot);
     QJsonObject sessions;
-    for (const QString &name : sessionFileNames(folder)) {
-        const QString path = folder + u'/' + name;
+    for (const QString &name : sessionFileNames(*folder)) {
+        const QString path = *folder + u'/' + name;
         const QString id = name.chopped(5);
         if (readSessionFiles)
             sessions.insert(id, vd_FileUtils::readJsonFileMutableDictionary(path));
@@ -81,12 +82,12 @@ std::optional<QJsonObject> vd_Searcher::isUserActivelyUsingUs(const QString &sto
 
 void vd_Searcher::eraseOldOSSessions(const QString &storageRoot, const QDateTime &now)
 {
-    if (storageRoot.isEmpty())
+    const std::optional<QString> folder = sessionsFolder(storageRoot);
+    if (!folder)
         return;
-    const QString folder = sessionsFolder(storageRoot);
     const double nowSeconds = vd_FileUtils::JSONDate(now);
-    for (const QString &name : sessionFileNames(folder)) {
-        const QString path = folder + u'/' + name;
+    for (const QString &name : sessionFileNames(*folder)) {
+        const QString path = *folder + u'/' + name;
         const QJsonObject session = vd_FileUtils::readJsonFileMutableDictionary(path);
         const double date =
             vd_FileUtils::JSONDate(vd_FileUtils::dateFromJSON(session.value(QStringLiteral("date"))));

@@ -1,6 +1,8 @@
 #include "handlers/ExternalThumbnailer.h"
 
 #include "handlers/HandlersLog.h"
+#include "handlers/vd_ImageUtils.h"
+#include "support/Logging.h"
 
 #include <QDir>
 #include <QFile>
@@ -24,6 +26,8 @@ namespace {
 
 constexpr int kTimeLimitMs = 12000;
 constexpr rlim_t kMemoryLimit = rlim_t(1) << 30;
+// A thumbnail is a few hundred pixels a side; a bigger file is not one.
+constexpr qint64 kMaxOutputBytes = 16 * 1024 * 1024;
 
 std::mutex s_failedLock;            // guards s_failed
 std::map<QString, qint64> s_failed; // path -> modification time at which its thumbnailer failed
@@ -126,6 +130,8 @@ std::optional<vips::VImage> thumbnail(const QString &path, const QString &mimeTy
 
     QProcess child;
     child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    // Only the picture file is read; whatever the child prints would otherwise pile up in memory.
+    child.setStandardOutputFile(QProcess::nullDevice());
     child.setChildProcessModifier([] {
         const struct rlimit memory = {kMemoryLimit, kMemoryLimit};
         ::setrlimit(RLIMIT_AS, &memory);
@@ -137,11 +143,13 @@ std::optional<vips::VImage> thumbnail(const QString &path, const QString &mimeTy
         child.waitForFinished(2000);
     }
     std::optional<vips::VImage> picture;
-    if (finished && child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0) {
+    if (finished && child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0 &&
+        QFileInfo(output).size() <= kMaxOutputBytes) {
         try {
-            picture = vips::VImage::new_from_file(QFile::encodeName(output).constData(),
-                                                  vips::VImage::option()->set("fail", true))
-                          .copy_memory();
+            const vips::VImage written = vips::VImage::new_from_file(
+                QFile::encodeName(output).constData(), vips::VImage::option()->set("fail", true));
+            if (qint64(written.width()) * written.height() <= vd_ImageUtils::kMaxSourcePixels)
+                picture = written.copy_memory();
         } catch (const vips::VError &) {
             picture.reset();
         }
@@ -149,7 +157,7 @@ std::optional<vips::VImage> thumbnail(const QString &path, const QString &mimeTy
     if (!picture) {
         qCWarning(lcHandlers).noquote()
             << QStringLiteral("no thumbnail for %1: %2 %3")
-                   .arg(path, QFileInfo(command.first()).fileName(),
+                   .arg(Logging::shownInLog(path), QFileInfo(command.first()).fileName(),
                         finished ? QStringLiteral("failed") : QStringLiteral("timed out"));
         const std::lock_guard guard(s_failedLock);
         s_failed[path] = mtime;

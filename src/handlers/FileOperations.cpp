@@ -1,6 +1,7 @@
 #include "handlers/FileOperations.h"
 
 #include "handlers/HandlersLog.h"
+#include "support/Logging.h"
 
 #include <QDir>
 #include <QFile>
@@ -193,7 +194,8 @@ Failure moveItem(const QString &source, const QString &destination, const Interr
         S_ISDIR(info.st_mode) ? QDir(source).removeRecursively() : ::unlink(native(source).constData()) == 0;
     if (!removed) {
         qCWarning(lcHandlers).noquote()
-            << QStringLiteral("moved %1 to %2 but could not remove the original").arg(source, destination);
+            << QStringLiteral("moved %1 to %2 but could not remove the original")
+                   .arg(Logging::shownInLog(source), Logging::shownInLog(destination));
         return systemError(source);
     }
     return std::nullopt;

@@ -23,7 +23,10 @@ QJsonArray ItemInfoHandler::infos(const QString &path)
 {
     QJsonArray lines;
     // Linux has no separate display name: the file name is what file managers show.
-    addItemLine(QStringLiteral("File"), QFileInfo(path).fileName(), lines);
+    QString named = path;
+    while (named.size() > 1 && named.endsWith(u'/'))
+        named.chop(1);
+    addItemLine(QStringLiteral("File"), named == u"/" ? named : QFileInfo(named).fileName(), lines);
     qint64 count = 0;
     bool maxReached = false;
     const quint64 size = vd_SimpleUtils::sizeOfItem(path, kMeasureSeconds, &count, &maxReached);

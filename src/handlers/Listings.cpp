@@ -3,7 +3,6 @@
 #include "handlers/ItemRecords.h"
 #include "handlers/SearchHandler.h"
 #include "platform/Volumes.h"
-#include "support/ls_Keychain.h"
 #include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
 
@@ -88,7 +87,8 @@ QJsonArray Listings::doComputerList()
     QJsonObject computer{{QStringLiteral("path"), QStringLiteral("")},
                          {QStringLiteral("dir"), true},
                          {QStringLiteral("display"), vd_SimpleUtils::computerName()}};
-    if (!ls_Keychain::stringForKey(vd_FileUtils::keyForComputerPassword()).value_or(QString()).isEmpty())
+    // While the password cannot be read every request that needs it is refused: say one is required.
+    if (vd_FileUtils::computerPasswordIsSet().value_or(true))
         computer.insert(QStringLiteral("pword_required"), true);
     return {computer};
 }
@@ -121,7 +121,11 @@ QJsonArray Listings::doIPhotoListing(const QString &path)
 {
     if (path == iPhotoPath())
         return doFolderListing(path + QStringLiteral("/Masters"));
-    const QString parent = QFileInfo(path).path();
+    // A trailing "/" must not make a year folder read as one of its months.
+    QString trimmed = path;
+    while (trimmed.size() > 1 && trimmed.endsWith(u'/'))
+        trimmed.chop(1);
+    const QString parent = QFileInfo(trimmed).path();
     const QString grandparent = QFileInfo(parent).path();
     if (lastComponent(path) == u"Masters" || lastComponent(parent) == u"Masters")
         return doFolderListing(path);

@@ -5,6 +5,7 @@
 #include "handlers/Listings.h"
 #include "handlers/SearchIndex.h"
 #include "metadata/MetadataIndex.h"
+#include "support/Logging.h"
 #include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
 
@@ -132,7 +133,8 @@ QJsonArray SearchHandler::doSpotlightSearch(const QString &scope, const QString 
     const MetadataQueryResult result =
         index->query(query, folder, QStringLiteral("kMDItemContentModificationDate"), true, kMaxResults);
     if (!result.ok) {
-        qCInfo(lcHandlers).noquote() << QStringLiteral("search failed: %1").arg(result.error);
+        qCInfo(lcHandlers).noquote()
+            << QStringLiteral("search failed: %1").arg(Logging::shownInLog(result.error));
         return records;
     }
     for (const QString &path : result.paths) {

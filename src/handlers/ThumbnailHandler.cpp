@@ -75,7 +75,9 @@ void ThumbnailHandler::handleThumbRequest(QJsonObject &request, QByteArray *outR
 void ThumbnailHandler::handlePreviewRequest(QJsonObject &request, QByteArray *outRawData)
 {
     QString item = request.value(QStringLiteral("path")).toString();
-    takeLastPart(item);
+    // The format suffix belongs to the last component: "/a.b/Makefile" names Makefile itself.
+    if (item.lastIndexOf(u'.') > item.lastIndexOf(u'/'))
+        takeLastPart(item);
     deliver(request, QStringLiteral("preview"),
             vd_ImageUtils::imageDataForPath(item, kPreviewWidth, kPreviewHeight, true, kPreviewQuality),
             outRawData);

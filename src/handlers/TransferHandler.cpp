@@ -50,8 +50,14 @@ void TransferHandler::handleCopyToDropboxRequest(QJsonObject &request,
     const QString source = request.value(QStringLiteral("path")).toString();
     const QString storageRoot = request.value(QStringLiteral("vandrel_folder")).toString();
     QString folder = request.value(QStringLiteral("dest_path")).toString();
-    if (folder.isEmpty())
+    if (folder.isEmpty() && !storageRoot.isEmpty())
         folder = vd_FileUtils::getDefaultDropBoxUploadsFolder(storageRoot);
+    if (folder.isEmpty()) {
+        // With no folder at all the copy would land at the top of the file system.
+        request.insert(QStringLiteral("error"),
+                       tr("Not copied, error was %1").arg(tr("no destination folder")));
+        return;
+    }
     const QString destination = folder + u'/' + lastComponent(source);
 
     FileOperations::Failure failure;
@@ -65,7 +71,7 @@ void TransferHandler::handleCopyToDropboxRequest(QJsonObject &request,
         if (!storageRoot.isEmpty()) {
             const qsizetype at = destination.indexOf(storageRoot);
             request.insert(QStringLiteral("matching_path_clipped"),
-                           at < 0 ? destination : destination.mid(at + storageRoot.size()));
+                           at < 0 ? destination : destination.mid(storageRoot.size()));
         }
     }
     vd_FileCompareCache::refreshMatchedFilesCache(true);
@@ -91,11 +97,19 @@ bool TransferHandler::handleOldVersionsAtDestination(const QString &destination,
 void TransferHandler::handleMoveFromDropboxRequest(QJsonObject &request,
                                                    const FileOperations::InterruptionCheck &check)
 {
-    const QString source = request.value(QStringLiteral("path")).toString();
+    const QString requested = request.value(QStringLiteral("path")).toString();
+    // The rules below judge the item as it is on disk, "..", "." and links resolved: a path that only
+    // reads as if it were in the Dropbox folder must not move anything from elsewhere.
+    const QString source = requested.isEmpty() ? QString() : QFileInfo(requested).canonicalFilePath();
     const QString dropbox =
-        vd_FileUtils::dropBoxFolderGET(request.value(QStringLiteral("vandrel_folder")).toString());
-    if (const std::optional<QString> refusal = dropboxMoveSourceError(source, dropbox)) {
-        request.insert(QStringLiteral("error"), refusal->arg(source));
+        QFileInfo(vd_FileUtils::dropBoxFolderGET(request.value(QStringLiteral("vandrel_folder")).toString()))
+            .canonicalFilePath();
+    const bool inside =
+        !source.isEmpty() && !dropbox.isEmpty() && (source == dropbox || source.startsWith(dropbox + u'/'));
+    const std::optional<QString> refusal =
+        inside ? dropboxMoveSourceError(source, dropbox) : tr("%1 is not in your Dropbox folder");
+    if (refusal) {
+        request.insert(QStringLiteral("error"), refusal->arg(requested));
         return;
     }
     QString folder = request.value(QStringLiteral("dest_path")).toString();

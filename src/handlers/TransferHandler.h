@@ -18,7 +18,8 @@ public:
     static void handleCopyToDropboxRequest(QJsonObject &request,
                                            const FileOperations::InterruptionCheck &check = {});
     // Moves "path" out of the Dropbox folder into "dest_path" (default: this month's "From Dropbox" folder),
-    // under a free name; refuses the Dropbox folder itself and the folders it or this application needs.
+    // under a free name; refuses an item that, links and ".." resolved, lies outside the Dropbox folder, the
+    // Dropbox folder itself and the folders it or this application needs.
     static void handleMoveFromDropboxRequest(QJsonObject &request,
                                              const FileOperations::InterruptionCheck &check = {});
 

@@ -2,8 +2,10 @@
 
 #include "handlers/ExternalThumbnailer.h"
 #include "handlers/HandlersLog.h"
+#include "handlers/Listings.h"
 #include "handlers/ShippedIcons.h"
 #include "handlers/ThumbnailCache.h"
+#include "support/Logging.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -102,7 +104,7 @@ std::optional<Decoded> decodeImage(const QString &path, int boxWidth, int boxHei
     if (width * height > vd_ImageUtils::kMaxSourcePixels) {
         qCWarning(lcHandlers).noquote()
             << QStringLiteral("%1 has %2 megapixels; pictures above %3 are not drawn")
-                   .arg(path)
+                   .arg(Logging::shownInLog(path))
                    .arg(width * height / 1000000)
                    .arg(vd_ImageUtils::kMaxSourcePixels / 1000000);
         return std::nullopt;
@@ -209,6 +211,8 @@ std::optional<vips::VImage> vd_ImageUtils::createImage(const QString &path, int 
     ensureVips();
     if (path == kComputerPath)
         return createComputerImage(width, height);
+    if (const QString iCloud = Listings::iCloudPath(); !iCloud.isEmpty() && path == iCloud)
+        return createiCloudImage(width, height);
 
     std::optional<VImage> picture;
     const QFileInfo info(path);
@@ -223,7 +227,8 @@ std::optional<vips::VImage> vd_ImageUtils::createImage(const QString &path, int 
             }
         } catch (const vips::VError &) {
             qCWarning(lcHandlers).noquote()
-                << QStringLiteral("Quicklook threw exception. The file may be corrupt: %1").arg(path);
+                << QStringLiteral("Quicklook threw exception. The file may be corrupt: %1")
+                       .arg(Logging::shownInLog(path));
             picture.reset();
         }
     }

@@ -13,6 +13,7 @@
 #include <poppler-document.h>
 #include <poppler-global.h>
 #include <poppler-page.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <time.h>
@@ -100,17 +101,20 @@ Extraction extractText(const QString &path, qint64 maxBytes)
 
 QString decodeHeaderWord(const QString &value)
 {
-    // RFC 2047 encoded words: =?charset?B|Q?text?=
-    QString out = value;
-    qsizetype start = 0;
-    while ((start = out.indexOf(u"=?", start)) >= 0) {
-        const qsizetype q1 = out.indexOf(u'?', start + 2);
-        const qsizetype q2 = q1 < 0 ? -1 : out.indexOf(u'?', q1 + 1);
-        const qsizetype end = q2 < 0 ? -1 : out.indexOf(u"?=", q2 + 1);
+    // RFC 2047 encoded words: =?charset?B|Q?text?=. Built up in one pass, so that a header made of many
+    // words costs time in proportion to its length.
+    QString out;
+    out.reserve(value.size());
+    qsizetype from = 0;
+    for (;;) {
+        const qsizetype start = value.indexOf(u"=?", from);
+        const qsizetype q1 = start < 0 ? -1 : value.indexOf(u'?', start + 2);
+        const qsizetype q2 = q1 < 0 ? -1 : value.indexOf(u'?', q1 + 1);
+        const qsizetype end = q2 < 0 ? -1 : value.indexOf(u"?=", q2 + 1);
         if (end < 0)
             break;
-        const QString encoding = out.mid(q1 + 1, q2 - q1 - 1).toUpper();
-        QByteArray raw = out.mid(q2 + 1, end - q2 - 1).toLatin1();
+        const QString encoding = value.mid(q1 + 1, q2 - q1 - 1).toUpper();
+        QByteArray raw = value.mid(q2 + 1, end - q2 - 1).toLatin1();
         QByteArray decoded;
         if (encoding == u"B") {
             decoded = QByteArray::fromBase64(raw);
@@ -118,10 +122,11 @@ QString decodeHeaderWord(const QString &value)
             raw.replace('_', ' ');
             decoded = QByteArray::fromPercentEncoding(raw, '=');
         }
-        const QString text = decodeText(decoded);
-        out.replace(start, end + 2 - start, text);
-        start += text.size();
+        out += QStringView(value).mid(from, start - from);
+        out += decodeText(decoded);
+        from = end + 2;
     }
+    out += QStringView(value).mid(from);
     return out;
 }
 
@@ -333,8 +338,13 @@ std::optional<QByteArray> imageHeader(const QString &path)
     return out;
 }
 
-// Runs `work` in a forked child and returns what it wrote, or nothing when the child failed, crashed or
-// outlived `timeoutMs` (it is then killed).
+// A document that needs more to be read is hostile or broken; the cap keeps it from taking the machine.
+constexpr rlim_t kChildMemoryLimit = rlim_t(1) << 30;
+// More output than any extraction yields (text is capped well below): a child past it is killed.
+constexpr qsizetype kMaxChildOutputBytes = 64 * 1024 * 1024;
+
+// Runs `work` in a forked child with an address-space limit and returns what it wrote, or nothing when the
+// child failed, crashed, wrote too much or outlived `timeoutMs` (it is then killed).
 std::optional<QByteArray> runInChild(const std::function<QByteArray()> &work, int timeoutMs)
 {
     int fds[2];
@@ -348,6 +358,8 @@ std::optional<QByteArray> runInChild(const std::function<QByteArray()> &work, in
     }
     if (pid == 0) {
         close(fds[0]);
+        const struct rlimit memory = {kChildMemoryLimit, kChildMemoryLimit};
+        setrlimit(RLIMIT_AS, &memory);
         const QByteArray out = work();
         qsizetype written = 0;
         while (written < out.size()) {
@@ -362,7 +374,7 @@ std::optional<QByteArray> runInChild(const std::function<QByteArray()> &work, in
     QByteArray result;
     timespec start{};
     clock_gettime(CLOCK_MONOTONIC, &start);
-    bool timedOut = false;
+    bool timedOut = false; // or wrote too much: either way it is killed
     for (;;) {
         timespec now{};
         clock_gettime(CLOCK_MONOTONIC, &now);
@@ -378,6 +390,10 @@ std::optional<QByteArray> runInChild(const std::function<QByteArray()> &work, in
         const ssize_t n = read(fds[0], buffer, sizeof buffer);
         if (n <= 0)
             break;
+        if (result.size() + n > kMaxChildOutputBytes) {
+            timedOut = true;
+            break;
+        }
         result.append(buffer, n);
     }
     close(fds[0]);

@@ -7,7 +7,10 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -85,10 +88,27 @@ sqlite3 *IndexStore::openConnection(const QString &path)
     return db;
 }
 
+namespace {
+
+// The index holds the names and words of the user's files: only the user may read it. The file is made
+// before SQLite opens it, as SQLite gives new files the umask's mode and its journals the database's.
+void keepPrivate(const QString &path)
+{
+    ::chmod(QFile::encodeName(QFileInfo(path).absolutePath()).constData(), 0700);
+    const QByteArray file = QFile::encodeName(path);
+    if (const int fd = ::open(file.constData(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600); fd >= 0)
+        ::close(fd);
+    for (const char *suffix : {"", "-wal", "-shm"})
+        ::chmod((file + suffix).constData(), 0600);
+}
+
+} // namespace
+
 std::unique_ptr<IndexStore> IndexStore::open(const QString &path)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     for (int attempt = 0; attempt < 2; ++attempt) {
+        keepPrivate(path);
         sqlite3 *db = openConnection(path);
         if (!db)
             return nullptr;

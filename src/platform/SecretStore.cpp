@@ -3,28 +3,77 @@
 #include "platform/FileSecretStore.h"
 #include "platform/LibsecretSecretStore.h"
 #include "platform/PlatformLog.h"
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
 
+#include <atomic>
 #include <mutex>
+
+namespace {
+
+const QString kFileKind = QStringLiteral("file");
+const QString kSecretServiceKind = QStringLiteral("secret-service");
+
+// Both stores live as long as the process, so a reference handed out stays valid after a new choice.
+FileSecretStore &fileStore()
+{
+    static auto *store = new FileSecretStore;
+    return *store;
+}
+
+LibsecretSecretStore &secretServiceStore()
+{
+    static auto *store = new LibsecretSecretStore;
+    return *store;
+}
+
+std::atomic<SecretStore *> s_current{nullptr};
+std::mutex s_choiceLock; // serialises choosing, not using, the store
+
+SecretStore &probedStore()
+{
+    if (qEnvironmentVariable("VANDREL_KEYCHAIN") == kFileKind)
+        return fileStore();
+    const SecretStore::Outcome probe = secretServiceStore().probe();
+    if (probe.status == SecretStore::Success)
+        return secretServiceStore();
+    qCInfo(lcPlatform).noquote() << QStringLiteral("Secret Service unavailable (%1); keeping secrets in %2")
+                                        .arg(probe.message, FileSecretStore::defaultPath());
+    return fileStore();
+}
+
+} // namespace
 
 SecretStore &SecretStore::instance()
 {
-    static std::unique_ptr<SecretStore> store;
-    static std::once_flag chosen;
-    std::call_once(chosen, [] {
-        if (qEnvironmentVariable("VANDREL_KEYCHAIN") == u"file") {
-            store = std::make_unique<FileSecretStore>();
-            return;
-        }
-        auto secretService = std::make_unique<LibsecretSecretStore>();
-        const Outcome probe = secretService->probe();
-        if (probe.status == Success) {
-            store = std::move(secretService);
-            return;
-        }
-        qCInfo(lcPlatform).noquote() << QStringLiteral(
-                                            "Secret Service unavailable (%1); keeping secrets in %2")
-                                            .arg(probe.message, FileSecretStore::defaultPath());
-        store = std::make_unique<FileSecretStore>();
-    });
-    return *store;
+    if (SecretStore *current = s_current.load())
+        return *current;
+    const std::lock_guard lock(s_choiceLock);
+    if (SecretStore *current = s_current.load())
+        return *current;
+    const QString remembered = UserDefaults::stringValue(SettingsKeys::SecretStoreKind);
+    SecretStore *chosen = nullptr;
+    if (qEnvironmentVariable("VANDREL_KEYCHAIN") == kFileKind || remembered == kFileKind)
+        chosen = &fileStore();
+    else if (remembered == kSecretServiceKind)
+        chosen = &secretServiceStore();
+    else
+        chosen = &probedStore();
+    s_current.store(chosen);
+    return *chosen;
+}
+
+SecretStore &SecretStore::chooseForNewSecret()
+{
+    const std::lock_guard lock(s_choiceLock);
+    SecretStore &chosen = probedStore();
+    UserDefaults::setValue(SettingsKeys::SecretStoreKind,
+                           &chosen == &fileStore() ? kFileKind : kSecretServiceKind);
+    s_current.store(&chosen);
+    return chosen;
+}
+
+QString SecretStore::instanceKind()
+{
+    return &instance() == &fileStore() ? kFileKind : kSecretServiceKind;
 }

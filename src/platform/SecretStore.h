@@ -38,8 +38,15 @@ public:
     // Removes the matching items; ItemNotFound when there was none.
     virtual Outcome remove(const QString &service, const QString &account) = 0;
 
-    // The store of this process, chosen at first use: the Secret Service when it answers within a few
-    // seconds and has an unlocked default keyring, else the private file (one log line says why).
+    // The store of this process, chosen at first use. When a secret was written before, the store that
+    // took it (remembered in the settings), even when it cannot be reached now: reads then fail rather than
+    // find an older secret elsewhere. Otherwise the Secret Service when it answers within a few seconds and
+    // has an unlocked default keyring, else the private file (one log line says why).
     // VANDREL_KEYCHAIN=file forces the file.
     static SecretStore &instance();
+    // Chooses the store afresh as for a first use, remembers it and makes it this process's store: the
+    // one moment secrets may move between stores, used before the user's new password is written.
+    static SecretStore &chooseForNewSecret();
+    // "file" or "secret-service": the store instance() uses.
+    static QString instanceKind();
 };

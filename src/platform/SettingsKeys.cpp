@@ -17,6 +17,7 @@ const std::vector<Setting> &all()
         {SupportURL, QString(), nullptr},
         {LinkServiceURL, QString(), nullptr},
         {RelayRequestTimeout, 60, "VANDREL_RELAY_TIMEOUT"},
+        {SecretStoreKind, QString(), nullptr},
         {IndexedRoots, QStringList(), nullptr},
         {IndexExcludes, QStringList(), nullptr},
     };

@@ -26,6 +26,9 @@ inline const QString LinkServiceURL = QStringLiteral("LinkServiceURL");
 // connections.
 inline const QString RelayRequestTimeout = QStringLiteral("RelayRequestTimeout");
 
+// Which secret store took the computer password: "file" or "secret-service"; empty until one did.
+inline const QString SecretStoreKind = QStringLiteral("SecretStoreKind");
+
 // The metadata index: folders to index and names to leave out (lists; empty means the built-in choice).
 inline const QString IndexedRoots = QStringLiteral("IndexedRoots");
 inline const QString IndexExcludes = QStringLiteral("IndexExcludes");

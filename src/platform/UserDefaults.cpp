@@ -3,8 +3,12 @@
 #include "platform/SettingsKeys.h"
 
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QSettings>
 #include <QStandardPaths>
+
+#include <sys/stat.h>
 
 #include <mutex>
 
@@ -56,6 +60,9 @@ void UserDefaults::setValue(const QString &key, const QVariant &value)
     QSettings settings = open();
     settings.setValue(key, value);
     settings.sync();
+    // The settings hold paths of the user's files (the indexed folders, the last StorageRoot found).
+    ::chmod(QFile::encodeName(QFileInfo(settings.fileName()).absolutePath()).constData(), 0700);
+    ::chmod(QFile::encodeName(settings.fileName()).constData(), 0600);
 }
 
 void UserDefaults::remove(const QString &key)

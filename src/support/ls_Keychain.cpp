@@ -28,6 +28,16 @@ std::optional<QString> ls_Keychain::stringForKey(const QString &key)
     return value;
 }
 
+ls_Keychain::Read ls_Keychain::readStringForKey(const QString &key)
+{
+    std::optional<SFHFKeychainUtils::Error> error;
+    Read read;
+    read.value = SFHFKeychainUtils::getPasswordForUsername(key, kServiceName, &error);
+    if (error)
+        read.failure = error->description();
+    return read;
+}
+
 void ls_Keychain::removeStringForKey(const QString &key)
 {
     std::optional<SFHFKeychainUtils::Error> error;

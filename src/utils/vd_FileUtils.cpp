@@ -10,13 +10,16 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QSaveFile>
+#include <QSet>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <mutex>
 
 namespace {
 
@@ -55,19 +58,56 @@ QJsonValue parseJsonValue(const QByteArray &bytes)
 
 } // namespace
 
+std::optional<QString> vd_FileUtils::storageRootOwnFolder(const QString &storageRoot, const QString &relative,
+                                                          bool create)
+{
+    if (storageRoot.isEmpty())
+        return std::nullopt;
+    if (!create && !QFileInfo::exists(storageRoot))
+        return std::nullopt;
+    QDir().mkpath(storageRoot);
+    int folder = ::open(QFile::encodeName(storageRoot).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0)
+        return std::nullopt;
+    QString path = storageRoot;
+    for (const QString &component : relative.split(u'/', Qt::SkipEmptyParts)) {
+        path += u'/' + component;
+        const QByteArray name = QFile::encodeName(component);
+        if (create)
+            ::mkdirat(folder, name.constData(), 0777);
+        const int next = ::openat(folder, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const int error = errno;
+        ::close(folder);
+        if (next < 0) {
+            if (error == ELOOP || error == ENOTDIR) {
+                static std::mutex loggedLock;
+                static QSet<QString> logged; // guarded by loggedLock
+                const std::lock_guard lock(loggedLock);
+                if (!logged.contains(path)) {
+                    logged.insert(path);
+                    qCWarning(lcUtils).noquote()
+                        << QStringLiteral("refusing %1: it is a symbolic link or not a folder, and the "
+                                          "agent's own folders must lie inside the storage folder")
+                               .arg(path);
+                }
+            }
+            return std::nullopt;
+        }
+        folder = next;
+    }
+    ::close(folder);
+    return path;
+}
+
 QString vd_FileUtils::getDataFolderPath(const QString &storageRoot)
 {
-    const QString path = storageRoot + QStringLiteral("/data.vdldata");
-    if (!QFileInfo::exists(path))
-        QDir().mkpath(path);
-    return path;
+    return storageRootOwnFolder(storageRoot, QStringLiteral("data.vdldata"), true).value_or(QString());
 }
 
 QString vd_FileUtils::getRootsPath(const QString &storageRoot)
 {
-    const QString path = getDataFolderPath(storageRoot) + QStringLiteral("/computers");
-    QDir().mkpath(path);
-    return path;
+    return storageRootOwnFolder(storageRoot, QStringLiteral("data.vdldata/computers"), true)
+        .value_or(QString());
 }
 
 QString vd_FileUtils::getFileByDatePath(const QString &baseFolder, const QDateTime &now)
@@ -104,7 +144,10 @@ QJsonObject vd_FileUtils::readJsonFileMutableDictionary(const QString &path)
 
 QJsonObject vd_FileUtils::jsonObjectFromBytes(const QByteArray &bytes)
 {
-    const QJsonValue value = parseJsonValue(bytes);
+    // Editors on other systems start UTF-8 files with a byte-order mark; the parser would reject the text.
+    static const QByteArray byteOrderMark("\xEF\xBB\xBF");
+    const QJsonValue value =
+        parseJsonValue(bytes.startsWith(byteOrderMark) ? bytes.mid(byteOrderMark.size()) : bytes);
     if (!value.isObject()) {
         qCWarning(lcUtils).noquote()
             << QStringLiteral(" you said it was a dictionary! %1").arg(describeJsonKind(value));

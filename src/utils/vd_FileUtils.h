@@ -15,9 +15,15 @@ class vd_FileUtils
 public:
     // --- Storage layout and JSON files ---
 
-    // "<root>/data.vdldata", created with its parents when missing.
+    // "<root>/<relative>" when every folder on the way below the root is a real folder, not a symbolic
+    // link; missing ones are created when asked. None when one is missing (not creating), cannot be made,
+    // or is a link (with one log line per path): clean-ups delete and copies land in these folders, so a
+    // link planted in the cloud folder must not lead them anywhere else.
+    static std::optional<QString> storageRootOwnFolder(const QString &storageRoot, const QString &relative,
+                                                       bool create);
+    // "<root>/data.vdldata", created with its parents when missing; "" when it is a link.
     static QString getDataFolderPath(const QString &storageRoot);
-    // "<root>/data.vdldata/computers", created with its parents on every call.
+    // "<root>/data.vdldata/computers", created with its parents on every call; "" when a link is on the way.
     static QString getRootsPath(const QString &storageRoot);
     // "<base>/<year>/<month>" of the given moment in local time, month without a leading zero. Builds the
     // path only; callers create the folders.
@@ -29,7 +35,7 @@ public:
     // an empty object and a log line unread; text that is not a JSON object gives an empty object and one
     // log line.
     static QJsonObject readJsonFileMutableDictionary(const QString &path);
-    // The same rule for bytes already in memory.
+    // The same rule for bytes already in memory. A leading UTF-8 byte-order mark is skipped.
     static QJsonObject jsonObjectFromBytes(const QByteArray &bytes);
     // Indented JSON, or none for a value that is not an object or an array.
     static std::optional<QByteArray> JSONDataFromObj(const QJsonValue &value);
@@ -83,9 +89,10 @@ public:
     static std::optional<QString> googleDriveFolderVandrel();
     // All StorageRoots: the Dropbox ones in their order, then the Google Drive one.
     static QStringList storageFoldersDropBoxGDriveEtc();
-    // "<root>/uploads", created when missing; "" for an empty root.
+    // "<root>/uploads", created when missing; "" for an empty root or a link on the way.
     static QString getDefaultDropBoxUploadsFolderROOT(const QString &storageRoot);
-    // This month's uploads folder of the root, created when missing; "" for an empty root.
+    // This month's uploads folder of the root, created when missing; "" for an empty root or a link on the
+    // way.
     static QString getDefaultDropBoxUploadsFolder(const QString &storageRoot,
                                                   const QDateTime &now = QDateTime::currentDateTime());
     // This month's folder under "<Downloads>/From Dropbox", created when missing.
@@ -103,6 +110,9 @@ public:
     static QString getPlatformUUID();
     static QString prefsKeyForComputerID();
     static QString keyForComputerPassword();
+    // Whether a computer password is stored: none when the secret store cannot be read, which callers
+    // must treat as closed, never as "no password".
+    static std::optional<bool> computerPasswordIsSet();
     // The computer id from the user defaults, made on first use; threads that ask at once get one id.
     static QString getComputerUUID();
     // The version the WebApp is told; computed once.

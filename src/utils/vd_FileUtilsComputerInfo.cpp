@@ -1,5 +1,4 @@
 #include "platform/Trash.h"
-#include "support/ls_Keychain.h"
 #include "utils/PathHelpers.h"
 #include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
@@ -53,7 +52,10 @@ void vd_FileUtils::writeComputerInfoFileTo(const QString &storageRoot, bool chec
     // An empty root would put the data folder at the top of the file system.
     if (storageRoot.isEmpty())
         return;
-    const QString path = getRootsPath(storageRoot) + u'/' + getComputerUUID() + QStringLiteral(".json");
+    const QString folder = getRootsPath(storageRoot);
+    if (folder.isEmpty())
+        return;
+    const QString path = folder + u'/' + getComputerUUID() + QStringLiteral(".json");
     if (checkOnly && QFileInfo::exists(path))
         return;
     getRidOfConflictedCopyFiles(storageRoot);
@@ -71,7 +73,10 @@ void vd_FileUtils::writeComputerInfoFileTo(const QString &storageRoot, bool chec
         // The WebApp knows computers by this wire value, whatever system they run.
         {QStringLiteral("platform"), QStringLiteral("osx")},
     };
-    if (!ls_Keychain::stringForKey(keyForComputerPassword()).value_or(QString()).isEmpty())
+    // A password that cannot be read now says nothing about whether one is set: keep what the file said.
+    const std::optional<bool> passwordSet = computerPasswordIsSet();
+    if (passwordSet ? *passwordSet
+                    : readJsonFileMutableDictionary(path).value(QStringLiteral("pword_required")).toBool())
         info.insert(QStringLiteral("pword_required"), true);
     writeJsonFile(info, path);
 }
@@ -115,6 +120,9 @@ void vd_FileUtils::getRidOfDuplicateComputerFiles(const QString &storageRoot)
             continue;
         const double dateA = fileDate(a->second, pathA);
         const QJsonValue nameA = a->second.value(QStringLiteral("computer_name"));
+        // A file without a name is nobody's duplicate.
+        if (nameA.isUndefined())
+            continue;
         for (const auto &[pathB, unused] : readable) {
             if (pathB == pathA)
                 continue;

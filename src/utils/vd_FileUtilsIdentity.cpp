@@ -2,6 +2,7 @@
 #include "platform/SystemIdentity.h"
 #include "platform/UserDefaults.h"
 #include "support/Encodings.h"
+#include "support/ls_Keychain.h"
 #include "utils/UtilsLog.h"
 #include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
@@ -66,6 +67,14 @@ QString vd_FileUtils::prefsKeyForComputerID()
 QString vd_FileUtils::keyForComputerPassword()
 {
     return QStringLiteral("computer_password_") + getPlatformUUID();
+}
+
+std::optional<bool> vd_FileUtils::computerPasswordIsSet()
+{
+    const ls_Keychain::Read read = ls_Keychain::readStringForKey(keyForComputerPassword());
+    if (read.failure)
+        return std::nullopt;
+    return !read.value.value_or(QString()).isEmpty();
 }
 
 QString vd_FileUtils::getComputerUUID()

@@ -247,20 +247,16 @@ QString vd_FileUtils::getDefaultDropBoxUploadsFolderROOT(const QString &storageR
 {
     if (storageRoot.isEmpty())
         return QString();
-    const QString uploads = storageRoot + QStringLiteral("/uploads");
-    QDir().mkpath(uploads);
-    return uploads;
+    return storageRootOwnFolder(storageRoot, QStringLiteral("uploads"), true).value_or(QString());
 }
 
 QString vd_FileUtils::getDefaultDropBoxUploadsFolder(const QString &storageRoot, const QDateTime &now)
 {
     // Without a root the month path would be "/<year>/<month>" at the top of the file system.
-    const QString uploads = getDefaultDropBoxUploadsFolderROOT(storageRoot);
-    if (uploads.isEmpty())
+    if (getDefaultDropBoxUploadsFolderROOT(storageRoot).isEmpty())
         return QString();
-    const QString folder = getFileByDatePath(uploads, now);
-    QDir().mkpath(folder);
-    return folder;
+    const QString month = getFileByDatePath(QStringLiteral("uploads"), now);
+    return storageRootOwnFolder(storageRoot, month, true).value_or(QString());
 }
 
 QString vd_FileUtils::getDefaultMoveFromFolder(const QDateTime &now)

@@ -73,7 +73,7 @@ quint64 vd_SimpleUtils::sizeOfItem(const QString &path, double maxTime, qint64 *
     QElapsedTimer timer;
     timer.start();
     char *roots[] = {const_cast<char *>(native.constData()), nullptr};
-    FTS *walk = ::fts_open(roots, FTS_PHYSICAL | FTS_NOCHDIR, nullptr);
+    FTS *walk = ::fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_NOCHDIR, nullptr);
     if (!walk)
         return 0;
     quint64 total = 0;

@@ -21,10 +21,11 @@ public:
     static QString sha256DigestToHexString(const QByteArray &digest);
 
     // The item's size in bytes; a folder's is the sum of everything below it, walked depth first without
-    // following links. count (when given) gets the number of items: the item itself plus every file and
-    // folder below. When the walk takes longer than maxTime seconds (0 means 10) it stops, sets maxReached,
-    // and the figures are lower bounds. A missing item is 0 with a count of 1; an empty path is 0 and leaves
-    // the out-parameters alone. A leading "~" is the home folder.
+    // following links below it (a link given as the item is followed). count (when given) gets the number of
+    // items: the item itself plus every file and folder below. When the walk takes longer than maxTime
+    // seconds (0 means 10) it stops, sets maxReached, and the figures are lower bounds. A missing item is 0
+    // with a count of 1; an empty path is 0 and leaves the out-parameters alone. A leading "~" is the home
+    // folder.
     static quint64 sizeOfItem(const QString &path, double maxTime, qint64 *count, bool *maxReached);
 
     // A byte count as people read it, in decimal units with deliberately uneven bands: "1.5 GB", "24 MB",

@@ -95,8 +95,8 @@ TEST(StatusAndPassword, InputThatWouldNotBeThePasswordTypedIsRefused)
                                     QByteArray("caf\xe9\n"), QByteArray("a\0b\n", 4)}) {
         runVandrel(set, input, &exitCode);
         EXPECT_EQ(exitCode, 1) << input.left(8).toHex().toStdString();
-        EXPECT_EQ(runVandrel({QStringLiteral("password"), QStringLiteral("status")}),
-                  QStringLiteral("No computer password is set.\n"));
+        EXPECT_TRUE(runVandrel({QStringLiteral("password"), QStringLiteral("status")})
+                        .startsWith(QStringLiteral("No computer password is set (store: the file ")));
     }
 
     runVandrel(set, QByteArray(1024, 'p') + "\r\n", &exitCode);
@@ -105,4 +105,22 @@ TEST(StatusAndPassword, InputThatWouldNotBeThePasswordTypedIsRefused)
     EXPECT_EQ(exitCode, 0);
     EXPECT_TRUE(runVandrel({QStringLiteral("password"), QStringLiteral("status")})
                     .startsWith(QStringLiteral("A computer password is set")));
+}
+
+// With no pretty name and an empty host name the computer is called what the WebApp expects.
+TEST(StatusAndPassword, AComputerWithoutANameIsYourMac)
+{
+    TempHome home;
+    qputenv("VANDREL_KEYCHAIN", "file");
+    QProcess process;
+    // A private host name, set empty, for the agent alone.
+    process.start(QStringLiteral("unshare"),
+                  {QStringLiteral("-r"), QStringLiteral("-u"), QStringLiteral("/usr/bin/python3"),
+                   QStringLiteral("-c"),
+                   QStringLiteral("import os, socket, sys; socket.sethostname(''); os.execv(sys.argv[1], "
+                                  "[sys.argv[1], 'status'])"),
+                   QStringLiteral(VANDREL_BINARY)});
+    ASSERT_TRUE(process.waitForFinished(30000));
+    EXPECT_TRUE(process.readAllStandardOutput().contains("Computer name:   Your Mac\n"))
+        << process.readAllStandardError().toStdString();
 }

@@ -108,7 +108,7 @@ TEST(Operation, ResolvesTheSessionChecksThePasswordAndDispatchesByExactType)
     HandlerProbe probe;
     probe.release();
     LogCapture log;
-    const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey());
+    const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey().value());
 
     vd_Searcher inDrive(request({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
     inDrive.main();
@@ -157,7 +157,7 @@ TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
 {
     TwoRoots roots;
     HandlerProbe probe;
-    const QString key = vd_Searcher::encryptionKey();
+    const QString key = vd_Searcher::encryptionKey().value();
     const QString hash = vd_SimpleUtils::sha256Hex(key);
     const QString sealed = base64Encoding_URL_SAFE(
         encryptWithString(R"({"request_type":"search","search_dir":"root_folders","n":"sealed"})", key)

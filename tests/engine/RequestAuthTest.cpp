@@ -52,6 +52,14 @@ TEST(RequestAuth, OnlyTheComputerListSmallIconsDecryptedAndHashedRequestsRun)
 
     EXPECT_TRUE(
         mayRun(record({{"request_type", "search"}, {"search_dir", "root_folders"}, {"pword_hash", wrong}})));
+    // The computer list marker opens the computer list, nothing else.
+    for (const char *type : {"preview", "thumb", "info", "copy_to_dropbox", "move_from_dropbox", "encrypted"})
+        EXPECT_FALSE(mayRun(record({{"request_type", type}, {"search_dir", "root_folders"}}))) << type;
+    // Without a readable password only the open rules apply, whatever hash is given.
+    EXPECT_FALSE(RequestAuth::passwordOK_OrRootInfo(
+        record({{"request_type", "search"}, {"pword_hash", good}}), std::nullopt));
+    EXPECT_TRUE(RequestAuth::passwordOK_OrRootInfo(
+        record({{"request_type", "search"}, {"search_dir", "root_folders"}}), std::nullopt));
     EXPECT_TRUE(mayRun(record({{"request_type", "thumb"}, {"path", ".0.128.128.png"}})));
     EXPECT_FALSE(mayRun(record({{"request_type", "thumb"}, {"path", ".0.1024.768.png"}})));
     EXPECT_FALSE(mayRun(record({{"request_type", "preview"}, {"path", ".0.128.128.png"}})));
@@ -76,6 +84,8 @@ TEST(RequestAuth, EnvelopesOpenOnlyUnderTheRightKeyAndOnlyToObjects)
         record({{"request_type", "encrypted"},
                 {"os_session", "s1"},
                 {"cache_key", "outer"},
+                {"dest_path", "/planted"},
+                {"path", "/planted"},
                 {"encrypted_request",
                  envelopePayload(R"({"request_type":"search","cache_key":"inner","q":"x"})", kKey)}});
     QJsonObject opened = envelope;
@@ -84,6 +94,9 @@ TEST(RequestAuth, EnvelopesOpenOnlyUnderTheRightKeyAndOnlyToObjects)
     EXPECT_EQ(opened.value(QStringLiteral("cache_key")), QStringLiteral("inner"));
     EXPECT_EQ(opened.value(QStringLiteral("os_session")), QStringLiteral("s1"));
     EXPECT_EQ(opened.value(QStringLiteral("q")), QStringLiteral("x"));
+    // Parameters come from the ciphertext alone: clear copies beside it are gone.
+    EXPECT_FALSE(opened.contains(QStringLiteral("dest_path")));
+    EXPECT_FALSE(opened.contains(QStringLiteral("path")));
     EXPECT_EQ(opened.value(QStringLiteral("request_decrypted_ok")), QJsonValue(true));
     EXPECT_EQ(opened.value(QStringLiteral("encrypt_reply")), QJsonValue(true));
 

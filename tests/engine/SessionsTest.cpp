@@ -71,9 +71,10 @@ TEST(Sessions, UserCameOnlineAfterTwentyQuietSeconds)
     const QMetaObject::Connection connection = QObject::connect(
         &UserActivityNotifier::instance(), &UserActivityNotifier::UserCameOnline, [&] { ++notices; });
 
+    vd_Searcher::gLastSessionActive = 0;
     const QDateTime start = QDateTime::currentDateTimeUtc();
     EXPECT_TRUE(vd_Searcher::isUserActivelyUsingUs(root, start).has_value());
-    EXPECT_EQ(notices, 1); // the clock starts at 0
+    EXPECT_EQ(notices, 1);
     EXPECT_FALSE(vd_Searcher::isUserActivelyUsingUs(other, start.addSecs(30)).has_value());
     EXPECT_TRUE(vd_Searcher::isUserActivelyUsingUs(root, start.addSecs(15)).has_value());
     EXPECT_EQ(notices, 1);
@@ -97,6 +98,16 @@ TEST(Sessions, ExpiryRemovesALinkNotWhatItPointsAtAndNoticesComeOnThePostingThre
     vd_Searcher::eraseOldOSSessions(root, QDateTime::currentDateTimeUtc());
     EXPECT_EQ(vd_Searcher::get_sessions(root, false), std::nullopt);
     EXPECT_TRUE(QFileInfo::exists(home.filePath(QStringLiteral("precious/keep.txt"))));
+
+    // A sessions folder that is itself a link holds no sessions, and expiry deletes nothing through it.
+    const QString other = home.filePath(QStringLiteral("other"));
+    home.writeFile(QStringLiteral("elsewhere/stale.json"), "{\"date\": 0}");
+    QDir().mkpath(other + QStringLiteral("/data.vdldata"));
+    ASSERT_TRUE(QFile::link(home.filePath(QStringLiteral("elsewhere")),
+                            other + QStringLiteral("/data.vdldata/sessions")));
+    EXPECT_EQ(vd_Searcher::get_sessions(other, false), std::nullopt);
+    vd_Searcher::eraseOldOSSessions(other, QDateTime::currentDateTimeUtc());
+    EXPECT_TRUE(QFileInfo::exists(home.filePath(QStringLiteral("elsewhere/stale.json"))));
 
     // A request's worker thread can be the one that finds the user back; observers hear it there.
     writeSession(home, QStringLiteral("s.json"), "{}");

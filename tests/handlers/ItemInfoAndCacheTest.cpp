@@ -4,6 +4,7 @@
 #include "utils/vd_SimpleUtils.h"
 
 #include <QDir>
+#include <QFile>
 #include <QJsonArray>
 #include <QThreadPool>
 
@@ -35,6 +36,13 @@ TEST(ItemInfo, LinesForFilesFoldersAndCutOffWalks)
               QStringLiteral("File=two|Size=1 KB|Number of Files=3"));
     EXPECT_EQ(lines(ItemInfoHandler::infos(home.filePath(QStringLiteral("missing")))),
               QStringLiteral("File=missing|Size=0"));
+    // A trailing "/" names the same folder; a link to a folder counts what the folder holds.
+    EXPECT_EQ(lines(ItemInfoHandler::infos(home.filePath(QStringLiteral("two//")))),
+              QStringLiteral("File=two|Size=1 KB|Number of Files=3"));
+    QFile::link(home.filePath(QStringLiteral("two")), home.filePath(QStringLiteral("alias")));
+    EXPECT_EQ(lines(ItemInfoHandler::infos(home.filePath(QStringLiteral("alias")))),
+              QStringLiteral("File=alias|Size=1 KB|Number of Files=3"));
+    EXPECT_TRUE(lines(ItemInfoHandler::infos(QStringLiteral("/"))).startsWith(QStringLiteral("File=/|")));
 
     QJsonObject request{{QStringLiteral("path"), QString()}};
     ItemInfoHandler::handleItemInfoRequest(request);

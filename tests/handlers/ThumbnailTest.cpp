@@ -175,4 +175,17 @@ TEST(Thumbnail, RequestsFillThumbAndPreviewAndRawBytes)
     ThumbnailHandler::handlePreviewRequest(preview, &raw);
     const VImage large = decoded(raw);
     EXPECT_EQ(std::make_pair(large.width(), large.height()), std::make_pair(768, 512));
+    // Only the last component carries the format suffix: a dot in a folder name cuts nothing.
+    const QString named = writePicture(home, QStringLiteral("a.b/picture.jpg"), 900, 600);
+    QFile::rename(named, named.chopped(4));
+    QJsonObject plain{{QStringLiteral("path"), named.chopped(4)}};
+    ThumbnailHandler::handlePreviewRequest(plain, &raw);
+    EXPECT_EQ(decoded(raw).height(), 512);
+
+    // The iCloud documents folder has its own picture.
+    const QString iCloud = home.filePath(QStringLiteral("Library/Mobile Documents"));
+    QDir().mkpath(iCloud);
+    QJsonObject cloud{{QStringLiteral("path"), iCloud + QStringLiteral(".1.64.64.png")}};
+    ThumbnailHandler::handleThumbRequest(cloud, &raw);
+    EXPECT_EQ(decoded(raw).avg(), vd_ImageUtils::createiCloudImage(64, 64)->avg());
 }

@@ -74,6 +74,21 @@ TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
     EXPECT_EQ(folder.value(QStringLiteral("matching_path_clipped")).toString(),
               box.home.filePath(QStringLiteral("Out/Project")));
 
+    // Clipping drops as many characters as the StorageRoot has, wherever in the path it first occurs.
+    const QString nested = box.home.filePath(QStringLiteral("Out")) + box.root;
+    QDir().mkpath(nested);
+    QJsonObject deeper = box.request(source, nested);
+    TransferHandler::handleCopyToDropboxRequest(deeper);
+    EXPECT_EQ(deeper.value(QStringLiteral("matching_path_clipped")).toString(),
+              (nested + QStringLiteral("/a.txt")).mid(box.root.size()));
+
+    // With neither a StorageRoot nor a destination there is nowhere to copy to: never the top folder.
+    QJsonObject nowhere{{QStringLiteral("path"), source}};
+    TransferHandler::handleCopyToDropboxRequest(nowhere);
+    EXPECT_EQ(nowhere.value(QStringLiteral("error")).toString(),
+              QStringLiteral("Not copied, error was no destination folder"));
+    EXPECT_FALSE(QFile::exists(QStringLiteral("/a.txt")));
+
     QJsonObject missing = box.request(box.home.filePath(QStringLiteral("nothing.txt")));
     TransferHandler::handleCopyToDropboxRequest(missing);
     EXPECT_TRUE(missing.value(QStringLiteral("error"))

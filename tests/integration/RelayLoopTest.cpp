@@ -243,7 +243,7 @@ TEST(RelayLoop, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain)
     // A 500 whose body holds requests still runs them.
     setup.relay.setMisbehaviour(TestHttpServer::Reply::json(
         500,
-        R"({"requests":[{"request_type":"Search","os_session":"s1","search_dir":"root_folders","n":"from500"}]})"));
+        R"({"requests":[{"request_type":"search","os_session":"s1","search_dir":"root_folders","n":"from500"}]})"));
     EXPECT_TRUE(setup.relay.waitForPoll(withResult("from500")));
 
     using Reply = TestHttpServer::Reply;
@@ -274,7 +274,7 @@ TEST(RelayLoop, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain)
     // Recovery: within 2 s the agent polls normally and runs what it gets.
     setup.relay.setMisbehaviour(std::nullopt);
     setup.relay.queueRequests(QJsonArray{record(
-        {{"request_type", "Search"}, {"os_session", "s1"}, {"search_dir", "root_folders"}, {"n", "after"}})});
+        {{"request_type", "search"}, {"os_session", "s1"}, {"search_dir", "root_folders"}, {"n", "after"}})});
     EXPECT_TRUE(setup.relay.waitForPoll(withResult("after"), 2s));
     EXPECT_TRUE(agent.log().contains(QStringLiteral("Error status code: 200")));
     EXPECT_EQ(agent.stop(SIGTERM), 0);

@@ -1,4 +1,4 @@
-#include "FakeRelay.h"
+#include "AgentWithSession.h"
 #include "common/TestPdf.h"
 #include "support/Encodings.h"
 #include "support/ls_Keychain.h"
@@ -19,88 +19,26 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// One agent in a temporary home with a Dropbox StorageRoot and an open session, and a way to send it
-// requests through the relay and read their results.
-class AgentWithSession : public ::testing::Test
+// The keys a result may hold: the request's own, the engine's stamps, and the handler's.
+QStringList unexpectedKeys(const QJsonObject &result, const QJsonObject &request,
+                           const QStringList &handlerKeys)
 {
-protected:
-    void SetUp() override
-    {
-        qputenv("VANDREL_RELAY_URL", relay.baseUrl().toUtf8());
-        qputenv("VANDREL_KEYCHAIN", "file");
-        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
-        root = home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
-        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions/web.json"),
-                       QStringLiteral("{\"date\": %1}")
-                           .arg(vd_FileUtils::JSONDate(QDateTime::currentDateTimeUtc()), 0, 'f', 3)
-                           .toUtf8());
-        ls_Keychain::setString(QStringLiteral("pw"), vd_FileUtils::keyForComputerPassword());
-        agent = std::make_unique<AgentProcess>(home);
-        const auto first = relay.waitForPoll([](const FakeRelay::Poll &) { return true; });
-        ASSERT_TRUE(first) << agent->log().toStdString();
-        hash = vd_SimpleUtils::sha256Hex(first->computerId + QStringLiteral("___pw"));
+    QStringList unexpected;
+    const QStringList stamps{QStringLiteral("n"), QStringLiteral("os_session"), QStringLiteral("pword_hash"),
+                             QStringLiteral("vandrel_folder"), QStringLiteral("search_date")};
+    for (const QString &key : result.keys()) {
+        if (!request.contains(key) && !stamps.contains(key) && !handlerKeys.contains(key))
+            unexpected << key;
     }
-    void TearDown() override
-    {
-        agent->stop(SIGTERM);
-        qunsetenv("VANDREL_RELAY_URL");
-        qunsetenv("VANDREL_KEYCHAIN");
-    }
+    return unexpected;
+}
 
-    // Sends one request and waits for its result.
-    QJsonObject ask(QJsonObject request)
-    {
-        const QString marker = QString::number(++m_sent);
-        request.insert(QStringLiteral("n"), marker);
-        request.insert(QStringLiteral("os_session"), QStringLiteral("web"));
-        request.insert(QStringLiteral("pword_hash"), hash);
-        relay.queueRequests(QJsonArray{request});
-        const auto poll = relay.waitForPoll(
-            [&](const FakeRelay::Poll &p) {
-                return p.result && p.result->value(QStringLiteral("n")) == marker;
-            },
-            30s);
-        return poll ? *poll->result : QJsonObject{{QStringLiteral("missing"), agent->log()}};
-    }
-
-    static QStringList itemPaths(const QJsonObject &result)
-    {
-        QStringList paths;
-        for (const QJsonValue &item : result.value(QStringLiteral("items")).toArray())
-            paths << item[QStringLiteral("path")].toString();
-        return paths;
-    }
-
-    // The keys a result may hold: the request's own, the engine's stamps, and the handler's.
-    static QStringList unexpectedKeys(const QJsonObject &result, const QJsonObject &request,
-                                      const QStringList &handlerKeys)
-    {
-        QStringList unexpected;
-        const QStringList stamps{QStringLiteral("n"), QStringLiteral("os_session"),
-                                 QStringLiteral("pword_hash"), QStringLiteral("vandrel_folder"),
-                                 QStringLiteral("search_date")};
-        for (const QString &key : result.keys()) {
-            if (!request.contains(key) && !stamps.contains(key) && !handlerKeys.contains(key))
-                unexpected << key;
-        }
-        return unexpected;
-    }
-
-    static vips::VImage picture(const QJsonObject &result, const char *key)
-    {
-        const QByteArray bytes =
-            dataWithBase64EncodedString_URL_SAFE(result.value(QLatin1String(key)).toString())
-                .value_or(QByteArray());
-        return vips::VImage::new_from_buffer(bytes.constData(), size_t(bytes.size()), "").copy_memory();
-    }
-
-    TempHome home;
-    FakeRelay relay;
-    QString root;
-    QString hash;
-    std::unique_ptr<AgentProcess> agent;
-    int m_sent = 0;
-};
+vips::VImage picture(const QJsonObject &result, const char *key)
+{
+    const QByteArray bytes = dataWithBase64EncodedString_URL_SAFE(result.value(QLatin1String(key)).toString())
+                                 .value_or(QByteArray());
+    return vips::VImage::new_from_buffer(bytes.constData(), size_t(bytes.size()), "").copy_memory();
+}
 
 } // namespace
 
@@ -181,10 +119,13 @@ TEST_F(AgentWithSession, SearchesAndListings)
     EXPECT_TRUE(folders.contains(many));
     EXPECT_FALSE(folders.contains(fresh));
 
-    // A name holding a double quote makes a malformed query: nothing is found, nothing loosely matched.
-    const QJsonObject broken = ask(with("name_search", QStringLiteral("a\"b")));
+    // A malformed query finds nothing, not even what its well-formed part would match, and says why.
+    QJsonObject malformed = with("name_search", QStringLiteral("minutes"));
+    malformed.insert(QStringLiteral("file_type"), QStringLiteral("kMDItemContentTypeTree == (("));
+    const QJsonObject broken = ask(malformed);
     EXPECT_TRUE(itemPaths(broken).isEmpty());
     EXPECT_EQ(broken.value(QStringLiteral("total_item_count")).toInt(), 0);
+    EXPECT_TRUE(agent->log().contains(QStringLiteral("search failed"))) << agent->log().toStdString();
 
     // A file already copied into the uploads folder is offered as that copy.
     ask({{QStringLiteral("request_type"), QStringLiteral("copy_to_dropbox")},

@@ -108,6 +108,13 @@ TEST(Extractors, ReadsOfficeMailAndTextAndSkipsBinaries)
     ASSERT_FALSE(mail.attributes.empty());
     EXPECT_EQ(mail.attributes.front().second, QStringLiteral("Réunion demain"));
     EXPECT_TRUE(mail.text.contains(QStringLiteral("Body words")));
+    // A subject of a million encoded words decodes in one pass (piece by piece it took minutes).
+    const QString huge = write(
+        "huge.eml", "Subject: " + QByteArray("=?utf-8?Q?=C3=A9?= ").repeated(1'000'000) + "\r\n\r\nbody\r\n");
+    const Extraction longSubject =
+        Extractors::extract(huge, types.codeForFileName("huge.eml", false), 64 * 1024 * 1024, 5000);
+    ASSERT_FALSE(longSubject.attributes.empty());
+    EXPECT_EQ(longSubject.attributes.front().second.count(QStringLiteral("\u00e9")), 1'000'000);
 
     EXPECT_EQ(extract(write("latin.txt", "na\xefve")).text, QStringLiteral("naïve"));
     EXPECT_TRUE(extract(write("binary.txt", QByteArray("abc\0def", 7))).text.isEmpty());

@@ -20,12 +20,13 @@ struct FileKeychain
     TempHome home;
 };
 
-struct timespec modificationTime(const QString &path)
+// The file is replaced, never rewritten in place: a new inode means it was written again.
+ino_t inode(const QString &path)
 {
     struct stat info
     {};
     ::stat(QFile::encodeName(path).constData(), &info);
-    return info.st_mtim;
+    return info.st_ino;
 }
 
 } // namespace
@@ -40,15 +41,14 @@ TEST(Keychain, StoreReadReplaceAndRemoveWithTheirLogLines)
     ls_Keychain::setString(QStringLiteral("first"), QStringLiteral("computer_password_x"));
     EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("first"));
     const QString file = FileSecretStore::defaultPath();
-    const struct timespec written = modificationTime(file);
+    const ino_t written = inode(file);
 
-    // The same value again changes nothing on disk.
+    // The same value again changes nothing on disk; another value does.
     ls_Keychain::setString(QStringLiteral("first"), QStringLiteral("computer_password_x"));
-    const struct timespec unchanged = modificationTime(file);
-    EXPECT_EQ(written.tv_sec, unchanged.tv_sec);
-    EXPECT_EQ(written.tv_nsec, unchanged.tv_nsec);
+    EXPECT_EQ(inode(file), written);
 
     ls_Keychain::setString(QStringLiteral("second"), QStringLiteral("computer_password_x"));
+    EXPECT_NE(inode(file), written);
     EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("second"));
     ls_Keychain::setString(QString(), QStringLiteral("computer_password_x")); // a missing value
     EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("second"));

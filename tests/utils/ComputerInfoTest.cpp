@@ -1,4 +1,5 @@
 #include "common/TempHome.h"
+#include "platform/FileSecretStore.h"
 #include "support/ls_Keychain.h"
 #include "utils/vd_FileUtils.h"
 
@@ -51,7 +52,9 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
     const double t = vd_FileUtils::JSONDate(now);
     const QString own = vd_FileUtils::getComputerUUID() + QStringLiteral(".json");
     info.computerFile(own, machine(QStringLiteral("ours"), t - 50));
-    info.computerFile(QString(57, u'c') + QStringLiteral(".json"), machine(QStringLiteral("conflict"), t));
+    // Names of 61 characters or more are the cloud client's conflicted copies; 60 is an ordinary name.
+    info.computerFile(QString(56, u'c') + QStringLiteral(".json"), machine(QStringLiteral("conflict"), t));
+    info.computerFile(QString(55, u'k') + QStringLiteral(".json"), machine(QStringLiteral("kept"), t));
     info.computerFile(QStringLiteral("recent.json"), machine(QStringLiteral("recent"), t - 199999));
     info.computerFile(QStringLiteral("old.json"), machine(QStringLiteral("old"), t - 200001));
     info.computerFile(QStringLiteral("future.json"), machine(QStringLiteral("future"), t + 200001));
@@ -59,6 +62,9 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
     info.computerFile(QStringLiteral("dupNewer.json"), machine(QStringLiteral("twin"), t - 10));
     info.computerFile(QStringLiteral("tieA.json"), machine(QStringLiteral("tie"), t - 5));
     info.computerFile(QStringLiteral("tieB.json"), machine(QStringLiteral("tie"), t - 5));
+    // Files without a name are nobody's duplicates.
+    info.computerFile(QStringLiteral("namelessA.json"), {{QStringLiteral("last_updated"), t - 20}});
+    info.computerFile(QStringLiteral("namelessB.json"), {{QStringLiteral("last_updated"), t - 30}});
     // Without "last_updated" the modification time dates the file: this one was touched long ago.
     const QString undated = info.computerFile(QStringLiteral("undated.json"),
                                               {{QStringLiteral("computer_name"), QStringLiteral("u")}});
@@ -72,8 +78,11 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
     vd_FileUtils::writeComputerInfoFileTo(info.root(), false, now);
 
     QStringList expected{own,
+                         QString(55, u'k') + QStringLiteral(".json"),
                          QStringLiteral("dupNewer.json"),
                          QStringLiteral("junk.json"),
+                         QStringLiteral("namelessA.json"),
+                         QStringLiteral("namelessB.json"),
                          QStringLiteral("recent.json"),
                          QStringLiteral("tieA.json"),
                          QStringLiteral("tieB.json")};
@@ -124,7 +133,18 @@ TEST(ComputerInfo, PasswordFlagAndCheckOnlyWrites)
     EXPECT_EQ(vd_FileUtils::readJsonFileMutableDictionary(own).value(QStringLiteral("pword_required")),
               QJsonValue(true));
 
+    // A password store that cannot be read changes nothing about the flag, either way.
+    const QByteArray keychain = QFile::encodeName(FileSecretStore::defaultPath());
+    ::chmod(keychain.constData(), 0644);
+    vd_FileUtils::updateComputerInfo();
+    EXPECT_EQ(vd_FileUtils::readJsonFileMutableDictionary(own).value(QStringLiteral("pword_required")),
+              QJsonValue(true));
+    ::chmod(keychain.constData(), 0600);
+
     ls_Keychain::setString(QStringLiteral(""), vd_FileUtils::keyForComputerPassword());
+    vd_FileUtils::updateComputerInfo();
+    EXPECT_FALSE(vd_FileUtils::readJsonFileMutableDictionary(own).contains(QStringLiteral("pword_required")));
+    ::chmod(keychain.constData(), 0644);
     vd_FileUtils::updateComputerInfo();
     EXPECT_FALSE(vd_FileUtils::readJsonFileMutableDictionary(own).contains(QStringLiteral("pword_required")));
 }

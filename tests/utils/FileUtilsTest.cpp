@@ -24,6 +24,8 @@ TEST(FileUtils, TolerantReaderLogsOnlyForTextThatIsNotAnObject)
         return vd_FileUtils::readJsonFileMutableDictionary(home.writeFile(QStringLiteral("f.json"), content));
     };
     EXPECT_EQ(read("{\"date\": 12.5, \"a\": [1]}").value(QStringLiteral("date")).toDouble(), 12.5);
+    // Text saved with a UTF-8 byte-order mark in front.
+    EXPECT_EQ(read("\xEF\xBB\xBF{\"date\": 3}").value(QStringLiteral("date")).toDouble(), 3);
     EXPECT_TRUE(LogCapture::lines.isEmpty());
 
     EXPECT_TRUE(read("[1, 2]").isEmpty());

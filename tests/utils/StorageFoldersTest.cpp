@@ -35,11 +35,13 @@ TEST(StorageFolders, AccountsKeepFileOrderAndGoogleDriveComesLast)
     writeMarker(home, QStringLiteral("Personal/Apps/vandrel"), 100000, now);
     QDir(home.path()).mkpath(QStringLiteral("GDrive"));
     QDir(home.path()).mkpath(QStringLiteral("Dropbox (Old)")); // only the legacy branch scans the home folder
-    writeAccounts(home,
-                  QStringLiteral("{\"zeta\": {\"path\": \"%1/Personal\"}, \"alpha\": {\"path\": \"%1/Work\"},"
-                                 " \"other\": {\"host\": 5}}")
-                      .arg(home.path())
-                      .toUtf8());
+    // Saved with a byte-order mark, as editors on other systems do.
+    writeAccounts(
+        home,
+        QStringLiteral("\uFEFF{\"zeta\": {\"path\": \"%1/Personal\"}, \"alpha\": {\"path\": \"%1/Work\"},"
+                       " \"other\": {\"host\": 5}}")
+            .arg(home.path())
+            .toUtf8());
 
     EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Personal")),
                                                                 home.filePath(QStringLiteral("Work"))}));
@@ -105,13 +107,13 @@ TEST(StorageFolders, DeepSearchDepthFreshnessAndCache)
     QDir(dropbox).mkpath(QStringLiteral("1/2/3/4/VANDREL"));
     EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), dropbox + QStringLiteral("/1/2/3/4/VANDREL"));
 
-    // A stale marker wins over an unmarked folder but is not remembered.
-    writeMarker(home, QStringLiteral("Dropbox/Projects/Vandrel"), 7200, now);
+    // A stale marker (3000 s old or more) wins over an unmarked folder but is not remembered.
+    writeMarker(home, QStringLiteral("Dropbox/Projects/Vandrel"), 3001, now);
     EXPECT_EQ(vd_FileUtils::findVandrelFolder(dropbox, now), dropbox + QStringLiteral("/Projects/Vandrel"));
     EXPECT_FALSE(UserDefaults::contains(SettingsKeys::LastBestPath));
 
     // A fresh one wins at once, is remembered, and then answers for any folder while it exists.
-    writeMarker(home, QStringLiteral("Dropbox/Projects/Vandrel"), 10, now);
+    writeMarker(home, QStringLiteral("Dropbox/Projects/Vandrel"), 2999, now);
     EXPECT_EQ(vd_FileUtils::dropBoxFolderVandrel(dropbox), dropbox + QStringLiteral("/Projects/Vandrel"));
     EXPECT_EQ(UserDefaults::stringValue(SettingsKeys::LastBestPath),
               dropbox + QStringLiteral("/Projects/Vandrel"));

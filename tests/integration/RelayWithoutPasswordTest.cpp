@@ -1,0 +1,337 @@
+#include "AgentWithSession.h"
+#include "common/TestPdf.h"
+#include "platform/FileSecretStore.h"
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
+#include "support/ls_Keychain.h"
+#include "utils/vd_FileUtils.h"
+#include "utils/vd_SimpleUtils.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QThread>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+QJsonObject request(std::initializer_list<std::pair<const char *, QJsonValue>> members)
+{
+    QJsonObject object;
+    for (const auto &[key, value] : members)
+        object.insert(QString::fromLatin1(key), value);
+    return object;
+}
+
+QStringList entries(const QString &folder)
+{
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+}
+
+int mode(const QString &path)
+{
+    struct stat info;
+    return ::lstat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
+}
+
+} // namespace
+
+// A relay that knows the computer id but not the password: the computer list marker opens nothing but the
+// computer list, and a clear member beside a genuine envelope steers nothing.
+TEST_F(AgentWithSession, TheComputerListMarkerOpensOnlyTheComputerList)
+{
+    const QString secret = home.writeFile(QStringLiteral("Documents/secret.txt"), "private");
+    const QString pdf = home.writeFile(QStringLiteral("Documents/page.pdf"), makePdf("page"));
+    const QString uploads = root + QStringLiteral("/uploads");
+    const QJsonValue open = QStringLiteral("root_folders");
+    EXPECT_TRUE(
+        unanswered(request({{"request_type", "preview"}, {"search_dir", open}, {"path", pdf + ".jpg"}})));
+    EXPECT_TRUE(unanswered(
+        request({{"request_type", "thumb"}, {"search_dir", open}, {"path", pdf + ".1.64.64.jpg"}})));
+    EXPECT_TRUE(unanswered(request({{"request_type", "info"}, {"search_dir", open}, {"path", secret}})));
+    EXPECT_TRUE(
+        unanswered(request({{"request_type", "copy_to_dropbox"}, {"search_dir", open}, {"path", secret}})));
+    EXPECT_TRUE(unanswered(request({{"request_type", "move_from_dropbox"},
+                                    {"search_dir", open},
+                                    {"path", secret},
+                                    {"dest_path", home.filePath(QStringLiteral("Moved"))}})));
+    // A thumbnail with a wrong hash is no different.
+    EXPECT_TRUE(unanswered(request({{"request_type", "thumb"},
+                                    {"path", pdf + ".1.64.64.jpg"},
+                                    {"pword_hash", vd_SimpleUtils::sha256Hex(computerId + "___guess")}})));
+    EXPECT_TRUE(QFile::exists(secret));
+    EXPECT_FALSE(QFile::exists(home.filePath(QStringLiteral("Moved/secret.txt"))));
+    EXPECT_FALSE(QFile::exists(vd_FileUtils::getFileByDatePath(uploads) + QStringLiteral("/secret.txt")));
+    // The computer list itself stays open.
+    const QJsonObject computer = ask(request({{"request_type", "search"}, {"search_dir", open}}), false);
+    EXPECT_EQ(computer.value(QStringLiteral("items")).toArray().size(), 1);
+
+    // A genuine encrypted copy; the relay adds clear copies of its parameters beside the ciphertext.
+    const QString elsewhere = home.filePath(QStringLiteral("Elsewhere"));
+    QDir().mkpath(elsewhere);
+    QJsonObject envelope = sealed(request({{"request_type", "copy_to_dropbox"}, {"path", secret}}), "copy");
+    envelope.insert(QStringLiteral("dest_path"), elsewhere);
+    envelope.insert(QStringLiteral("vandrel_folder"), elsewhere);
+    envelope.insert(QStringLiteral("lifetime"), 60);
+    relay.queueRequests(QJsonArray{envelope});
+    const std::optional<QByteArray> copied = openedResult(QStringLiteral("copy"));
+    ASSERT_TRUE(copied) << agent->log().toStdString();
+    const QJsonObject result = QJsonDocument::fromJson(*copied).object();
+    EXPECT_EQ(result.value(QStringLiteral("message")).toString(), QStringLiteral("Copied to Dropbox"));
+    EXPECT_TRUE(result.value(QStringLiteral("matching_path")).toString().startsWith(uploads + u'/'));
+    EXPECT_EQ(entries(elsewhere), QStringList());
+    // The caller's own clear keys are still echoed.
+    EXPECT_EQ(result.value(QStringLiteral("lifetime")).toInt(), 60);
+
+    // A search sealed in an envelope runs as a search and its answer is encrypted; so are a thumbnail's
+    // raw bytes, which travel alone.
+    relay.queueRequests(QJsonArray{
+        sealed(
+            request({{"request_type", "search"}, {"search_dir", home.filePath(QStringLiteral("Documents"))}}),
+            "list"),
+        sealed(request({{"request_type", "thumb"}, {"path", pdf + ".1.64.64.png"}}), "thumb")});
+    const std::optional<QByteArray> listed = openedResult(QStringLiteral("list"));
+    ASSERT_TRUE(listed);
+    EXPECT_TRUE(itemPaths(QJsonDocument::fromJson(*listed).object()).contains(secret));
+    const std::optional<QByteArray> thumb = openedResult(QStringLiteral("thumb"));
+    ASSERT_TRUE(thumb);
+    EXPECT_TRUE(thumb->startsWith("\x89PNG")) << thumb->left(16).toHex().toStdString();
+    // Nothing of the decrypted requests reaches the log, paths included.
+    EXPECT_FALSE(agent->log().contains(pdf));
+}
+
+// move_from_dropbox judges where its source really is.
+TEST_F(AgentWithSession, MovesTakeNothingFromOutsideTheDropboxFolder)
+{
+    const QString dropbox = home.filePath(QStringLiteral("Dropbox"));
+    const QString secret = home.writeFile(QStringLiteral("Documents/secret.txt"), "private");
+    const QString archived = home.writeFile(QStringLiteral("Dropbox-archive/old.txt"), "old");
+    QDir().mkpath(root + QStringLiteral("/uploads"));
+    QFile::link(secret, root + QStringLiteral("/uploads/link.txt"));
+    const QString destination = home.filePath(QStringLiteral("Moved"));
+    QDir().mkpath(destination);
+    for (const QString &source :
+         {dropbox + QStringLiteral("/Apps/vandrel/uploads/../../../../Documents/secret.txt"),
+          dropbox + QStringLiteral("/../Documents/secret.txt"), archived,
+          root + QStringLiteral("/uploads/link.txt")}) {
+        const QJsonObject refused = ask(
+            request({{"request_type", "move_from_dropbox"}, {"path", source}, {"dest_path", destination}}));
+        EXPECT_EQ(refused.value(QStringLiteral("error")).toString(),
+                  source + QStringLiteral(" is not in your Dropbox folder"))
+            << source.toStdString();
+    }
+    EXPECT_TRUE(QFile::exists(secret));
+    EXPECT_TRUE(QFile::exists(archived));
+    EXPECT_EQ(entries(destination), QStringList());
+
+    // An item truly inside still moves, however its path is spelled.
+    home.writeFile(QStringLiteral("Dropbox/Notes/keep.txt"), "mine");
+    QDir().mkpath(dropbox + QStringLiteral("/Photos"));
+    const QJsonObject moved = ask(request({{"request_type", "move_from_dropbox"},
+                                           {"path", dropbox + QStringLiteral("/Photos/../Notes/keep.txt")},
+                                           {"dest_path", destination}}));
+    EXPECT_EQ(moved.value(QStringLiteral("message")).toString(), QStringLiteral("Moved out of Dropbox"));
+    EXPECT_EQ(entries(destination), QStringList{QStringLiteral("keep.txt")});
+}
+
+namespace {
+
+// The password store cannot be read: a keychain file others may read, later one that is damaged.
+class AgentWithUnreadablePassword : public AgentWithSession
+{
+protected:
+    void prepareHome() override
+    {
+        ::chmod(QFile::encodeName(FileSecretStore::defaultPath()).constData(), 0644);
+    }
+};
+
+} // namespace
+
+TEST_F(AgentWithUnreadablePassword, KeepsTheComputerClosed)
+{
+    const QString emptyHash = vd_SimpleUtils::sha256Hex(computerId + QStringLiteral("___"));
+    const QString folder = home.filePath(QStringLiteral("Documents"));
+    QDir().mkpath(folder);
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        const QJsonObject refused = ask(
+            request({{"request_type", "search"}, {"search_dir", folder}, {"pword_hash", emptyHash}}), false);
+        EXPECT_EQ(refused.value(QStringLiteral("auth_error")).toString(),
+                  QStringLiteral("auth_pword_failed"));
+    }
+    EXPECT_TRUE(unanswered(request({{"request_type", "info"}, {"path", folder}, {"pword_hash", emptyHash}})));
+    EXPECT_EQ(ask(request({{"request_type", "search"}, {"search_dir", folder}}))
+                  .value(QStringLiteral("auth_error")),
+              QStringLiteral("auth_pword_failed"));
+    // The computer list tells the WebApp a password is needed.
+    const QJsonObject computer =
+        ask(request({{"request_type", "search"}, {"search_dir", "root_folders"}}), false);
+    EXPECT_EQ(computer.value(QStringLiteral("items")).toArray().first()[QStringLiteral("pword_required")],
+              QJsonValue(true));
+    EXPECT_EQ(agent->log().count(QStringLiteral("the computer password cannot be read")), 1)
+        << agent->log().toStdString();
+
+    // Damaged instead: still closed. Repaired: open with the real password, and the log says so.
+    QFile::remove(FileSecretStore::defaultPath());
+    home.writeFile(QStringLiteral(".local/share/vandrel/keychain.json"), "{\"cut off");
+    ::chmod(QFile::encodeName(FileSecretStore::defaultPath()).constData(), 0600);
+    EXPECT_EQ(
+        ask(request({{"request_type", "search"}, {"search_dir", folder}, {"pword_hash", emptyHash}}), false)
+            .value(QStringLiteral("auth_error")),
+        QStringLiteral("auth_pword_failed"));
+    QFile::remove(FileSecretStore::defaultPath());
+    ls_Keychain::setString(QStringLiteral("pw"), vd_FileUtils::keyForComputerPassword());
+    EXPECT_FALSE(ask(request({{"request_type", "search"}, {"search_dir", folder}}))
+                     .contains(QStringLiteral("auth_error")));
+    EXPECT_TRUE(agent->log().contains(QStringLiteral("the computer password can be read again")));
+}
+
+namespace {
+
+// The password went into the Secret Service on an earlier launch; on this one no Secret Service answers,
+// while an older password still sits in the file store.
+class AgentWhoseSecretServiceIsGone : public AgentWithSession
+{
+protected:
+    void prepareHome() override
+    {
+        UserDefaults::setValue(SettingsKeys::SecretStoreKind, QStringLiteral("secret-service"));
+        qunsetenv("VANDREL_KEYCHAIN");
+        m_bus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
+        qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + QFile::encodeName(home.filePath("no-bus")));
+    }
+    void TearDown() override
+    {
+        AgentWithSession::TearDown();
+        qputenv("DBUS_SESSION_BUS_ADDRESS", m_bus);
+    }
+    QByteArray m_bus;
+};
+
+} // namespace
+
+TEST_F(AgentWhoseSecretServiceIsGone, NeitherFallsBackToTheFileNorOpens)
+{
+    const QString folder = home.filePath(QStringLiteral("Documents"));
+    QDir().mkpath(folder);
+    EXPECT_EQ(ask(request({{"request_type", "search"}, {"search_dir", folder}}))
+                  .value(QStringLiteral("auth_error")),
+              QStringLiteral("auth_pword_failed"));
+    const QString emptyHash = vd_SimpleUtils::sha256Hex(computerId + QStringLiteral("___"));
+    EXPECT_EQ(
+        ask(request({{"request_type", "search"}, {"search_dir", folder}, {"pword_hash", emptyHash}}), false)
+            .value(QStringLiteral("auth_error")),
+        QStringLiteral("auth_pword_failed"));
+
+    QProcess status;
+    status.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("password"), QStringLiteral("status")});
+    ASSERT_TRUE(status.waitForFinished(30000));
+    EXPECT_TRUE(status.readAllStandardOutput().startsWith(
+        "The computer password cannot be read from the Secret Service"));
+
+    // Setting the password again is what moves it: here into the file, and later launches read it there.
+    qputenv("VANDREL_KEYCHAIN", "file");
+    QProcess set;
+    set.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("password"), QStringLiteral("set")});
+    set.write("new one\n");
+    set.closeWriteChannel();
+    ASSERT_TRUE(set.waitForFinished(30000));
+    qunsetenv("VANDREL_KEYCHAIN");
+    EXPECT_EQ(UserDefaults::stringValue(SettingsKeys::SecretStoreKind), QStringLiteral("file"));
+    status.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("password"), QStringLiteral("status")});
+    ASSERT_TRUE(status.waitForFinished(30000));
+    EXPECT_TRUE(status.readAllStandardOutput().startsWith("A computer password is set in the file"));
+}
+
+namespace {
+
+// Links planted in the cloud folder for the agent's own folders, pointing at a folder outside it.
+class AgentWithPlantedLinks : public AgentWithSession
+{
+protected:
+    void prepareHome() override
+    {
+        elsewhere = home.filePath(QStringLiteral("Elsewhere"));
+        home.writeFile(QStringLiteral("Elsewhere/computers/OLD.json"), "{\"last_updated\": 1000}");
+        home.writeFile(QStringLiteral("Elsewhere/computers/") + QString(70, u'x') + QStringLiteral(".json"),
+                       "{}");
+        home.writeFile(QStringLiteral("Elsewhere/sessions/stale.json"), "{\"date\": 0}");
+        home.writeFile(QStringLiteral("Elsewhere/sessions/fresh.json"),
+                       QStringLiteral("{\"date\": %1}")
+                           .arg(vd_FileUtils::JSONDate(QDateTime::currentDateTimeUtc()), 0, 'f', 3)
+                           .toUtf8());
+        QDir().mkpath(elsewhere + QStringLiteral("/uploads"));
+        QFile::link(elsewhere + QStringLiteral("/computers"),
+                    root + QStringLiteral("/data.vdldata/computers"));
+        QFile::link(elsewhere + QStringLiteral("/uploads"), root + QStringLiteral("/uploads"));
+        const QString drive = home.filePath(QStringLiteral("GDrive/Apps/vandrel/data.vdldata"));
+        QDir().mkpath(drive);
+        QFile::link(elsewhere + QStringLiteral("/sessions"), drive + QStringLiteral("/sessions"));
+        before = entries(elsewhere + QStringLiteral("/computers")) +
+                 entries(elsewhere + QStringLiteral("/sessions"));
+    }
+    QString elsewhere;
+    QStringList before;
+};
+
+} // namespace
+
+TEST_F(AgentWithPlantedLinks, LeadNowhere)
+{
+    const QString source = home.writeFile(QStringLiteral("Documents/a.txt"), "a");
+    const QJsonObject copy = ask(request({{"request_type", "copy_to_dropbox"}, {"path", source}}));
+    EXPECT_TRUE(copy.contains(QStringLiteral("error"))) << QJsonDocument(copy).toJson().toStdString();
+    EXPECT_EQ(entries(elsewhere + QStringLiteral("/uploads")), QStringList());
+    EXPECT_EQ(entries(elsewhere + QStringLiteral("/computers")) +
+                  entries(elsewhere + QStringLiteral("/sessions")),
+              before);
+    EXPECT_TRUE(QFileInfo(root + QStringLiteral("/uploads")).isSymLink());
+    // A session reached through a link is no session: nothing polls for it.
+    for (const FakeRelay::Poll &poll : relay.polls())
+        EXPECT_FALSE(poll.sessions.contains(QStringLiteral("fresh")));
+    EXPECT_TRUE(agent->log().contains(QStringLiteral("refusing ") + root + QStringLiteral("/uploads")))
+        << agent->log().toStdString();
+}
+
+// A relay that answers every poll with a thousand wrong-hash searches costs the agent bounded memory and a
+// bounded stream of answers, and an honest request afterwards is answered as usual.
+TEST_F(AgentWithSession, AWrongHashFloodIsBounded)
+{
+    QByteArray flood = "{\"requests\":[";
+    for (int i = 0; i < 1000; ++i)
+        flood += (i ? "," : "") +
+                 QByteArray(R"({"request_type":"search","os_session":"web","search_dir":"/",)") +
+                 R"("pword_hash":")" + QByteArray(64, '0') + "\"}";
+    flood += "]}";
+    const qint64 baseline = agent->residentKb();
+    relay.setMisbehaviour(TestHttpServer::Reply::json(200, flood));
+    const qsizetype start = relay.polls().size();
+    QThread::sleep(6);
+    const qsizetype posts = relay.polls().size() - start;
+    EXPECT_TRUE(agent->running());
+    EXPECT_LT(agent->residentKb() - baseline, 60 * 1024) << "memory grew under the flood";
+    EXPECT_LT(posts, 6 * 40) << "every refusal was answered at once";
+    relay.setMisbehaviour(std::nullopt);
+    EXPECT_FALSE(ask(request({{"request_type", "search"}, {"search_dir", "root_folders"}}))
+                     .contains(QStringLiteral("missing")));
+}
+
+// The index of the user's file names and words, and the settings that name folders, are the user's alone.
+TEST_F(AgentWithSession, TheIndexIsPrivate)
+{
+    const QString index = home.filePath(QStringLiteral(".cache/vandrel/index.db"));
+    home.writeFile(QStringLiteral("Notes/budget.txt"), "words");
+    for (int i = 0; i < 100 && !QFile::exists(index + QStringLiteral("-wal")); ++i)
+        QThread::msleep(100);
+    EXPECT_EQ(mode(QFileInfo(index).path()), 0700);
+    EXPECT_EQ(mode(index), 0600);
+    EXPECT_EQ(mode(index + QStringLiteral("-wal")), 0600);
+    EXPECT_EQ(mode(home.filePath(QStringLiteral(".config/vandrel/vandrel.conf"))), 0600);
+}
