@@ -1,21 +1,13 @@
 #include "AgentWithSession.h"
-#include "common/TestPdf.h"
 #include "support/Encodings.h"
-#include "support/ls_Keychain.h"
-#include "utils/vd_FileUtils.h"
-#include "utils/vd_SimpleUtils.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <vips/vips8>
-
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -200,39 +192,6 @@ TEST_F(AgentWithSession, ThumbnailsAndPreviews)
     const QJsonObject computer = ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
                                       {QStringLiteral("path"), QStringLiteral(".0.64.64.png")}});
     EXPECT_EQ(picture(computer, "thumb").width(), 64);
-    const QString broken = home.writeFile(QStringLiteral("broken.jpg"),
-                                          QByteArray("\xff\xd8\xff\xe0", 4) + QByteArray(500, 'x'));
-    const QJsonObject icon = ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
-                                  {QStringLiteral("path"), broken + QStringLiteral(".1.64.64.jpg")}});
-    EXPECT_EQ(picture(icon, "thumb").width(), 64);
-
-    const QString pdf = home.writeFile(QStringLiteral("Documents/page.pdf"), makePdf("page"));
-    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
-                           {QStringLiteral("path"), pdf + QStringLiteral(".5.128.128.jpg")}}),
-                      "thumb")
-                  .height(),
-              128);
-
-    // A PNG with transparency asked as PNG keeps it; the root folder and an unknown type get icons.
-    const QString png = home.filePath(QStringLiteral("Pictures/logo.png"));
-    vips::VImage::black(300, 200, vips::VImage::option()->set("bands", 4))
-        .pngsave(QFile::encodeName(png).constData());
-    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
-                           {QStringLiteral("path"), png + QStringLiteral(".5.64.64.png")}}),
-                      "thumb")
-                  .bands(),
-              4);
-    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
-                           {QStringLiteral("path"), QStringLiteral("/.1384567890.64.64.png")}}),
-                      "thumb")
-                  .width(),
-              64);
-    const QString odd = home.writeFile(QStringLiteral("data.qqq"), "\x01\x02");
-    EXPECT_EQ(picture(ask({{QStringLiteral("request_type"), QStringLiteral("thumb")},
-                           {QStringLiteral("path"), odd + QStringLiteral(".5.48.48.jpg")}}),
-                      "thumb")
-                  .width(),
-              48);
 
     // 400 megapixels in a small file: answered with an icon, and the agent's memory stays bounded.
     const QString bomb = home.filePath(QStringLiteral("bomb.png"));

@@ -86,8 +86,4 @@ TEST(FSNCategories, DataParts)
     EXPECT_FALSE(part->mimeTypeString());
     EXPECT_FALSE(FSNData::withDataPath(dir.filePath(QStringLiteral("missing"))));
     EXPECT_FALSE(FSNData::withDataPath(dir.path()));
-
-    EXPECT_EQ(FSNData({}, FSNData::MimeTypeJSON).mimeTypeString(), QStringLiteral("application/json"));
-    EXPECT_EQ(FSNData({}, FSNData::MimeTypeJPEG).mimeTypeString(), QStringLiteral("image/jpeg"));
-    EXPECT_FALSE(FSNData({}, static_cast<FSNData::MimeType>(7)).mimeTypeString());
 }
