@@ -55,7 +55,12 @@ private:
     qint64 m_dropped = 0;                                                                // guarded by m_lock
 };
 
-RefusalBudget s_refusals;
+// Never destroyed: operations may still be finishing while the process's statics go away.
+RefusalBudget &refusals()
+{
+    static auto *budget = new RefusalBudget;
+    return *budget;
+}
 
 std::mutex s_handlersLock;
 std::array<vd_Searcher::Handler, 6> s_handlers; // guarded by s_handlersLock
@@ -211,7 +216,7 @@ void vd_Searcher::handleRequestIfWrongPassword(const QString &storageRoot)
     const QJsonValue type = request->value(QStringLiteral("request_type"));
     if (type != QStringLiteral("search") && type != QStringLiteral("encrypted"))
         return;
-    if (!s_refusals.take())
+    if (!refusals().take())
         return;
     request->insert(QStringLiteral("auth_error"), QStringLiteral("auth_pword_failed"));
     setTheRequest(request);

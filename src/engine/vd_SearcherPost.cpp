@@ -18,31 +18,43 @@ namespace {
 
 constexpr int kMaxPostsInFlight = 6;
 
-std::mutex s_slotsLock;
-std::condition_variable s_slotFreed;
-int s_postsInFlight = 0; // guarded by s_slotsLock
+struct PostSlots
+{
+    std::mutex lock;
+    std::condition_variable freed;
+    int inFlight = 0; // guarded by lock
+};
+
+// Never destroyed: a connection may let go of its slot while the process's statics go away.
+PostSlots &postSlots()
+{
+    static auto *slots = new PostSlots;
+    return *slots;
+}
 
 // Holds one post slot; the slot is freed when the connection lets go of its completion, however it ended.
 struct PostSlot
 {
     ~PostSlot()
     {
+        PostSlots &slots = postSlots();
         {
-            const std::lock_guard lock(s_slotsLock);
-            --s_postsInFlight;
+            const std::lock_guard lock(slots.lock);
+            --slots.inFlight;
         }
-        s_slotFreed.notify_one();
+        slots.freed.notify_one();
     }
 };
 
 // A slot for a new post, or none: a poll does not wait, a result waits up to the deadline.
 std::shared_ptr<PostSlot> takePostSlot(bool wait, std::chrono::milliseconds deadline)
 {
-    std::unique_lock lock(s_slotsLock);
-    if (s_postsInFlight >= kMaxPostsInFlight &&
-        (!wait || !s_slotFreed.wait_for(lock, deadline, [] { return s_postsInFlight < kMaxPostsInFlight; })))
+    PostSlots &slots = postSlots();
+    std::unique_lock lock(slots.lock);
+    const auto hasFreeSlot = [&slots] { return slots.inFlight < kMaxPostsInFlight; };
+    if (!hasFreeSlot() && (!wait || !slots.freed.wait_for(lock, deadline, hasFreeSlot)))
         return nullptr;
-    ++s_postsInFlight;
+    ++slots.inFlight;
     return std::make_shared<PostSlot>();
 }
 
