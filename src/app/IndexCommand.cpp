@@ -26,6 +26,15 @@ QString megabytes(qint64 bytes)
     return QString::number(double(bytes) / (1024.0 * 1024.0), 'f', 1) + QStringLiteral(" MB");
 }
 
+QString duration(qint64 seconds)
+{
+    if (seconds < 90)
+        return QStringLiteral("%1 s").arg(seconds);
+    if (seconds < 90 * 60)
+        return QStringLiteral("%1 min").arg((seconds + 30) / 60);
+    return QStringLiteral("%1 h %2 min").arg(seconds / 3600).arg(seconds % 3600 / 60);
+}
+
 int usage()
 {
     err() << "usage: vandrel index status|rebuild|query TEXT [--scope DIR] [--limit N]\n";
@@ -50,6 +59,7 @@ int status(const MetadataConfig &config)
           << "\n";
     if (s.crawling)
         out() << "crawl:          running, " << s.crawlPercent << "%\n";
+    out() << "indexing:       " << indexProgressText(s) << "\n";
     return 0;
 }
 
@@ -107,6 +117,24 @@ int query(const MetadataConfig &config, const QStringList &args)
 }
 
 } // namespace
+
+QString indexProgressText(const MetadataIndexStatus &s)
+{
+    if (!s.crawling && s.contentsWaiting == 0)
+        return QStringLiteral("done (%1 folders and %2 files, contents of %3 files read)")
+            .arg(s.folders)
+            .arg(s.files)
+            .arg(s.textDocuments);
+    QString text = QStringLiteral("%1 folders and %2 files read").arg(s.foldersRead).arg(s.filesRead);
+    if (s.crawling)
+        text += QStringLiteral(", %1 folders waiting").arg(s.foldersWaiting);
+    text +=
+        QStringLiteral("; contents of %1 files read, %2 waiting").arg(s.contentsRead).arg(s.contentsWaiting);
+    if (s.secondsLeft >= 0)
+        text += s.crawling ? QStringLiteral("; the names take at least %1 more").arg(duration(s.secondsLeft))
+                           : QStringLiteral("; about %1 left").arg(duration(s.secondsLeft));
+    return text;
+}
 
 MetadataConfig indexConfigFromSettings()
 {

@@ -1,5 +1,6 @@
 #include "app/StatusCommand.h"
 
+#include "app/IndexCommand.h"
 #include "engine/vd_Searcher.h"
 #include "support/ls_Keychain.h"
 #include "utils/vd_FileUtils.h"
@@ -21,6 +22,12 @@ int runStatusCommand(const QStringList &args)
     out << "Computer name:   " << vd_SimpleUtils::computerName() << "\n"
         << "Computer id:     " << computerId << "\n"
         << "Password:        " << (password ? "set" : "not set") << "\n";
+    const MetadataConfig config = indexConfigFromSettings();
+    // Reading the status must not make a store where the agent never made one.
+    if (QFileInfo::exists(config.storePath))
+        out << "Index:           " << indexProgressText(MetadataIndex(config).status()) << "\n";
+    else
+        out << "Index:           not made yet\n";
 
     const QStringList roots = vd_FileUtils::storageFoldersDropBoxGDriveEtc();
     if (roots.isEmpty()) {
