@@ -120,20 +120,30 @@ int query(const MetadataConfig &config, const QStringList &args)
 
 QString indexProgressText(const MetadataIndexStatus &s)
 {
-    if (!s.crawling && s.contentsWaiting == 0)
-        return QStringLiteral("done (%1 folders and %2 files, contents of %3 files read)")
+    const auto left = [&](const char *format) {
+        return s.secondsLeft > 0 ? QString::fromLatin1(format).arg(duration(s.secondsLeft)) : QString();
+    };
+    if (s.crawling)
+        return QStringLiteral(
+                   "reading names: %1 folders and %2 files read, %3 folders waiting%4; contents next")
+            .arg(s.foldersRead)
+            .arg(s.filesRead)
+            .arg(s.foldersWaiting)
+            .arg(left(" (at least %1 more)"));
+    if (s.contentsWaiting > 0)
+        return QStringLiteral(
+                   "names done (%1 folders, %2 files); reading contents: %3 files read, %4 waiting%5")
             .arg(s.folders)
             .arg(s.files)
-            .arg(s.textDocuments);
-    QString text = QStringLiteral("%1 folders and %2 files read").arg(s.foldersRead).arg(s.filesRead);
-    if (s.crawling)
-        text += QStringLiteral(", %1 folders waiting").arg(s.foldersWaiting);
-    text +=
-        QStringLiteral("; contents of %1 files read, %2 waiting").arg(s.contentsRead).arg(s.contentsWaiting);
-    if (s.secondsLeft >= 0)
-        text += s.crawling ? QStringLiteral("; the names take at least %1 more").arg(duration(s.secondsLeft))
-                           : QStringLiteral("; about %1 left").arg(duration(s.secondsLeft));
-    return text;
+            .arg(s.contentsRead)
+            .arg(s.contentsWaiting)
+            .arg(left(", about %1 left"));
+    if (s.files == 0 && s.folders == 0)
+        return QStringLiteral("nothing indexed yet");
+    return QStringLiteral("done (%1 folders, %2 files, text of %3 files)")
+        .arg(s.folders)
+        .arg(s.files)
+        .arg(s.textDocuments);
 }
 
 MetadataConfig indexConfigFromSettings()

@@ -380,6 +380,13 @@ void Indexer::crawl(std::vector<Pending> pending)
             m_percent = int(m_foldersDone * 100 / (m_foldersDone + pending.size()));
             m_store->setMeta(QStringLiteral("crawl_progress"), QString::number(m_percent.load()));
             reportProgress(false);
+            // A first crawl shows what it has read so far, rebuilt each time that doubles: names are
+            // searchable long before a large tree is read, at twice the cost of one build in all.
+            constexpr std::size_t kFirstShown = 4096;
+            if (m_bulk && m_bulkRecords.size() >= std::max(kFirstShown, 2 * m_bulkShown)) {
+                m_table.replaceAll(m_bulkRecords);
+                m_bulkShown = m_bulkRecords.size();
+            }
         }
     }
     m_foldersWaiting = 0;
@@ -409,6 +416,9 @@ void Indexer::reportProgress(bool now)
                                {QStringLiteral("seconds_left"), qint64(secondsLeft)}};
     m_store->setMeta(QStringLiteral("progress"),
                      QString::fromUtf8(QJsonDocument(progress).toJson(QJsonDocument::Compact)));
+    // Other processes (`vandrel status`) see only what is committed.
+    m_store->commit();
+    m_store->begin();
     const bool working = m_crawling || m_extractWaiting > 0;
     if (working && clock - m_progressLogged >= minutes(1)) {
         m_progressLogged = clock;

@@ -93,6 +93,7 @@ private:
     std::atomic<bool> m_needCatchUp{false};
     bool m_bulk = false; // first crawl: records gather in m_bulkRecords
     std::vector<FileRecord> m_bulkRecords;
+    std::size_t m_bulkShown = 0; // of m_bulkRecords, how many the table holds
     std::size_t m_uncommitted = 0;
     std::size_t m_foldersDone = 0;
     std::uint32_t m_extractCursor = 0; // extraction walks the files by id, a pass at a time

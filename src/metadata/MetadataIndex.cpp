@@ -279,6 +279,7 @@ MetadataIndexStatus MetadataIndex::status() const
         status.contentsRead = work.value(QStringLiteral("contents")).toInteger();
         status.contentsWaiting = work.value(QStringLiteral("contents_waiting")).toInteger();
         status.secondsLeft = work.value(QStringLiteral("seconds_left")).toInteger(-1);
+        status.crawling = status.crawling || work.value(QStringLiteral("crawling")).toBool();
         const QString progress = d->reader->meta(QStringLiteral("crawl_progress"));
         if (!status.crawling && !progress.isEmpty() && progress != u"100") {
             status.crawling = true; // another process is crawling
