@@ -18,6 +18,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QProcess>
@@ -400,6 +401,25 @@ int main(int argc, char **argv)
         out.flush();
     }
     out << "load after the queries: " << loadAverage() << "\n";
+
+    // A change the user makes now: how soon its name and its content are found.
+    const QString fresh = tree + QStringLiteral("/fresh-%1.txt").arg(QDateTime::currentMSecsSinceEpoch());
+    QElapsedTimer sinceWrite;
+    sinceWrite.start();
+    writeFile(fresh, "minutes of the zanzibarine meeting\n");
+    const QJsonObject freshName{{QStringLiteral("name_search"), QFileInfo(fresh).fileName()}};
+    const QJsonObject freshWord{{QStringLiteral("search_string"), QStringLiteral("zanzibarine")}};
+    double freshNameAt = -1, freshContentAt = -1;
+    while (sinceWrite.elapsed() < 120000 && (freshNameAt < 0 || freshContentAt < 0)) {
+        if (freshNameAt < 0 && count(ask(freshName)) > 0)
+            freshNameAt = sinceWrite.elapsed() / 1000.0;
+        if (freshContentAt < 0 && count(ask(freshWord)) > 0)
+            freshContentAt = sinceWrite.elapsed() / 1000.0;
+    }
+    QFile::remove(fresh);
+    out << "a text file written now: name found after " << freshNameAt << " s, content after "
+        << freshContentAt << " s (load " << loadAverage() << ")\n";
+    out.flush();
 
     if (idleSeconds > 0) {
         // No session: the agent only looks for one now and then, and the index only waits for changes.

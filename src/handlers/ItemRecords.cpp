@@ -49,7 +49,7 @@ bool hasBundleName(const QString &path)
     });
 }
 
-// A folder known to be one: is it a package the WebApp shows as a single item?
+// For a path known to be a folder: is it a package, which the WebApp shows as a single item?
 bool isPackageFolder(const QString &path)
 {
     if (!hasBundleName(path))
