@@ -3,7 +3,10 @@
 // the post with its result. Beside it, plocate on the same tree (updatedb once, then one run per query).
 // Also: how long after start the tree's names and contents are searchable, and, with --idle, what the
 // agent costs with no session once its first crawl is done.
-// Usage: bench_search [--files N] [--dir DIR] [--rounds R] [--idle SECONDS] [--agent BINARY] [--no-plocate]
+// Usage: bench_search [--files N] [--dir DIR] [--rounds R] [--scope tree|computer] [--idle SECONDS]
+//                     [--agent BINARY] [--no-plocate]
+// The searches look below the tree's folder, or with --scope computer through the whole computer (the
+// WebApp's search at its top level), whose answer carries the sub-folders of "/" instead of the tree's.
 // The tree is made once per size under DIR (default /tmp/vandrel-search-bench) and reused.
 #include "common/Envelope.h"
 #include "common/TestHttpServer.h"
@@ -220,6 +223,7 @@ int main(int argc, char **argv)
     int rounds = 5;
     int idleSeconds = 0;
     bool peers = true;
+    bool wholeComputer = false;
     QString binary = QStringLiteral(VANDREL_BINARY);
     const QStringList args = app.arguments();
     for (qsizetype i = 1; i < args.size(); ++i) {
@@ -233,6 +237,8 @@ int main(int argc, char **argv)
             idleSeconds = std::max(0, args[++i].toInt());
         else if (args[i] == u"--agent" && i + 1 < args.size())
             binary = args[++i];
+        else if (args[i] == u"--scope" && i + 1 < args.size())
+            wholeComputer = args[++i] == u"computer";
         else if (args[i] == u"--no-plocate")
             peers = false;
     }
@@ -289,7 +295,7 @@ int main(int argc, char **argv)
         request.insert(QStringLiteral("request_type"), QStringLiteral("search"));
         request.insert(QStringLiteral("os_session"), QStringLiteral("web"));
         request.insert(QStringLiteral("pword_hash"), hash);
-        request.insert(QStringLiteral("search_dir"), tree);
+        request.insert(QStringLiteral("search_dir"), wholeComputer ? QString() : tree);
         return relay.ask(request, std::chrono::seconds(60));
     };
     const auto count = [](const Relay::Answer &answer) {
@@ -309,6 +315,20 @@ int main(int argc, char **argv)
             QThread::msleep(500);
     }
     out << "names searchable " << namesAt << " s after start, content " << contentAt << " s after start\n";
+    out.flush();
+    // The figures below are for an agent whose first indexing is over, as `vandrel status` tells.
+    QString indexLine;
+    while (sinceStart.elapsed() < 3600 * 1000) {
+        QProcess status;
+        status.start(binary, {QStringLiteral("status")});
+        status.waitForFinished(60000);
+        const QStringList lines = QString::fromUtf8(status.readAllStandardOutput()).split(u'\n');
+        indexLine = lines.filter(QStringLiteral("Index:")).value(0).simplified();
+        if (indexLine.startsWith(QStringLiteral("Index: done")))
+            break;
+        QThread::sleep(2);
+    }
+    out << "first indexing over " << sinceStart.elapsed() / 1000.0 << " s after start: " << indexLine << "\n";
     out.flush();
 
     struct QueryClass

@@ -11,6 +11,8 @@
 #include <QFileInfo>
 #include <QLocale>
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -252,12 +254,28 @@ QStringList ItemRecords::getSubFolders(const QString &folder)
 {
     const QString base = folder.isEmpty() ? QStringLiteral("/") : folder;
     QStringList folders;
-    const QFileInfoList children =
-        QDir(base).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks, QDir::Unsorted);
-    for (const QFileInfo &child : children) {
-        if (!isPackageFolder(child.filePath()))
-            folders << child.filePath();
+    // Every search answer carries this list: the entry types readdir gives spare a stat per child, which
+    // in a folder of thousands is most of the cost.
+    DIR *dir = opendir(QFile::encodeName(base).constData());
+    if (!dir)
+        return folders;
+    const QString prefix = base.endsWith(u'/') ? base : base + u'/';
+    while (const dirent *entry = readdir(dir)) {
+        if (entry->d_name[0] == '.')
+            continue; // hidden, and "." and ".."
+        bool isFolder = entry->d_type == DT_DIR;
+        if (entry->d_type == DT_UNKNOWN) {
+            struct stat info;
+            isFolder =
+                fstatat(dirfd(dir), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
+        }
+        if (!isFolder)
+            continue;
+        const QString path = prefix + QFile::decodeName(entry->d_name);
+        if (!isPackageFolder(path))
+            folders << path;
     }
+    closedir(dir);
     return folders;
 }
 

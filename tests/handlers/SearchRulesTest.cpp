@@ -118,6 +118,8 @@ TEST(SearchRules, SearchPagesBundlesAndCaches)
     QDir(home.path()).mkpath(QStringLiteral("Apps/Tool.app/Contents"));
     QDir(home.path()).mkpath(QStringLiteral("Apps/Shots.aplibrary"));
     home.writeFile(QStringLiteral("Apps/readme.app"), "a file, not a bundle");
+    QDir(home.path()).mkpath(QStringLiteral("Apps/.hidden"));
+    QFile::link(home.filePath(QStringLiteral("Many")), home.filePath(QStringLiteral("Apps/linked")));
     home.writeFile(QStringLiteral("Library/Caches/cachedpage.txt"), "x");
     MetadataConfig config;
     config.roots = {home.path()};
@@ -182,5 +184,6 @@ TEST(SearchRules, SearchPagesBundlesAndCaches)
     EXPECT_FALSE(ItemRecords::isSealedPackage(home.filePath(QStringLiteral("Apps/readme.app"))));
     EXPECT_EQ(ItemRecords::getSubFolders(home.filePath(QStringLiteral("Apps"))),
               QStringList{home.filePath(QStringLiteral("Apps/Shots.aplibrary"))});
+    EXPECT_TRUE(ItemRecords::getSubFolders(home.filePath(QStringLiteral("missing"))).isEmpty());
     SearchIndex::setCurrent(nullptr);
 }
