@@ -230,7 +230,7 @@ int main(int argc, char **argv)
     config.roots = {QString::fromStdString(treeDir)};
     config.storePath = store;
     config.extract = false;
-    config.idlePriority = false;
+    config.lowPriority = false;
     const long rssBefore = peakRssKb();
     timer.restart();
     auto names = std::make_unique<MetadataIndex>(config);

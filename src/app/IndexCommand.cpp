@@ -26,6 +26,15 @@ QString megabytes(qint64 bytes)
     return QString::number(double(bytes) / (1024.0 * 1024.0), 'f', 1) + QStringLiteral(" MB");
 }
 
+QString duration(qint64 seconds)
+{
+    if (seconds < 90)
+        return QStringLiteral("%1 s").arg(seconds);
+    if (seconds < 90 * 60)
+        return QStringLiteral("%1 min").arg((seconds + 30) / 60);
+    return QStringLiteral("%1 h %2 min").arg(seconds / 3600).arg(seconds % 3600 / 60);
+}
+
 int usage()
 {
     err() << "usage: vandrel index status|rebuild|query TEXT [--scope DIR] [--limit N]\n";
@@ -50,6 +59,7 @@ int status(const MetadataConfig &config)
           << "\n";
     if (s.crawling)
         out() << "crawl:          running, " << s.crawlPercent << "%\n";
+    out() << "indexing:       " << indexProgressText(s) << "\n";
     return 0;
 }
 
@@ -107,6 +117,34 @@ int query(const MetadataConfig &config, const QStringList &args)
 }
 
 } // namespace
+
+QString indexProgressText(const MetadataIndexStatus &s)
+{
+    const auto left = [&](const char *format) {
+        return s.secondsLeft > 0 ? QString::fromLatin1(format).arg(duration(s.secondsLeft)) : QString();
+    };
+    if (s.crawling)
+        return QStringLiteral(
+                   "reading names: %1 folders and %2 files read, %3 folders waiting%4; contents next")
+            .arg(s.foldersRead)
+            .arg(s.filesRead)
+            .arg(s.foldersWaiting)
+            .arg(left(" (at least %1 more)"));
+    if (s.contentsWaiting > 0)
+        return QStringLiteral(
+                   "names done (%1 folders, %2 files); reading contents: %3 files read, %4 waiting%5")
+            .arg(s.folders)
+            .arg(s.files)
+            .arg(s.contentsRead)
+            .arg(s.contentsWaiting)
+            .arg(left(", about %1 left"));
+    if (s.files == 0 && s.folders == 0)
+        return QStringLiteral("nothing indexed yet");
+    return QStringLiteral("done (%1 folders, %2 files, text of %3 files)")
+        .arg(s.folders)
+        .arg(s.files)
+        .arg(s.textDocuments);
+}
 
 MetadataConfig indexConfigFromSettings()
 {

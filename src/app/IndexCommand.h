@@ -1,6 +1,7 @@
 #pragma once
 
 #include "metadata/MetadataConfig.h"
+#include "metadata/MetadataIndex.h"
 
 #include <QStringList>
 
@@ -9,5 +10,8 @@
 int runIndexCommand(const QStringList &args);
 
 // The index configuration from the settings "IndexedRoots" and "IndexExcludes" (defaults: the home folder
-// and the local volumes, no extra excludes).
+// and the volumes the user mounted, no extra excludes).
 MetadataConfig indexConfigFromSettings();
+
+// One line on the indexing: "done (...)" or what is read, what waits and an estimate.
+QString indexProgressText(const MetadataIndexStatus &status);

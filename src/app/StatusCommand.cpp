@@ -1,5 +1,6 @@
 #include "app/StatusCommand.h"
 
+#include "app/IndexCommand.h"
 #include "engine/vd_Searcher.h"
 #include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
@@ -23,6 +24,12 @@ int runStatusCommand(const QStringList &args)
             : *password ? "set"
                         : "not set")
         << "\n";
+    const MetadataConfig config = indexConfigFromSettings();
+    // Reading the status must not make a store where the agent never made one.
+    if (QFileInfo::exists(config.storePath))
+        out << "Index:           " << indexProgressText(MetadataIndex(config).status()) << "\n";
+    else
+        out << "Index:           not made yet\n";
 
     const QStringList roots = vd_FileUtils::storageFoldersDropBoxGDriveEtc();
     if (roots.isEmpty()) {

@@ -11,6 +11,8 @@
 #include <QFileInfo>
 #include <QLocale>
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -33,6 +35,31 @@ QString extensionOf(const QString &path)
     return QFileInfo(path).suffix();
 }
 
+// Linux has no bundles of its own; these are the ones people keep on it: application folders (AppImage
+// source folders, applications copied from a Mac) and the bundles and libraries that come with them.
+bool hasBundleName(const QString &path)
+{
+    static const QLatin1String kBundleSuffixes[] = {QLatin1String(".app"),    QLatin1String(".AppDir"),
+                                                    QLatin1String(".bundle"), QLatin1String(".framework"),
+                                                    QLatin1String(".plugin"), QLatin1String(".photolibrary")};
+    QStringView name(path);
+    while (name.endsWith(u'/'))
+        name.chop(1);
+    return std::any_of(std::begin(kBundleSuffixes), std::end(kBundleSuffixes), [&](QLatin1String suffix) {
+        return name.endsWith(suffix, Qt::CaseInsensitive) && name.size() > suffix.size() &&
+               name[name.size() - suffix.size() - 1] != u'/';
+    });
+}
+
+// For a path known to be a folder: is it a package, which the WebApp shows as a single item?
+bool isPackageFolder(const QString &path)
+{
+    if (!hasBundleName(path))
+        return false;
+    const QString iPhoto = Listings::iPhotoPath();
+    return (iPhoto.isEmpty() || path != iPhoto) && extensionOf(path) != u"aplibrary";
+}
+
 } // namespace
 
 std::optional<QVariantMap> ItemRecords::metadataFor(const QString &path)
@@ -53,23 +80,14 @@ QJsonObject ItemRecords::fileInfoDict(const QString &path)
         if (!S_ISDIR(info.st_mode))
             record.insert(QStringLiteral("size"), qint64(info.st_size));
     }
-    record.insert(QStringLiteral("pkg"), isSealedPackage(path));
+    record.insert(QStringLiteral("pkg"), known && S_ISDIR(info.st_mode) && isPackageFolder(path));
     record.insert(QStringLiteral("display"), displayNameAtPath(path));
     return record;
 }
 
 bool ItemRecords::isSealedPackage(const QString &path)
 {
-    // Linux has no bundles of its own: a folder is a package only where the index knows it as one (an
-    // application bundle copied from a Mac, say). Photo libraries are browsed like folders all the same.
-    const std::optional<QVariantMap> item = metadataFor(path);
-    if (!item)
-        return false;
-    const QStringList tree = item->value(QStringLiteral("kMDItemContentTypeTree")).toStringList();
-    const bool package = tree.contains(QStringLiteral("com.apple.package")) ||
-                         tree.contains(QStringLiteral("com.apple.application-bundle"));
-    const QString iPhoto = Listings::iPhotoPath();
-    return package && (iPhoto.isEmpty() || path != iPhoto) && extensionOf(path) != u"aplibrary";
+    return hasBundleName(path) && QFileInfo(path).isDir() && isPackageFolder(path);
 }
 
 QString ItemRecords::displayNameAtPath(const QString &path)
@@ -104,43 +122,61 @@ void ItemRecords::finderSortWithLocale(QJsonArray &records)
     loose.setNumericMode(true);
     QCollator strict(locale);
     strict.setNumericMode(true);
-    std::vector<QJsonObject> items;
-    items.reserve(size_t(records.size()));
-    for (const QJsonValue &record : records)
-        items.push_back(record.toObject());
-    std::stable_sort(items.begin(), items.end(), [&](const QJsonObject &a, const QJsonObject &b) {
-        const QString left = a.value(QStringLiteral("display")).toString();
-        const QString right = b.value(QStringLiteral("display")).toString();
-        int order = loose.compare(left, right);
+    // One collation key per record instead of two collations per comparison.
+    struct Entry
+    {
+        QString display;
+        QCollatorSortKey key;
+        qsizetype index;
+    };
+    std::vector<Entry> entries;
+    entries.reserve(size_t(records.size()));
+    for (qsizetype i = 0; i < records.size(); ++i) {
+        QString display = records.at(i)[QStringLiteral("display")].toString();
+        QCollatorSortKey key = loose.sortKey(display);
+        entries.push_back(Entry{std::move(display), std::move(key), i});
+    }
+    std::stable_sort(entries.begin(), entries.end(), [&](const Entry &a, const Entry &b) {
+        int order = a.key.compare(b.key);
         if (order == 0)
-            order = strict.compare(left, right);
+            order = strict.compare(a.display, b.display);
         if (order == 0)
-            order = left.compare(right);
+            order = a.display.compare(b.display);
         return order < 0;
     });
-    records = QJsonArray();
-    for (const QJsonObject &item : items)
-        records.append(item);
+    QJsonArray sorted;
+    for (const Entry &entry : entries)
+        sorted.append(records.at(entry.index));
+    records = sorted;
+}
+
+std::pair<qsizetype, qsizetype> ItemRecords::pageRange(qsizetype count, const QJsonObject &request,
+                                                       QJsonObject &result)
+{
+    const qint64 page = request.value(QStringLiteral("result_page")).toVariant().toLongLong();
+    result.insert(QStringLiteral("total_item_count"), qint64(count));
+    if (count <= kWholeListLimit) {
+        result.insert(QStringLiteral("page_size"), qint64(count));
+        result.insert(QStringLiteral("num_pages"), 1);
+        return {0, count};
+    }
+    result.insert(QStringLiteral("page_size"), kPageSize);
+    // One page more than needed when the count is a multiple of 40: the WebApp expects it so.
+    result.insert(QStringLiteral("num_pages"), qint64(count / kPageSize + 1));
+    // A negative page is far past the end, as the offset counts unsigned; a huge one must not overflow.
+    if (page < 0 || page >= (count + kPageSize - 1) / kPageSize)
+        return {count, 0};
+    const qsizetype first = qsizetype(page * kPageSize);
+    return {first, std::min<qsizetype>(kPageSize, count - first)};
 }
 
 QJsonArray ItemRecords::pageOf(const QJsonArray &records, const QJsonObject &request, QJsonObject &result)
 {
-    const qint64 count = records.size();
-    const qint64 page = request.value(QStringLiteral("result_page")).toVariant().toLongLong();
-    result.insert(QStringLiteral("total_item_count"), count);
-    if (count <= kWholeListLimit) {
-        result.insert(QStringLiteral("page_size"), count);
-        result.insert(QStringLiteral("num_pages"), 1);
+    const auto [first, length] = pageRange(records.size(), request, result);
+    if (first == 0 && length == records.size())
         return records;
-    }
-    result.insert(QStringLiteral("page_size"), kPageSize);
-    // One page more than needed when the count is a multiple of 40: the WebApp expects it so.
-    result.insert(QStringLiteral("num_pages"), count / kPageSize + 1);
     QJsonArray items;
-    // A negative page is far past the end, as the offset counts unsigned.
-    if (page < 0 || page * kPageSize >= count)
-        return items;
-    for (qint64 i = page * kPageSize; i < std::min(count, (page + 1) * kPageSize); ++i)
+    for (qsizetype i = first; i < first + length; ++i)
         items.append(records.at(i));
     return items;
 }
@@ -153,6 +189,8 @@ void ItemRecords::polishResults(QJsonArray &records, const QJsonObject &request)
     const auto startsWith = [](const QString &path, const QString &prefix) {
         return !prefix.isEmpty() && path.startsWith(prefix);
     };
+    const std::shared_ptr<vd_FileCompareCache> compareCache =
+        vd_FileCompareCache::getCompareCache(storageFolder);
     for (qsizetype i = 0; i < records.size(); ++i) {
         QJsonObject record = records.at(i).toObject();
         const QString path = record.value(QStringLiteral("path")).toString();
@@ -164,15 +202,17 @@ void ItemRecords::polishResults(QJsonArray &records, const QJsonObject &request)
         if (startsWith(path, storageFolder))
             record.insert(QStringLiteral("in_uploads"), true);
         if (!inDropbox) {
-            const std::optional<QString> match =
-                vd_FileCompareCache::getCompareCache(storageFolder)->matchingPath(path);
+            const std::optional<QString> match = compareCache->matchingPath(path);
             if (match && startsWith(*match, dropbox))
                 record.insert(QStringLiteral("matching_path"), *match);
-            if (okToUpload(path))
+            const QJsonValue directory = record.value(QStringLiteral("dir"));
+            if (directory.isBool() ? okToUpload(path, directory.toBool()) : okToUpload(path))
                 record.insert(QStringLiteral("up_ok"), true);
         }
-        record.insert(QStringLiteral("extra_info"), extraInfoString(path));
-        const QSizeF preview = previewSize(path);
+        // One read of the index serves both the summary and the preview size.
+        const std::optional<QVariantMap> item = metadataFor(path);
+        record.insert(QStringLiteral("extra_info"), extraInfoString(item));
+        const QSizeF preview = previewSize(item);
         record.insert(QStringLiteral("preview_width"), qint64(preview.width()));
         record.insert(QStringLiteral("preview_height"), qint64(preview.height()));
         records[i] = record;
@@ -181,12 +221,17 @@ void ItemRecords::polishResults(QJsonArray &records, const QJsonObject &request)
 
 bool ItemRecords::okToUpload(const QString &path)
 {
+    return okToUpload(path, QFileInfo(path).isDir());
+}
+
+bool ItemRecords::okToUpload(const QString &path, bool isDirectory)
+{
     if (path.size() < 10)
         return false;
     const QString home = QDir::homePath();
     if (path == home)
         return false;
-    if (path.startsWith(home) && QFileInfo(path).isDir()) {
+    if (isDirectory && path.startsWith(home)) {
         static const char *const topFolders[] = {"/Desktop",  "/Documents", "/Downloads",
                                                  "/Dropbox",  "/Movies",    "/Music",
                                                  "/Pictures", "/Public",    "/Sites"};
@@ -209,12 +254,28 @@ QStringList ItemRecords::getSubFolders(const QString &folder)
 {
     const QString base = folder.isEmpty() ? QStringLiteral("/") : folder;
     QStringList folders;
-    const QFileInfoList children =
-        QDir(base).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks, QDir::Unsorted);
-    for (const QFileInfo &child : children) {
-        if (!isSealedPackage(child.filePath()))
-            folders << child.filePath();
+    // Every search answer carries this list: the entry types readdir gives spare a stat per child, which
+    // in a folder of thousands is most of the cost.
+    DIR *dir = opendir(QFile::encodeName(base).constData());
+    if (!dir)
+        return folders;
+    const QString prefix = base.endsWith(u'/') ? base : base + u'/';
+    while (const dirent *entry = readdir(dir)) {
+        if (entry->d_name[0] == '.')
+            continue; // hidden, and "." and ".."
+        bool isFolder = entry->d_type == DT_DIR;
+        if (entry->d_type == DT_UNKNOWN) {
+            struct stat info;
+            isFolder =
+                fstatat(dirfd(dir), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
+        }
+        if (!isFolder)
+            continue;
+        const QString path = prefix + QFile::decodeName(entry->d_name);
+        if (!isPackageFolder(path))
+            folders << path;
     }
+    closedir(dir);
     return folders;
 }
 
@@ -231,8 +292,12 @@ QSizeF ItemRecords::mediaSize(const QVariantMap &item)
 
 QSizeF ItemRecords::previewSize(const QString &path)
 {
+    return previewSize(metadataFor(path));
+}
+
+QSizeF ItemRecords::previewSize(const std::optional<QVariantMap> &item)
+{
     const QSizeF box(kPreviewWidth, kPreviewHeight);
-    const std::optional<QVariantMap> item = metadataFor(path);
     if (!item)
         return box;
     const QSizeF media = mediaSize(*item);
@@ -270,7 +335,11 @@ QString ItemRecords::add(const std::optional<QString> &value, const QString &acc
 
 QString ItemRecords::extraInfoString(const QString &path)
 {
-    const std::optional<QVariantMap> item = metadataFor(path);
+    return extraInfoString(metadataFor(path));
+}
+
+QString ItemRecords::extraInfoString(const std::optional<QVariantMap> &item)
+{
     if (!item)
         return QString();
     QString summary;

@@ -119,28 +119,33 @@ bool SearchHandler::excludeSpotlightPath(const QString &path)
     return path.contains(u"/Library/Caches/");
 }
 
-QJsonArray SearchHandler::doSpotlightSearch(const QString &scope, const QString &fileType,
-                                            const QString &nameSearch, const QString &searchString)
+QStringList SearchHandler::spotlightPaths(const QString &scope, const QString &fileType,
+                                          const QString &nameSearch, const QString &searchString)
 {
     QString folder = scope.isEmpty() ? QStringLiteral("/") : scope;
     if (folder.startsWith(u'~'))
         folder = QDir::homePath() + folder.mid(1);
     const QString query = currentQueryString(fileType, nameSearch, searchString);
-    QJsonArray records;
     const MetadataIndex *index = SearchIndex::current();
     if (query.isEmpty() || !index)
-        return records;
-    const MetadataQueryResult result =
+        return {};
+    MetadataQueryResult result =
         index->query(query, folder, QStringLiteral("kMDItemContentModificationDate"), true, kMaxResults);
     if (!result.ok) {
         qCInfo(lcHandlers).noquote()
             << QStringLiteral("search failed: %1").arg(Logging::shownInLog(result.error));
-        return records;
+        return {};
     }
-    for (const QString &path : result.paths) {
-        if (!excludeSpotlightPath(path))
-            records.append(ItemRecords::fileInfoDict(path));
-    }
+    result.paths.removeIf([](const QString &path) { return excludeSpotlightPath(path); });
+    return result.paths;
+}
+
+QJsonArray SearchHandler::doSpotlightSearch(const QString &scope, const QString &fileType,
+                                            const QString &nameSearch, const QString &searchString)
+{
+    QJsonArray records;
+    for (const QString &path : spotlightPaths(scope, fileType, nameSearch, searchString))
+        records.append(ItemRecords::fileInfoDict(path));
     return records;
 }
 
@@ -151,18 +156,21 @@ void SearchHandler::handleSearchRequest(QJsonObject &request)
     const QString nameSearch = request.value(QStringLiteral("name_search")).toString();
     const QString searchString = request.value(QStringLiteral("search_string")).toString();
 
-    QJsonArray records;
+    QJsonArray page;
     if (searchDir == u"root_folders") {
-        records = Listings::doComputerList();
+        page = ItemRecords::pageOf(Listings::doComputerList(), request, request);
     } else if (searchString.isEmpty() && fileType.isEmpty() && nameSearch.isEmpty()) {
-        records = Listings::doListing(searchDir);
+        QJsonArray records = Listings::doListing(searchDir);
         if (!searchDir.isEmpty())
             ItemRecords::finderSortWithLocale(records);
+        page = ItemRecords::pageOf(records, request, request);
     } else {
-        records = doSpotlightSearch(searchDir, fileType, nameSearch, searchString);
+        // Up to 600 hits, of which at most 40 are sent: only those become records.
+        const QStringList paths = spotlightPaths(searchDir, fileType, nameSearch, searchString);
+        const auto [first, length] = ItemRecords::pageRange(paths.size(), request, request);
+        for (qsizetype i = first; i < first + length; ++i)
+            page.append(ItemRecords::fileInfoDict(paths[i]));
     }
-
-    QJsonArray page = ItemRecords::pageOf(records, request, request);
     ItemRecords::polishResults(page, request);
     const QString storageFolder = request.value(QStringLiteral("vandrel_folder")).toString();
     request.insert(QStringLiteral("items"), page);

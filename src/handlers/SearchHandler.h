@@ -16,6 +16,9 @@ public:
     // 600, without anything inside a "/Library/Caches/" folder. Empty for an empty or failing query.
     static QJsonArray doSpotlightSearch(const QString &scope, const QString &fileType,
                                         const QString &nameSearch, const QString &searchString);
+    // The paths of that answer, before any record is built: a page needs records for its own paths only.
+    static QStringList spotlightPaths(const QString &scope, const QString &fileType,
+                                      const QString &nameSearch, const QString &searchString);
 
     // The query text: name clauses, the type clause, any-attribute clauses, and the system-file exclusion,
     // joined by " && ". Terms go in as typed, unescaped.

@@ -355,14 +355,29 @@ std::unordered_map<std::uint32_t, std::int64_t> IndexStore::folderScanTimes()
     return times;
 }
 
+std::string IndexStore::storedTypeList(const std::vector<ContentTypes::Code> &codes)
+{
+    std::string stored = "[";
+    for (ContentTypes::Code code : codes)
+        stored += (stored.size() > 1 ? "," : "") + std::to_string(storeType(code));
+    return stored + "]";
+}
+
+std::size_t IndexStore::pendingExtractionCount(const std::vector<ContentTypes::Code> &codes)
+{
+    const std::string stored = storedTypeList(codes);
+    Use query{prepare("SELECT count(*) FROM files f LEFT JOIN extraction e ON e.file = f.id "
+                      "WHERE f.type IN (SELECT value FROM json_each(?)) "
+                      "AND (e.file IS NULL OR e.mtime != f.mtime OR e.size != f.size)")};
+    sqlite3_bind_text(query, 1, stored.data(), int(stored.size()), SQLITE_STATIC);
+    return sqlite3_step(query) == SQLITE_ROW ? std::size_t(sqlite3_column_int64(query, 0)) : 0;
+}
+
 std::vector<std::uint32_t> IndexStore::pendingExtraction(const std::vector<ContentTypes::Code> &codes,
                                                          std::uint32_t after, std::size_t limit)
 {
     std::vector<std::uint32_t> ids;
-    std::string stored = "[";
-    for (ContentTypes::Code code : codes)
-        stored += (stored.size() > 1 ? "," : "") + std::to_string(storeType(code));
-    stored += "]";
+    const std::string stored = storedTypeList(codes);
     Use query{
         prepare("SELECT f.id FROM files f LEFT JOIN extraction e ON e.file = f.id "
                 "WHERE f.id > ? AND f.type IN (SELECT value FROM json_each(?)) "

@@ -55,6 +55,8 @@ public:
     // changes). Pending ids above `after`, ascending: a caller walking forward reads every row once per pass.
     std::vector<std::uint32_t> pendingExtraction(const std::vector<ContentTypes::Code> &codes,
                                                  std::uint32_t after, std::size_t limit);
+    // How many files `pendingExtraction` would give from the start. Cost: one pass over the files.
+    std::size_t pendingExtractionCount(const std::vector<ContentTypes::Code> &codes);
     void storeExtraction(std::uint32_t id, std::int64_t mtimeNs, std::int64_t size, bool failed,
                          const std::vector<std::pair<QString, QString>> &attributes, const QString &words);
     std::size_t extractedCount(bool withText);
@@ -74,6 +76,7 @@ private:
     sqlite3_stmt *prepare(const char *sql);
     bool exec(const char *sql);
     int storeType(ContentTypes::Code code);
+    std::string storedTypeList(const std::vector<ContentTypes::Code> &codes); // a JSON array of stored types
     ContentTypes::Code memoryType(int stored);
 
     sqlite3 *m_db = nullptr;

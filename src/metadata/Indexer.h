@@ -5,6 +5,7 @@
 #include "metadata/NameTable.h"
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -64,6 +65,10 @@ private:
     bool extractSome(int budgetMs);
     void addWatch(const std::string &path, std::uint32_t id);
 
+    // Writes the progress to the store for `vandrel status` (every few seconds, or now when `now`), and
+    // logs it at most once a minute while work remains.
+    void reportProgress(bool now);
+
     bool inSystemFolder(const std::string &folderPath) const;
     bool excluded(const std::string &parentPath, const char *name, bool isFolder) const;
     FileRecord makeRecord(std::uint32_t parent, std::uint8_t parentFlags, const std::string &parentPath,
@@ -88,9 +93,23 @@ private:
     std::atomic<bool> m_needCatchUp{false};
     bool m_bulk = false; // first crawl: records gather in m_bulkRecords
     std::vector<FileRecord> m_bulkRecords;
+    std::size_t m_bulkShown = 0; // of m_bulkRecords, how many the table holds
     std::size_t m_uncommitted = 0;
     std::size_t m_foldersDone = 0;
     std::uint32_t m_extractCursor = 0; // extraction walks the files by id, a pass at a time
+    // Files the user changed since the first crawl: extracted before the rest of a pass.
+    std::vector<std::uint32_t> m_changedFiles;
+
+    // Progress of the crawl and of the extraction pass under way.
+    std::size_t m_filesDone = 0;
+    std::size_t m_foldersWaiting = 0;
+    bool m_extractPass = false; // a pass over the store's pending files is under way
+    std::size_t m_extractDone = 0;
+    std::size_t m_extractWaiting = 0;
+    std::chrono::steady_clock::time_point m_crawlStarted;
+    std::chrono::steady_clock::time_point m_extractStarted;
+    std::chrono::steady_clock::time_point m_progressWritten;
+    std::chrono::steady_clock::time_point m_progressLogged;
 
     std::thread m_thread;
     std::atomic<bool> m_stop{false};

@@ -11,6 +11,8 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QThread>
 
 #include <dirent.h>
@@ -269,6 +271,15 @@ MetadataIndexStatus MetadataIndex::status() const
         status.folders = qint64(d->reader->fileCount(true));
         status.textDocuments = qint64(d->reader->extractedCount(true));
         status.lastChange = d->reader->meta(QStringLiteral("last_change")).toLongLong();
+        const QJsonObject work =
+            QJsonDocument::fromJson(d->reader->meta(QStringLiteral("progress")).toUtf8()).object();
+        status.foldersRead = work.value(QStringLiteral("folders")).toInteger();
+        status.filesRead = work.value(QStringLiteral("files")).toInteger();
+        status.foldersWaiting = work.value(QStringLiteral("folders_waiting")).toInteger();
+        status.contentsRead = work.value(QStringLiteral("contents")).toInteger();
+        status.contentsWaiting = work.value(QStringLiteral("contents_waiting")).toInteger();
+        status.secondsLeft = work.value(QStringLiteral("seconds_left")).toInteger(-1);
+        status.crawling = status.crawling || work.value(QStringLiteral("crawling")).toBool();
         const QString progress = d->reader->meta(QStringLiteral("crawl_progress"));
         if (!status.crawling && !progress.isEmpty() && progress != u"100") {
             status.crawling = true; // another process is crawling

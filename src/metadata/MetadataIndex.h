@@ -29,6 +29,13 @@ struct MetadataIndexStatus
     qint64 lastChange = 0;  // seconds since 1970, 0 when never
     bool crawling = false;
     int crawlPercent = 100;
+    // The indexing under way (in this process or another): what is read and what waits.
+    qint64 foldersRead = 0;
+    qint64 filesRead = 0;
+    qint64 foldersWaiting = 0;
+    qint64 contentsRead = 0;
+    qint64 contentsWaiting = 0;
+    qint64 secondsLeft = -1; // -1 when unknown
 };
 
 // The metadata index: the search engine behind searches, item records and link resolution.

@@ -1,6 +1,8 @@
 #include "common/TempHome.h"
 #include "handlers/ItemRecords.h"
 #include "handlers/SearchHandler.h"
+#include "handlers/SearchIndex.h"
+#include "metadata/MetadataIndex.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -106,4 +108,82 @@ TEST(SearchRules, FinderOrderAndUploadRule)
     EXPECT_FALSE(ItemRecords::okToUpload(QStringLiteral("/tmp/abcd")));
     EXPECT_TRUE(ItemRecords::okToUpload(QStringLiteral("/tmp/abcde")));
     EXPECT_FALSE(ItemRecords::okToUpload(QStringLiteral("/opt/thing/System")));
+}
+
+TEST(SearchRules, SearchPagesBundlesAndCaches)
+{
+    TempHome home;
+    for (int i = 0; i < 100; ++i)
+        home.writeFile(QStringLiteral("Many/page%1.txt").arg(i), "x");
+    QDir(home.path()).mkpath(QStringLiteral("Apps/Tool.app/Contents"));
+    QDir(home.path()).mkpath(QStringLiteral("Apps/Shots.aplibrary"));
+    home.writeFile(QStringLiteral("Apps/readme.app"), "a file, not a bundle");
+    QDir(home.path()).mkpath(QStringLiteral("Apps/.hidden"));
+    QFile::link(home.filePath(QStringLiteral("Many")), home.filePath(QStringLiteral("Apps/linked")));
+    home.writeFile(QStringLiteral("Library/Caches/cachedpage.txt"), "x");
+    MetadataConfig config;
+    config.roots = {home.path()};
+    config.storePath = home.filePath(QStringLiteral(".cache/vandrel/index.db"));
+    config.lowPriority = false;
+    config.watch = false;
+    config.extract = false;
+    MetadataIndex index(config);
+    ASSERT_TRUE(index.updateNow());
+    SearchIndex::setCurrent(&index);
+    const auto search = [&](QJsonObject request) {
+        request.insert(QStringLiteral("search_dir"), home.path());
+        SearchHandler::handleSearchRequest(request);
+        return request;
+    };
+
+    // Records are built for the sent page only, yet the pages together hold every hit exactly once.
+    QSet<QString> seen;
+    for (int page = 0; page < 3; ++page) {
+        const QJsonObject result = search(
+            {{QStringLiteral("name_search"), QStringLiteral("page")}, {QStringLiteral("result_page"), page}});
+        EXPECT_EQ(result[QStringLiteral("total_item_count")].toInt(), 100);
+        EXPECT_EQ(result[QStringLiteral("num_pages")].toInt(), 3);
+        EXPECT_EQ(result[QStringLiteral("page_size")].toInt(), 40);
+        const QJsonArray items = result[QStringLiteral("items")].toArray();
+        EXPECT_EQ(items.size(), page < 2 ? 40 : 20);
+        for (const QJsonValue &item : items) {
+            seen.insert(item[QStringLiteral("path")].toString());
+            EXPECT_TRUE(item[QStringLiteral("display")].toString().startsWith(u"page"));
+            EXPECT_GT(item[QStringLiteral("mod_date")].toDouble(), 0);
+            EXPECT_EQ(item[QStringLiteral("size")].toInt(-1), 1);
+            EXPECT_EQ(item[QStringLiteral("preview_width")].toInt(), 768);
+            EXPECT_TRUE(item[QStringLiteral("up_ok")].toBool());
+        }
+    }
+    EXPECT_EQ(seen.size(), 100);
+    EXPECT_FALSE(seen.contains(home.filePath(QStringLiteral("Library/Caches/cachedpage.txt"))));
+    // A page so far out that its offset would overflow is simply empty.
+    const QJsonObject far = search(
+        {{QStringLiteral("name_search"), QStringLiteral("page")}, {QStringLiteral("result_page"), 4e17}});
+    EXPECT_TRUE(far[QStringLiteral("items")].toArray().isEmpty());
+    EXPECT_EQ(far[QStringLiteral("total_item_count")].toInt(), 100);
+
+    // The Caches folder itself is found; what lies inside a Library's Caches is not.
+    const QJsonArray caches =
+        search({{QStringLiteral("name_search"), QStringLiteral("caches")}})[QStringLiteral("items")]
+            .toArray();
+    ASSERT_EQ(caches.size(), 1);
+    EXPECT_EQ(caches[0][QStringLiteral("path")].toString(), home.filePath(QStringLiteral("Library/Caches")));
+
+    // Bundles by their name, folders only; photo libraries stay browsable.
+    const QJsonObject tool = ItemRecords::fileInfoDict(home.filePath(QStringLiteral("Apps/Tool.app")));
+    EXPECT_TRUE(tool[QStringLiteral("pkg")].toBool());
+    EXPECT_TRUE(tool[QStringLiteral("dir")].toBool());
+    EXPECT_FALSE(ItemRecords::fileInfoDict(
+                     home.filePath(QStringLiteral("Apps/Shots.aplibrary")))[QStringLiteral("pkg")]
+                     .toBool());
+    EXPECT_FALSE(
+        ItemRecords::fileInfoDict(home.filePath(QStringLiteral("Apps/readme.app")))[QStringLiteral("pkg")]
+            .toBool());
+    EXPECT_TRUE(ItemRecords::isSealedPackage(home.filePath(QStringLiteral("Apps/Tool.app/"))));
+    EXPECT_FALSE(ItemRecords::isSealedPackage(home.filePath(QStringLiteral("Apps/readme.app"))));
+    EXPECT_EQ(ItemRecords::getSubFolders(home.filePath(QStringLiteral("Apps"))),
+              QStringList{home.filePath(QStringLiteral("Apps/Shots.aplibrary"))});
+    EXPECT_TRUE(ItemRecords::getSubFolders(home.filePath(QStringLiteral("missing"))).isEmpty());
+    SearchIndex::setCurrent(nullptr);
 }

@@ -17,7 +17,7 @@ MetadataConfig configFor(const TempHome &home)
     MetadataConfig config;
     config.roots = {home.path()};
     config.storePath = home.filePath(QStringLiteral(".cache/vandrel/index.db"));
-    config.idlePriority = false;
+    config.lowPriority = false;
     return config;
 }
 

@@ -35,7 +35,7 @@ protected:
         MetadataConfig config;
         config.roots = {m_home.path()};
         config.storePath = m_home.filePath(QStringLiteral(".cache/vandrel/index.db"));
-        config.idlePriority = false; // shared test machines are busy; an idle thread might never run
+        config.lowPriority = false; // shared test machines are busy; keep the tests quick
         return config;
     }
 
@@ -95,6 +95,7 @@ TEST_F(MetadataIndexTest, CrawlsExtractsAndAnswersEveryKindOfQuery)
     m_home.writeFile(QStringLiteral("Pictures/photo.jpg"), "not really a jpeg");
     m_home.writeFile(QStringLiteral("Pictures/.thumbnail.png"), "x");
     m_home.writeFile(QStringLiteral("Pictures/q\"uote.txt"), "x");
+    m_home.writeFile(QStringLiteral("Work/Caches/plan.txt"), "x");
     makePng(m_home.filePath(QStringLiteral("Pictures/drawing.png")), 40, 30);
     const QString tagged = m_home.writeFile(QStringLiteral("Documents/tagged.txt"), "plain");
     setxattr(QFile::encodeName(tagged).constData(), "user.xdg.tags", "Red,Blue", 8, 0);
@@ -108,6 +109,9 @@ TEST_F(MetadataIndexTest, CrawlsExtractsAndAnswersEveryKindOfQuery)
     EXPECT_TRUE(names(index, nameQuery(QStringLiteral("secret"))).isEmpty());
     EXPECT_TRUE(
         names(index, nameQuery(QStringLiteral("thumbnail"))).isEmpty()); // a hidden file is a system file
+    // A folder merely named Caches is the user's own, and so is what it holds.
+    EXPECT_EQ(names(index, nameQuery(QStringLiteral("caches"))), QStringList{"Work/Caches"});
+    EXPECT_EQ(names(index, nameQuery(QStringLiteral("plan.t"))), QStringList{"Work/Caches/plan.txt"});
     QStringList images = names(index, QStringLiteral("kMDItemContentTypeTree == \"public.image\""));
     images.sort();
     EXPECT_EQ(images, (QStringList{"Pictures/.thumbnail.png", "Pictures/drawing.png", "Pictures/photo.jpg"}));
@@ -149,7 +153,15 @@ TEST_F(MetadataIndexTest, CrawlsExtractsAndAnswersEveryKindOfQuery)
               (QStringList{"Red", "Blue"}));
     EXPECT_FALSE(index.item(m_home.filePath(QStringLiteral(".hidden/secret.txt"))));
     EXPECT_FALSE(index.item(QStringLiteral("/nonexistent/file")));
-    EXPECT_EQ(index.status().files, 10); // node_modules and hidden folders left out
+    const MetadataIndexStatus status = index.status();
+    EXPECT_EQ(status.files, 11); // node_modules and hidden folders left out
+    // The first indexing's progress tells what was read, and that nothing waits any more.
+    EXPECT_EQ(status.filesRead, status.files);
+    EXPECT_EQ(status.foldersRead, status.folders);
+    EXPECT_EQ(status.foldersWaiting, 0);
+    EXPECT_EQ(status.contentsWaiting, 0);
+    EXPECT_GE(status.contentsRead, 8);
+    EXPECT_FALSE(status.crawling);
 
     // A scope outside the indexed roots is walked live.
     const QStringList live =
@@ -257,4 +269,15 @@ TEST(Volumes, OnlyRealLocalFileSystemsAtUserMountPoints)
     EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/mnt/"), "ext4", "/dev/sdb1"));
     EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/"), "overlay", "overlay"));
     EXPECT_TRUE(Volumes::isLocalVolume(QStringLiteral("/"), "zfs", "rpool/ROOT/debian"));
+
+    // The index covers the user's own volumes only: never "/" nor another system mount.
+    EXPECT_EQ(MetadataConfig::userVolumes({QStringLiteral("/"), QStringLiteral("/media/ann/USB"),
+                                           QStringLiteral("/home"), QStringLiteral("/run/media/ann/Disk/"),
+                                           QStringLiteral("/mediaX/a"), QStringLiteral("/mnt"),
+                                           QStringLiteral("/mnt/data"), QStringLiteral("/boot/efi")}),
+              (QStringList{"/media/ann/USB", "/run/media/ann/Disk", "/mnt/data"}));
+    const MetadataConfig defaults = MetadataConfig::defaults();
+    ASSERT_FALSE(defaults.roots.isEmpty());
+    EXPECT_EQ(defaults.roots.first(), QDir::homePath());
+    EXPECT_FALSE(defaults.roots.contains(QStringLiteral("/")));
 }
