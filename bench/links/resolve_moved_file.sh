@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Link resolution in a tree of many files (default 100,000): a file is linked, moved two folders away
-# beside same-named decoys (one of the same size), and `vandrel open` finds it through the metadata
-# index. The peer figure is `find -name` walking the same tree for the same name.
+# beside a same-named decoy of the same size, with 100 more same-named files spread over the tree (every
+# tenth of the same size, so its checksum is read), and `vandrel open` finds it through the metadata index. The peer figure is `find -name` walking the same tree for the same name.
 #   bench/links/resolve_moved_file.sh [FILES]        (VANDREL=path/to/vandrel, default build/bin/vandrel)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -36,27 +36,31 @@ for i in range(0, total, 100):
         f.write(b"notes %d" % i)
 PY
 mkdir -p "$tree/Users/ann/Documents"
-head -c 250000 /dev/urandom >"$tree/Users/ann/Documents/report.pdf"
+head -c 250000 /dev/urandom >"$tree/Users/ann/Documents/report.bin"
 count=$(find "$tree" -type f | wc -l)
 
 start=$(ms)
 "$vandrel" index rebuild >/dev/null
 indexed=$(($(ms) - start))
 
-link=$("$vandrel" link "$tree/Users/ann/Documents/report.pdf")
+link=$("$vandrel" link "$tree/Users/ann/Documents/report.bin")
 mkdir -p "$tree/Users/Archive/2026"
-mv "$tree/Users/ann/Documents/report.pdf" "$tree/Users/Archive/2026/report.pdf"
-head -c 250000 /dev/urandom >"$tree/Users/ann/Documents/report.pdf"   # same size, other content
-head -c 1000 /dev/urandom >"$tree/area00/group000/box0000/report.pdf" # other size
+mv "$tree/Users/ann/Documents/report.bin" "$tree/Users/Archive/2026/report.bin"
+head -c 250000 /dev/urandom >"$tree/Users/ann/Documents/report.bin"   # same size, other content
+for box in $(find "$tree" -mindepth 3 -maxdepth 3 -type d -name 'box*' | sort | awk 'NR % 10 == 1' | head -100); do
+  size=$(( RANDOM % 10 == 0 ? 250000 : 1000 + RANDOM ))
+  head -c "$size" /dev/urandom >"$box/report.bin"
+done
+decoys=$(find "$tree" -name report.bin | wc -l)
 
 start=$(ms)
 "$vandrel" open "$link" >"$work/revealed" 2>"$work/log"
 opened=$(($(ms) - start))
 start=$(ms)
-find "$tree" -name report.pdf >/dev/null
+find "$tree" -name report.bin >/dev/null
 walked=$(($(ms) - start))
 
-echo "tree:                  $count files"
+echo "tree:                  $count files, $decoys named report.bin after the move"
 echo "index rebuild:         $indexed ms"
 echo "link:                  $link"
 echo "revealed:              $(cat "$work/revealed")"

@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QLocalSocket>
 #include <QProcess>
 #include <QThread>
 
@@ -123,6 +124,12 @@ TEST_F(FileLinkCommandsTest, LinksSkipVanishedPathsInOrderAndForeignUrlsAreDecli
                 links[0].endsWith(u"/b%20first.txt"));
     EXPECT_TRUE(links[1].startsWith(kService + QStringLiteral("/p/2/")) &&
                 links[1].endsWith(u"/a%20second.txt"));
+    // A display that cannot be reached costs the clipboard, not the links.
+    QProcessEnvironment unreachable = m_environment;
+    unreachable.insert(QStringLiteral("DISPLAY"), QStringLiteral(":97"));
+    const Run withoutX = vandrel({QStringLiteral("link"), second}, unreachable);
+    EXPECT_EQ(withoutX.exitCode, 0);
+    EXPECT_EQ(withoutX.out.trimmed(), links[1]);
     QFile::remove(first);
 
     const Run none = vandrel({QStringLiteral("link"), first});
@@ -198,6 +205,20 @@ TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunning
                {QStringLiteral("default"), QStringLiteral("vandrel-link-handler.desktop"),
                 QStringLiteral("x-scheme-handler/qlk")});
     ASSERT_TRUE(mime.waitForFinished(30000) && mime.exitCode() == 0);
+
+    // Garbage, an endless line and a silent client on the socket cost the agent nothing.
+    const QString socketPath = m_home.filePath(QStringLiteral("run/vandrel.socket"));
+    QLocalSocket garbage, endless, silent;
+    for (QLocalSocket *socket : {&garbage, &endless, &silent}) {
+        socket->connectToServer(socketPath);
+        ASSERT_TRUE(socket->waitForConnected(10000));
+    }
+    garbage.write("{\"command\": 7, \"arguments\": \"x\"}\n");
+    endless.write(QByteArray(3 * 1024 * 1024, 'x'));
+    ASSERT_TRUE(garbage.waitForReadyRead(30000));
+    EXPECT_TRUE(garbage.readAll().contains("\"error\""));
+    endless.waitForBytesWritten(30000);
+    EXPECT_TRUE(endless.state() == QLocalSocket::UnconnectedState || endless.waitForDisconnected(30000));
 
     const QString schemeUrl = QStringLiteral("qlk://") + link.mid(kService.size() + 1);
     EXPECT_TRUE(agentReveals(moved, [&] {
