@@ -15,18 +15,14 @@ namespace {
 
 const QString kService = QStringLiteral("https://links.example.test/l");
 
-// A temporary home with its own runtime folder (so the instance socket is private to the test), the
-// LinkService address set and a small indexed tree.
+// A temporary home (its runtime folder keeps the instance socket private to the test) with the LinkService
+// address set and a small indexed tree.
 class FileLinkCommandsTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
-        QDir(m_home.path()).mkpath(QStringLiteral("run"));
-        QFile::setPermissions(m_home.filePath(QStringLiteral("run")),
-                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         m_environment = QProcessEnvironment::systemEnvironment();
-        m_environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), m_home.filePath(QStringLiteral("run")));
         m_environment.insert(QStringLiteral("VANDREL_KEYCHAIN"), QStringLiteral("file"));
         m_environment.insert(QStringLiteral("VANDREL_RELAY_URL"), QStringLiteral("http://127.0.0.1:9"));
         for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
@@ -73,7 +69,7 @@ protected:
         ASSERT_TRUE(m_agent.waitForStarted());
         QElapsedTimer timer;
         timer.start();
-        while (!QFile::exists(m_home.filePath(QStringLiteral("run/vandrel.socket"))) &&
+        while (!QFile::exists(m_home.filePath(QStringLiteral(".run/vandrel.socket"))) &&
                timer.elapsed() < 30000)
             QThread::msleep(20);
     }
@@ -207,7 +203,7 @@ TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunning
     ASSERT_TRUE(mime.waitForFinished(30000) && mime.exitCode() == 0);
 
     // Garbage, an endless line and a silent client on the socket cost the agent nothing.
-    const QString socketPath = m_home.filePath(QStringLiteral("run/vandrel.socket"));
+    const QString socketPath = m_home.filePath(QStringLiteral(".run/vandrel.socket"));
     QLocalSocket garbage, endless, silent;
     for (QLocalSocket *socket : {&garbage, &endless, &silent}) {
         socket->connectToServer(socketPath);
