@@ -1,15 +1,20 @@
 #include "app/CommandLine.h"
 
 #include "app/ConsoleStreams.h"
+#include "app/FileManagerReveal.h"
 #include "app/HeadlessCommand.h"
 #include "app/IndexCommand.h"
+#include "app/LinkCommand.h"
+#include "app/OpenCommand.h"
 #include "app/PasswordCommand.h"
 #include "app/StatusCommand.h"
 
 #include <QCoreApplication>
+#include <QGuiApplication>
 #include <QTextStream>
 
 #include <functional>
+#include <memory>
 
 namespace {
 
@@ -38,8 +43,9 @@ const std::vector<Command> &commands()
          runHeadlessCommand},
         {"index", "vandrel index status|rebuild|query TEXT [--scope DIR] [--limit N]",
          "inspect the metadata index", runIndexCommand},
-        {"link", "vandrel link PATH...", "make web links for files and put them on the clipboard", {}},
-        {"open", "vandrel open URL", "find the file a link describes and reveal it", {}},
+        {"link", "vandrel link PATH...", "make web links for files and put them on the clipboard",
+         runLinkCommand},
+        {"open", "vandrel open URL", "find the file a link describes and reveal it", runOpenCommand},
         {"password", "vandrel password set|clear|status",
          "manage the computer password (set reads standard input)", runPasswordCommand},
         {"status", "vandrel status", "show the computer id, password state and storage folders",
@@ -73,9 +79,21 @@ QString helpText()
     return text;
 }
 
+// Only `vandrel link` needs the desktop (its clipboard). A display that cannot be reached falls back to an
+// offscreen one rather than ending the process.
+std::unique_ptr<QCoreApplication> makeApplication(int &argc, char **argv)
+{
+    if (argc < 2 || qstrcmp(argv[1], "link") != 0 || !hasDisplay())
+        return std::make_unique<QCoreApplication>(argc, argv);
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM",
+                qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") ? "xcb;offscreen" : "wayland;xcb;offscreen");
+    return std::make_unique<QGuiApplication>(argc, argv);
+}
+
 int runCommandLine(int argc, char **argv)
 {
-    QCoreApplication app(argc, argv);
+    const std::unique_ptr<QCoreApplication> app = makeApplication(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("vandrel"));
     QCoreApplication::setApplicationVersion(QStringLiteral(VANDREL_VERSION));
 

@@ -1,7 +1,9 @@
 #include "app/HeadlessCommand.h"
 
 #include "app/AppLog.h"
+#include "app/FileLinkHandler.h"
 #include "app/IndexCommand.h"
+#include "app/InstanceChannel.h"
 #include "app/RequestHandlerRegistry.h"
 #include "engine/UserActivityNotifier.h"
 #include "engine/vd_Searcher.h"
@@ -83,6 +85,15 @@ int runHeadlessCommand(const QStringList &args)
     MetadataIndex index(indexConfigFromSettings());
     index.start();
     SearchIndex::setCurrent(&index);
+    // Later `vandrel open` and `vandrel link` commands hand their URLs and files to this instance.
+    FileLinkHandler links(index, true);
+    InstanceChannel instance;
+    instance.setHandler([&links](const QString &command, const QStringList &arguments) {
+        return links.answer(command, arguments);
+    });
+    if (!instance.listen())
+        qCWarning(lcApp).noquote() << "another vandrel answers on" << InstanceChannel::socketPath()
+                                   << "; links opened later go to it";
     registerRequestHandlers();
     vd_Searcher::initializeThings();
 

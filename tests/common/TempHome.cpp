@@ -11,8 +11,12 @@ TempHome::TempHome()
     set("XDG_DATA_HOME", m_dir.filePath(QStringLiteral(".local/share")));
     set("XDG_CACHE_HOME", m_dir.filePath(QStringLiteral(".cache")));
     set("XDG_STATE_HOME", m_dir.filePath(QStringLiteral(".local/state")));
-    for (const char *sub : {".config", ".local/share", ".cache", ".local/state"})
+    // Agents started by tests listen for hand-overs here, each home its own (hidden, so no index sees it).
+    set("XDG_RUNTIME_DIR", m_dir.filePath(QStringLiteral(".run")));
+    for (const char *sub : {".config", ".local/share", ".cache", ".local/state", ".run"})
         QDir(m_dir.path()).mkpath(QString::fromLatin1(sub));
+    QFile::setPermissions(m_dir.filePath(QStringLiteral(".run")),
+                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 }
 
 TempHome::~TempHome()

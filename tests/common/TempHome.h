@@ -6,7 +6,7 @@
 
 #include <map>
 
-// Points $HOME and the XDG base directories into a fresh temporary folder for the lifetime of the object,
+// Points $HOME, the XDG base directories and the runtime folder into a fresh temporary folder for the lifetime of the object,
 // and restores the previous environment afterwards. Tests run whole subsystems inside it.
 class TempHome
 {

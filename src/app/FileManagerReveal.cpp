@@ -1,0 +1,52 @@
+#include "app/FileManagerReveal.h"
+
+#include "app/AppLog.h"
+#include "app/ConsoleStreams.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QFileInfo>
+#include <QProcess>
+#include <QUrl>
+
+namespace {
+
+void openParentFolder(const QString &path)
+{
+    const QString parent = QFileInfo(path).absolutePath();
+    if (!QProcess::startDetached(QStringLiteral("xdg-open"), {parent}))
+        qCWarning(lcApp).noquote() << "cannot open the folder" << parent << "with xdg-open";
+}
+
+} // namespace
+
+bool hasDisplay()
+{
+    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+}
+
+void revealInFileManager(const QString &path, bool headless)
+{
+    if (headless || !hasDisplay()) {
+        standardOutput() << path << "\n";
+        standardOutput().flush();
+        return;
+    }
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        openParentFolder(path);
+        return;
+    }
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
+        QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
+    call << QStringList{QUrl::fromLocalFile(path).toString(QUrl::FullyEncoded)} << QString();
+    auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 5000));
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher, [watcher, path] {
+        if (QDBusPendingReply<>(*watcher).isError())
+            openParentFolder(path);
+        watcher->deleteLater();
+    });
+}

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QString>
+
+// Shows an item to the user. With a desktop: selected in a file manager window through
+// org.freedesktop.FileManager1.ShowItems, else its parent folder opened with the default file manager.
+// Headless (no display, or the agent started --headless): the path printed on standard output.
+// Returns at once; the file manager is asked without blocking.
+void revealInFileManager(const QString &path, bool headless);
+
+// Whether the session has a display to show things on.
+bool hasDisplay();

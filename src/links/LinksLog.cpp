@@ -1,0 +1,3 @@
+#include "links/LinksLog.h"
+
+Q_LOGGING_CATEGORY(lcLinks, "vd.links")

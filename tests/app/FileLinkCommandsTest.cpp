@@ -1,0 +1,227 @@
+#include "common/TempHome.h"
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QLocalSocket>
+#include <QProcess>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const QString kService = QStringLiteral("https://links.example.test/l");
+
+// A temporary home (its runtime folder keeps the instance socket private to the test) with the LinkService
+// address set and a small indexed tree.
+class FileLinkCommandsTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_environment = QProcessEnvironment::systemEnvironment();
+        m_environment.insert(QStringLiteral("VANDREL_KEYCHAIN"), QStringLiteral("file"));
+        m_environment.insert(QStringLiteral("VANDREL_RELAY_URL"), QStringLiteral("http://127.0.0.1:9"));
+        for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+            m_environment.remove(QString::fromLatin1(name));
+        UserDefaults::setValue(SettingsKeys::LinkServiceURL, kService);
+        UserDefaults::setValue(SettingsKeys::IndexedRoots, QStringList{tree()});
+        QDir().mkpath(tree());
+    }
+
+    void TearDown() override
+    {
+        if (m_agent.state() != QProcess::NotRunning) {
+            m_agent.terminate();
+            if (!m_agent.waitForFinished(30000))
+                m_agent.kill();
+        }
+    }
+
+    QString tree() const { return m_home.filePath(QStringLiteral("tree")); }
+
+    struct Run
+    {
+        int exitCode = -1;
+        QString out;
+        QString err;
+    };
+    Run vandrel(const QStringList &args, const QProcessEnvironment &environment) const
+    {
+        QProcess process;
+        process.setProcessEnvironment(environment);
+        process.setWorkingDirectory(tree());
+        process.start(QStringLiteral(VANDREL_BINARY), args);
+        process.waitForFinished(60000);
+        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+                QString::fromUtf8(process.readAllStandardOutput()),
+                QString::fromUtf8(process.readAllStandardError())};
+    }
+    Run vandrel(const QStringList &args) const { return vandrel(args, m_environment); }
+
+    void startAgent()
+    {
+        m_agent.setProcessEnvironment(m_environment);
+        m_agent.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("--headless")});
+        ASSERT_TRUE(m_agent.waitForStarted());
+        QElapsedTimer timer;
+        timer.start();
+        while (!QFile::exists(m_home.filePath(QStringLiteral(".run/vandrel.socket"))) &&
+               timer.elapsed() < 30000)
+            QThread::msleep(20);
+    }
+
+    // Runs `open` until the agent prints the expected path (its index may still be catching up with the
+    // moves), then returns how many times the agent has printed it.
+    bool agentReveals(const QString &path, const std::function<Run()> &open)
+    {
+        QElapsedTimer timer;
+        timer.start();
+        const qsizetype before = m_agentOut.count(path + u'\n');
+        while (timer.elapsed() < 60000) {
+            const Run run = open();
+            if (run.exitCode != 0) {
+                ADD_FAILURE() << run.err.toStdString();
+                return false;
+            }
+            QElapsedTimer wait;
+            wait.start();
+            while (wait.elapsed() < 3000) {
+                m_agent.waitForReadyRead(100);
+                m_agentOut += QString::fromUtf8(m_agent.readAllStandardOutput());
+                if (m_agentOut.count(path + u'\n') > before)
+                    return true;
+            }
+        }
+        return false;
+    }
+
+    TempHome m_home;
+    QProcessEnvironment m_environment;
+    QProcess m_agent;
+    QString m_agentOut;
+};
+
+} // namespace
+
+TEST_F(FileLinkCommandsTest, LinksSkipVanishedPathsInOrderAndForeignUrlsAreDeclined)
+{
+    const QString first = m_home.writeFile(QStringLiteral("tree/b first.txt"), "1");
+    const QString second = m_home.writeFile(QStringLiteral("tree/a second.txt"), "22");
+    const Run made =
+        vandrel({QStringLiteral("link"), QStringLiteral("b first.txt"), QStringLiteral("gone.txt"), second});
+    EXPECT_EQ(made.exitCode, 0) << made.err.toStdString();
+    const QStringList links = made.out.split(u'\n', Qt::SkipEmptyParts);
+    ASSERT_EQ(links.size(), 2);
+    EXPECT_TRUE(links[0].startsWith(kService + QStringLiteral("/p/1/")) &&
+                links[0].endsWith(u"/b%20first.txt"));
+    EXPECT_TRUE(links[1].startsWith(kService + QStringLiteral("/p/2/")) &&
+                links[1].endsWith(u"/a%20second.txt"));
+    // A display that cannot be reached costs the clipboard, not the links.
+    QProcessEnvironment unreachable = m_environment;
+    unreachable.insert(QStringLiteral("DISPLAY"), QStringLiteral(":97"));
+    const Run withoutX = vandrel({QStringLiteral("link"), second}, unreachable);
+    EXPECT_EQ(withoutX.exitCode, 0);
+    EXPECT_EQ(withoutX.out.trimmed(), links[1]);
+    QFile::remove(first);
+
+    const Run none = vandrel({QStringLiteral("link"), first});
+    EXPECT_EQ(none.exitCode, 1);
+    EXPECT_TRUE(none.out.isEmpty());
+
+    const Run upper =
+        vandrel({QStringLiteral("open"), QString(links[1]).replace(kService, QStringLiteral("QLK://"))});
+    EXPECT_EQ(upper.exitCode, 64);
+    EXPECT_TRUE(upper.err.contains(QStringLiteral("not a link")));
+    EXPECT_EQ(
+        vandrel({QStringLiteral("open"), QStringLiteral("https://elsewhere.test/p/1/2/a/b/c")}).exitCode, 64);
+}
+
+TEST_F(FileLinkCommandsTest, OpenWithoutARunningInstanceResolvesByItself)
+{
+    const QString original =
+        m_home.writeFile(QStringLiteral("tree/Users/ann/Documents/report.txt"), "figures");
+    const QString link = vandrel({QStringLiteral("link"), original}).out.trimmed();
+    const QString moved = tree() + QStringLiteral("/Archive/Old/report.txt");
+    QDir().mkpath(QFileInfo(moved).absolutePath());
+    ASSERT_TRUE(QFile::rename(original, moved));
+    m_home.writeFile(QStringLiteral("tree/Users/ann/Documents/report.txt"), "FIGURES");
+
+    const Run open = vandrel({QStringLiteral("open"), link});
+    EXPECT_EQ(open.exitCode, 0) << open.err.toStdString();
+    EXPECT_EQ(open.out, moved + u'\n');
+    EXPECT_TRUE(open.err.contains(QStringLiteral("resolved in")));
+
+    QFile::remove(moved);
+    QFile::remove(tree() + QStringLiteral("/Users/ann/Documents/report.txt"));
+    const Run nothing = vandrel({QStringLiteral("open"), link});
+    EXPECT_EQ(nothing.exitCode, 0);
+    EXPECT_TRUE(nothing.out.isEmpty());
+    EXPECT_TRUE(nothing.err.contains(QStringLiteral("tell user nothing found")));
+}
+
+TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunningAgent)
+{
+    const QString original =
+        m_home.writeFile(QStringLiteral("tree/Users/ann/Documents/plan.odt"), "the plan");
+    startAgent();
+
+    const Run made = vandrel({QStringLiteral("link"), original});
+    ASSERT_EQ(made.exitCode, 0) << made.err.toStdString();
+    const QString link = made.out.trimmed();
+    const QString moved = tree() + QStringLiteral("/Archive/2026/plan.odt");
+    QDir().mkpath(QFileInfo(moved).absolutePath());
+    ASSERT_TRUE(QFile::rename(original, moved));
+    m_home.writeFile(QStringLiteral("tree/Users/ann/Documents/plan.odt"), "the PLAN");
+
+    // The LinkService form, handed over: the short-lived process exits, the agent reveals.
+    EXPECT_TRUE(agentReveals(moved, [&] { return vandrel({QStringLiteral("open"), link}); }));
+
+    // The desktop's way in: xdg-open of a link-scheme URL finds our .desktop file and runs `vandrel open`.
+    const QString applications = m_home.filePath(QStringLiteral(".local/share/applications"));
+    QDir().mkpath(applications);
+    ASSERT_TRUE(QFile::copy(QStringLiteral(VANDREL_SOURCE_DIR "/packaging/vandrel-link-handler.desktop"),
+                            applications + QStringLiteral("/vandrel-link-handler.desktop")));
+    QProcessEnvironment desktop = m_environment;
+    desktop.insert(QStringLiteral("PATH"), QFileInfo(QStringLiteral(VANDREL_BINARY)).absolutePath() + u':' +
+                                               desktop.value(QStringLiteral("PATH")));
+    desktop.insert(QStringLiteral("DISPLAY"), QStringLiteral(":97"));
+    desktop.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("X-Generic"));
+    desktop.insert(QStringLiteral("XDG_DATA_DIRS"), m_home.filePath(QStringLiteral("no-system-data")));
+    desktop.insert(QStringLiteral("BROWSER"), QStringLiteral("false"));
+    for (const char *name : {"KDE_FULL_SESSION", "GNOME_DESKTOP_SESSION_ID", "MATE_DESKTOP_SESSION_ID",
+                             "DESKTOP_SESSION", "XDG_SESSION_DESKTOP"})
+        desktop.remove(QString::fromLatin1(name));
+    QProcess mime;
+    mime.setProcessEnvironment(desktop);
+    mime.start(QStringLiteral("xdg-mime"),
+               {QStringLiteral("default"), QStringLiteral("vandrel-link-handler.desktop"),
+                QStringLiteral("x-scheme-handler/qlk")});
+    ASSERT_TRUE(mime.waitForFinished(30000) && mime.exitCode() == 0);
+
+    // Garbage, an endless line and a silent client on the socket cost the agent nothing.
+    const QString socketPath = m_home.filePath(QStringLiteral(".run/vandrel.socket"));
+    QLocalSocket garbage, endless, silent;
+    for (QLocalSocket *socket : {&garbage, &endless, &silent}) {
+        socket->connectToServer(socketPath);
+        ASSERT_TRUE(socket->waitForConnected(10000));
+    }
+    garbage.write("{\"command\": 7, \"arguments\": \"x\"}\n");
+    endless.write(QByteArray(3 * 1024 * 1024, 'x'));
+    ASSERT_TRUE(garbage.waitForReadyRead(30000));
+    EXPECT_TRUE(garbage.readAll().contains("\"error\""));
+    endless.waitForBytesWritten(30000);
+    EXPECT_TRUE(endless.state() == QLocalSocket::UnconnectedState || endless.waitForDisconnected(30000));
+
+    const QString schemeUrl = QStringLiteral("qlk://") + link.mid(kService.size() + 1);
+    EXPECT_TRUE(agentReveals(moved, [&] {
+        QProcess xdgOpen;
+        xdgOpen.setProcessEnvironment(desktop);
+        xdgOpen.start(QStringLiteral("xdg-open"), {schemeUrl});
+        xdgOpen.waitForFinished(60000);
+        return Run{xdgOpen.exitCode(), {}, QString::fromUtf8(xdgOpen.readAllStandardError())};
+    }));
+}
