@@ -36,9 +36,13 @@ struct DesktopHome
     QString program = home.filePath(QStringLiteral("bin/vandrel"));
     QList<QUrl> opened;
 
+    QByteArray savedDataDirs = qgetenv("XDG_DATA_DIRS");
+
     DesktopHome()
     {
         qputenv("VANDREL_KEYCHAIN", "file");
+        // The system's applications folders, as far as the agent can tell.
+        qputenv("XDG_DATA_DIRS", QFile::encodeName(home.filePath(QStringLiteral("system"))));
         home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
         home.writeFile(
             QStringLiteral(".dropbox/info.json"),
@@ -48,7 +52,11 @@ struct DesktopHome
         QFile::copy(QStringLiteral("/bin/true"), program);
         vd_FileUtils::resetVandrelFolderCache();
     }
-    ~DesktopHome() { qunsetenv("VANDREL_KEYCHAIN"); }
+    ~DesktopHome()
+    {
+        qunsetenv("VANDREL_KEYCHAIN");
+        qputenv("XDG_DATA_DIRS", savedDataDirs);
+    }
 
     vd_AppDelegate::Options options()
     {
@@ -108,6 +116,14 @@ TEST(DesktopFace, StartsInTheWindowWithoutATrayAndShowsTheStatus)
     EXPECT_TRUE(delegate.window()->isVisible());
     EXPECT_FALSE(UserDefaults::boolValue(SettingsKeys::RunInDock));
 
+    // Run from where it was built, the program adds itself to the user's application menu as the handler
+    // of its links.
+    QFile entry(desktop.home.filePath(QStringLiteral(".local/share/applications/vandrel.desktop")));
+    ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
+    const QByteArray entryText = entry.readAll();
+    EXPECT_TRUE(entryText.contains("\nExec=" + QFile::encodeName(desktop.program) + " %U\n"));
+    EXPECT_TRUE(entryText.contains("\nMimeType=x-scheme-handler/qlklink;\n"));
+
     // The inverted word: "active" while no WebApp user is.
     EXPECT_TRUE(QTest::qWaitFor([&] { return delegate.statusField()->text() == u"active"; }, 10000));
     // Both info files were written at start-up.
@@ -155,11 +171,14 @@ TEST(DesktopFace, StartsInTheWindowWithoutATrayAndShowsTheStatus)
 TEST(DesktopFace, PreferencesTwiceLeaveOneFreshWindowAndEverySaveRewritesTheInfoFiles)
 {
     DesktopHome desktop;
+    // Installed system-wide, the program leaves the user's applications folder alone.
+    desktop.home.writeFile(QStringLiteral("system/applications/vandrel.desktop"), "[Desktop Entry]\n");
     vd_AppDelegate delegate(nullptr, desktop.options());
     delegate.applicationDidFinishLaunching();
     const double start = desktop.info(desktop.dropboxRoot).value(QStringLiteral("last_updated")).toDouble();
     ASSERT_GT(start, 0);
     EXPECT_FALSE(desktop.info(desktop.driveRoot).contains(QStringLiteral("pword_required")));
+    EXPECT_FALSE(QDir(desktop.home.filePath(QStringLiteral(".local/share/applications"))).exists());
 
     delegate.showPreferences();
     QPointer<PreferencesWindow> first = delegate.preferencesController();

@@ -6,6 +6,7 @@
 #include "app/desktop/DropboxNotice.h"
 #include "app/desktop/PreferencesWindow.h"
 #include "app/desktop/StatusIcons.h"
+#include "platform/ApplicationEntry.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
 #include "utils/vd_FileUtils.h"
@@ -116,8 +117,9 @@ QMenu *vd_AppDelegate::buildMenu(QWidget *parent)
 
 void vd_AppDelegate::applicationDidFinishLaunching()
 {
-    // Installing the program and its link handler for the desktop is the package's work here (and
-    // `cmake --install`'s), so there is nothing to offer to move.
+    // Installed by the package, the program has its menu entry and link handler; run from where it was
+    // built or unpacked, it makes them for the user.
+    ApplicationEntry::installForUser(m_options.programPath);
     s_shared = this;
     vd_FileUtils::resetVandrelFolderCache();
     // "KPRunInDock" answers false until stored: its default lives in the settings table.
