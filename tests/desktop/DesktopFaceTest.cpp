@@ -1,3 +1,4 @@
+#include "app/desktop/DropboxNotice.h"
 #include "app/desktop/PreferencesWindow.h"
 #include "app/desktop/vd_AppDelegate.h"
 #include "common/LogCapture.h"
@@ -224,4 +225,20 @@ TEST(DesktopFace, PreferencesTwiceLeaveOneFreshWindowAndEverySaveRewritesTheInfo
         },
         10000));
     EXPECT_EQ(desktop.info(desktop.driveRoot).value(QStringLiteral("pword_required")), QJsonValue(true));
+}
+
+TEST(DesktopFace, DropboxNoticeComesUpWhenDropboxIsNotRunningAndGoesAgain)
+{
+    DesktopHome desktop;
+    vd_AppDelegate::Options options = desktop.options();
+    options.times.dropboxCheck = 10ms;
+    options.times.dropboxNoticeDelay = 10ms;
+    options.times.dropboxNoticeShown = 200ms;
+    vd_AppDelegate delegate(nullptr, options);
+    QWidget *notice = delegate.dropboxNotRunningPanel();
+    EXPECT_FALSE(notice->isVisible());
+    delegate.applicationDidFinishLaunching();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return notice->isVisible(); }, 10000));
+    EXPECT_TRUE(notice->windowFlags().testFlag(Qt::WindowStaysOnTopHint));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !notice->isVisible(); }, 10000));
 }

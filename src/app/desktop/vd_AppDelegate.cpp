@@ -13,6 +13,7 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QCursor>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDesktopServices>
@@ -166,13 +167,18 @@ void vd_AppDelegate::showStatusItem(bool show)
     m_statusItem = new QSystemTrayIcon(StatusIcons::grey(), this);
     m_statusItem->setToolTip(QStringLiteral("Vandrel"));
     m_statusItem->setContextMenu(m_statusMenu);
+    // A click on the icon opens the same menu as the context click, as tray users expect.
+    connect(m_statusItem, &QSystemTrayIcon::activated, this,
+            [this](QSystemTrayIcon::ActivationReason reason) {
+                if (reason == QSystemTrayIcon::Trigger)
+                    m_statusMenu->popup(QCursor::pos());
+            });
     m_statusItem->show();
 }
 
 void vd_AppDelegate::updateStatus(const QString &statusText, bool userActive)
 {
     m_status->setText(statusText);
-    m_userActive = userActive;
     if (m_statusItem) {
         m_statusItem->setIcon(userActive ? StatusIcons::colour() : StatusIcons::grey());
         m_statusItem->setToolTip(QStringLiteral("Vandrel: %1").arg(statusText));

@@ -65,8 +65,6 @@ public:
     QLabel *statusField() const { return m_status; }
     DropboxNotice *dropboxNotRunningPanel() const { return m_dropboxNotRunningPanel; }
     PreferencesWindow *preferencesController() const { return m_preferencesController; }
-    QSystemTrayIcon *statusItem() const { return m_statusItem; }
-    AgentLifecycle &lifecycle() { return m_lifecycle; }
 
 Q_SIGNALS:
     void launchFinished();
@@ -89,5 +87,4 @@ private:
     QSystemTrayIcon *m_statusItem = nullptr;
     DropboxNotice *m_dropboxNotRunningPanel = nullptr;
     QPointer<PreferencesWindow> m_preferencesController;
-    bool m_userActive = false;
 };
