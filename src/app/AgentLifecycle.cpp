@@ -12,6 +12,8 @@
 #include <QFileInfo>
 #include <QTimer>
 
+#include <limits>
+
 namespace {
 
 // The welcome page opens on this many first launches.
@@ -89,7 +91,11 @@ int AgentLifecycle::launchCount()
 
 void AgentLifecycle::incrementLaunchCount()
 {
-    UserDefaults::setValue(SettingsKeys::LaunchCount, launchCount() + 1);
+    // A hand-edited count at the top of the range stays there rather than wrapping round to the first
+    // launches.
+    const int count = launchCount();
+    UserDefaults::setValue(SettingsKeys::LaunchCount,
+                           count < std::numeric_limits<int>::max() ? count + 1 : count);
 }
 
 QUrl AgentLifecycle::welcomePageUrl()

@@ -142,6 +142,14 @@ TEST(AgentLifecycle, WelcomePageOpensOnTheFirstFourLaunchesOnly)
         EXPECT_EQ(opened.size(), std::min(launch, 4)) << "launch " << launch;
     }
 
+    // A count edited by hand to the top of the range, or to a word, neither wraps nor stops the launch.
+    UserDefaults::setValue(SettingsKeys::LaunchCount, QStringLiteral("2147483647"));
+    AgentLifecycle::incrementLaunchCount();
+    EXPECT_EQ(AgentLifecycle::launchCount(), std::numeric_limits<int>::max());
+    UserDefaults::setValue(SettingsKeys::LaunchCount, QStringLiteral("many"));
+    AgentLifecycle::incrementLaunchCount();
+    EXPECT_EQ(AgentLifecycle::launchCount(), 1);
+
     // Without a web site address nothing opens, and the count still goes on.
     UserDefaults::remove(SettingsKeys::WebSiteURL);
     UserDefaults::setValue(SettingsKeys::LaunchCount, 0);
