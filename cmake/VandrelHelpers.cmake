@@ -26,6 +26,13 @@ function(vandrel_library folder)
   file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp" "${CMAKE_CURRENT_SOURCE_DIR}/*/*.cpp")
   list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
   file(GLOB headers CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.h" "${CMAKE_CURRENT_SOURCE_DIR}/*/*.h")
+  # A subfolder with its own CMakeLists.txt is a library of its own (src/app/desktop).
+  file(GLOB own_builds "${CMAKE_CURRENT_SOURCE_DIR}/*/CMakeLists.txt")
+  foreach(own_build ${own_builds})
+    get_filename_component(own_folder "${own_build}" DIRECTORY)
+    list(FILTER sources EXCLUDE REGEX "^${own_folder}/")
+    list(FILTER headers EXCLUDE REGEX "^${own_folder}/")
+  endforeach()
   if(NOT sources)
     # A folder whose code is still to come: its dependants link nothing from it yet.
     add_library(vandrel_${folder} INTERFACE)

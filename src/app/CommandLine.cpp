@@ -75,7 +75,10 @@ QString helpText()
     stream << "  vandrel --version       print the version\n"
            << "  vandrel --help          print this help\n\n"
            << "Environment: VANDREL_RELAY_URL, VANDREL_WEBAPP_URL override the addresses in the settings;\n"
-           << "VANDREL_KEYCHAIN=file keeps secrets in a private file instead of the Secret Service.\n";
+           << "VANDREL_KEYCHAIN=file keeps secrets in a private file instead of the Secret Service.\n\n"
+           << "Settings ($XDG_CONFIG_HOME/vandrel/vandrel.conf): RelayServerURL, WebAppURL, WebSiteURL,\n"
+           << "SupportURL, LinkServiceURL, RelayRequestTimeout (seconds), IndexedRoots, IndexExcludes,\n"
+           << "KPRunInDock (true: a window instead of the tray icon). More in vandrel(1).\n";
     return text;
 }
 
@@ -103,13 +106,9 @@ int runCommandLine(int argc, char **argv)
         out() << "vandrel " << VANDREL_VERSION << "\n";
         return 0;
     }
-    if (first == u"--help" || first == u"-h" || first == u"help") {
+    if (first.isEmpty() || first == u"--help" || first == u"-h" || first == u"help") {
         out() << helpText();
         return 0;
-    }
-    if (first.isEmpty()) {
-        err() << "vandrel: the desktop agent is not available in this build yet; try 'vandrel --headless'\n";
-        return 2;
     }
     for (const Command &command : commands()) {
         if (first == QLatin1String(command.name))

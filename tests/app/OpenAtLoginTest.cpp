@@ -1,0 +1,141 @@
+#include "app/AgentLifecycle.h"
+#include "app/DPOpenAtLogin.h"
+#include "common/TempHome.h"
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// An executable standing in for the installed agent, at `relative` below the home.
+QString installProgram(const TempHome &home, const QString &relative)
+{
+    const QString path = home.filePath(relative);
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile::copy(QStringLiteral("/bin/true"), path);
+    QFile::setPermissions(path, QFile::permissions(path) | QFile::ExeOwner);
+    return path;
+}
+
+QStringList entries(const Autostart &list)
+{
+    return QDir(list.folder()).entryList({QStringLiteral("*.desktop")}, QDir::Files);
+}
+
+QString entry(const QString &exec, const QString &extra = {})
+{
+    return QStringLiteral("[Desktop Entry]\nType=Application\nName=X\nExec=%1\n%2").arg(exec, extra);
+}
+
+} // namespace
+
+TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchAndRemovalIsPermanent)
+{
+    TempHome home;
+    const QString program = installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel"));
+    const Autostart list;
+    EXPECT_EQ(list.folder(), home.filePath(QStringLiteral(".config/autostart")));
+    EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(list, program));
+
+    AgentLifecycle::enableOpenAtLoginOnInitialLaunch(list, program);
+    EXPECT_TRUE(DPOpenAtLogin::openAtLoginEnabled(list, program));
+    EXPECT_TRUE(UserDefaults::boolValue(SettingsKeys::CheckedEnableOpenAtLoginOnInitialLaunch));
+    EXPECT_EQ(entries(list), QStringList{QStringLiteral("vandrel.desktop")});
+    EXPECT_EQ(Autostart::resolvedProgram(list.folder() + QStringLiteral("/vandrel.desktop")), program);
+
+    // The user turns it off; later launches never bring it back.
+    DPOpenAtLogin::toggleLoginItem(list, program);
+    EXPECT_TRUE(entries(list).isEmpty());
+    for (int launch = 0; launch < 2; ++launch)
+        AgentLifecycle::enableOpenAtLoginOnInitialLaunch(list, program);
+    EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(list, program));
+    EXPECT_TRUE(entries(list).isEmpty());
+
+    // An entry present before the first launch is kept as it is, and none is added beside it.
+    TempHome second;
+    const QString again = installProgram(second, QStringLiteral("bin/vandrel"));
+    const Autostart secondList;
+    second.writeFile(QStringLiteral(".config/autostart/mine.desktop"), entry(again).toUtf8());
+    AgentLifecycle::enableOpenAtLoginOnInitialLaunch(secondList, again);
+    EXPECT_EQ(entries(secondList), QStringList{QStringLiteral("mine.desktop")});
+}
+
+TEST(OpenAtLogin, ToggleOffRemovesEveryEntryOfOursAndNothingElse)
+{
+    TempHome home;
+    const QString program = installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel"));
+    installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel-relay"));
+    const QString link = home.filePath(QStringLiteral("bin/vandrel-link"));
+    QDir().mkpath(home.filePath(QStringLiteral("bin")));
+    QFile::link(program, link);
+    const QString other = installProgram(home, QStringLiteral("opt/vandre/bin/other"));
+
+    const QString dir = QStringLiteral(".config/autostart/");
+    // Ours: the program itself, through a symbolic link with arguments, a program inside it by prefix,
+    // and a switched-off one (present, yet not counted as on).
+    home.writeFile(dir + QStringLiteral("vandrel.desktop"), entry(program).toUtf8());
+    home.writeFile(dir + QStringLiteral("old.desktop"),
+                   entry(QStringLiteral("\"%1\" --headless").arg(link)).toUtf8());
+    home.writeFile(dir + QStringLiteral("relay.desktop"), entry(program + QStringLiteral("-relay")).toUtf8());
+    home.writeFile(dir + QStringLiteral("hidden.desktop"),
+                   entry(program, QStringLiteral("Hidden=true\n")).toUtf8());
+    // Not ours, or not readable as ours: all must stay.
+    home.writeFile(dir + QStringLiteral("other.desktop"), entry(other).toUtf8());
+    home.writeFile(dir + QStringLiteral("path.desktop"), entry(QStringLiteral("true")).toUtf8());
+    home.writeFile(dir + QStringLiteral("quote.desktop"),
+                   entry(QStringLiteral("\"%1").arg(program)).toUtf8());
+    home.writeFile(dir + QStringLiteral("group.desktop"),
+                   QStringLiteral("[Other Group]\nExec=%1\n").arg(program).toUtf8());
+    home.writeFile(dir + QStringLiteral("relative.desktop"),
+                   entry(QStringLiteral("bin/vandrel-link")).toUtf8());
+    home.writeFile(dir + QStringLiteral("binary.desktop"),
+                   QByteArray("\xff\xfe[Desktop Entry]\nExec=") + QByteArray(3, '\0'));
+    home.writeFile(dir + QStringLiteral("huge.desktop"),
+                   entry(program).toUtf8() + QByteArray(200 * 1024, 'x'));
+    const Autostart list;
+    const qsizetype before = entries(list).size();
+
+    EXPECT_TRUE(DPOpenAtLogin::openAtLoginEnabled(list, program));
+    DPOpenAtLogin::toggleLoginItem(list, program);
+    EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(list, program));
+    const QStringList left = entries(list);
+    EXPECT_EQ(left.size(), before - 4) << left.join(u' ').toStdString();
+    for (const char *gone : {"vandrel.desktop", "old.desktop", "relay.desktop", "hidden.desktop"})
+        EXPECT_FALSE(left.contains(QString::fromLatin1(gone))) << gone;
+
+    // Only a switched-off entry of ours left: the program counts as not starting, a toggle adds one.
+    home.writeFile(dir + QStringLiteral("hidden.desktop"),
+                   entry(program, QStringLiteral("Hidden=true\n")).toUtf8());
+    home.writeFile(dir + QStringLiteral("vandrel.desktop"), entry(other).toUtf8());
+    DPOpenAtLogin::toggleLoginItem(list, program);
+    EXPECT_TRUE(DPOpenAtLogin::openAtLoginEnabled(list, program));
+    EXPECT_TRUE(entries(list).contains(QStringLiteral("vandrel-2.desktop"))); // the foreign file was kept
+    EXPECT_EQ(Autostart::resolvedProgram(home.filePath(dir + QStringLiteral("vandrel.desktop"))), other);
+}
+
+TEST(OpenAtLogin, OddProgramPathsSurviveQuotingAndAnUnopenableListChangesNothing)
+{
+    TempHome home;
+    const QString program =
+        installProgram(home, QStringLiteral("odd \"dir\" $HOME `x` back\\slash;&/vandrel"));
+    const Autostart list;
+    const QString written = list.addEntry(program, {QStringLiteral("--flag with space")});
+    ASSERT_FALSE(written.isEmpty());
+    EXPECT_EQ(Autostart::resolvedProgram(written), program);
+    EXPECT_TRUE(list.hasEntryFor(program));
+    EXPECT_FALSE(list.hasEntryFor(home.filePath(QStringLiteral("odd")) + QStringLiteral("x")));
+
+    // The autostart "folder" is a file: the list cannot be opened, the toggle does nothing.
+    home.writeFile(QStringLiteral("blocked"), "not a folder");
+    const Autostart blocked(home.filePath(QStringLiteral("blocked/autostart")));
+    EXPECT_FALSE(blocked.open());
+    DPOpenAtLogin::toggleLoginItem(blocked, program);
+    EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(blocked, program));
+    EXPECT_TRUE(blocked.addEntry(program, {}).isEmpty());
+    // No program path: nothing to start, so no entry.
+    EXPECT_TRUE(list.addEntry(QString(), {}).isEmpty());
+}

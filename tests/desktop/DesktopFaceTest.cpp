@@ -1,0 +1,249 @@
+#include "app/desktop/DropboxNotice.h"
+#include "app/desktop/PreferencesWindow.h"
+#include "app/desktop/vd_AppDelegate.h"
+#include "common/LogCapture.h"
+#include "common/TempHome.h"
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
+#include "support/ls_Keychain.h"
+#include "utils/vd_FileUtils.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMainWindow>
+#include <QMenu>
+#include <QSystemTrayIcon>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A temporary home with two StorageRoots (Dropbox and Google Drive), the file keychain and a program
+// standing in for the installed agent.
+struct DesktopHome
+{
+    TempHome home;
+    QString dropboxRoot = home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
+    QString driveRoot = home.filePath(QStringLiteral("GDrive/Apps/vandrel"));
+    QString program = home.filePath(QStringLiteral("bin/vandrel"));
+    QList<QUrl> opened;
+
+    QByteArray savedDataDirs = qgetenv("XDG_DATA_DIRS");
+
+    DesktopHome()
+    {
+        qputenv("VANDREL_KEYCHAIN", "file");
+        // The system's applications folders, as far as the agent can tell.
+        qputenv("XDG_DATA_DIRS", QFile::encodeName(home.filePath(QStringLiteral("system"))));
+        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
+        home.writeFile(
+            QStringLiteral(".dropbox/info.json"),
+            QStringLiteral("{\"personal\": {\"path\": \"%1/Dropbox\"}}").arg(home.path()).toUtf8());
+        QDir(home.path()).mkpath(QStringLiteral("GDrive"));
+        QDir(home.path()).mkpath(QStringLiteral("bin"));
+        QFile::copy(QStringLiteral("/bin/true"), program);
+        vd_FileUtils::resetVandrelFolderCache();
+    }
+    ~DesktopHome()
+    {
+        qunsetenv("VANDREL_KEYCHAIN");
+        qputenv("XDG_DATA_DIRS", savedDataDirs);
+    }
+
+    vd_AppDelegate::Options options()
+    {
+        LifecycleTimes times;
+        times.statusEvery = 100ms;
+        times.statusOnce = {20ms};
+        times.welcomePause = 10ms;
+        times.dropboxCheck = 1h;
+        return {times, [this](const QUrl &url) { opened << url; }, Autostart(), program};
+    }
+
+    QJsonObject info(const QString &root) const
+    {
+        QFile file(root + QStringLiteral("/data.vdldata/computers/") + vd_FileUtils::getComputerUUID() +
+                   QStringLiteral(".json"));
+        file.open(QIODevice::ReadOnly);
+        return QJsonDocument::fromJson(file.readAll()).object();
+    }
+};
+
+QList<PreferencesWindow *> visiblePreferences()
+{
+    QList<PreferencesWindow *> windows;
+    for (QWidget *widget : QApplication::topLevelWidgets())
+        if (auto *preferences = qobject_cast<PreferencesWindow *>(widget);
+            preferences && preferences->isVisible())
+            windows << preferences;
+    return windows;
+}
+
+QAction *action(QMenu *menu, const QString &text)
+{
+    for (QAction *candidate : menu->actions())
+        if (candidate->text() == text)
+            return candidate;
+    return nullptr;
+}
+
+} // namespace
+
+TEST(DesktopFace, StartsInTheWindowWithoutATrayAndShowsTheStatus)
+{
+    DesktopHome desktop;
+    LogCapture log;
+    vd_AppDelegate delegate(nullptr, desktop.options());
+    bool finished = false;
+    QObject::connect(&delegate, &vd_AppDelegate::launchFinished, [&] { finished = true; });
+    delegate.applicationDidFinishLaunching();
+    EXPECT_EQ(vd_AppDelegate::shared(), &delegate);
+
+    ASSERT_FALSE(QSystemTrayIcon::isSystemTrayAvailable()); // the offscreen platform has no tray
+    EXPECT_FALSE(delegate.inTray());
+    EXPECT_TRUE(delegate.window()->isVisible());
+    EXPECT_TRUE(log.lines.join(u'\n').contains(QStringLiteral("no system tray is available")));
+    // Choosing the tray where there is none keeps the window, and remembers the choice.
+    delegate.runInMenubar();
+    EXPECT_TRUE(delegate.window()->isVisible());
+    EXPECT_FALSE(UserDefaults::boolValue(SettingsKeys::RunInDock));
+
+    // Run from where it was built, the program adds itself to the user's application menu as the handler
+    // of its links.
+    QFile entry(desktop.home.filePath(QStringLiteral(".local/share/applications/vandrel.desktop")));
+    ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
+    const QByteArray entryText = entry.readAll();
+    EXPECT_TRUE(entryText.contains("\nExec=" + QFile::encodeName(desktop.program) + "\n"));
+    QFile linkEntry(
+        desktop.home.filePath(QStringLiteral(".local/share/applications/vandrel-link-handler.desktop")));
+    ASSERT_TRUE(linkEntry.open(QIODevice::ReadOnly));
+    const QByteArray linkEntryText = linkEntry.readAll();
+    EXPECT_TRUE(linkEntryText.contains("\nExec=" + QFile::encodeName(desktop.program) + " open %u\n"));
+    EXPECT_TRUE(linkEntryText.contains("\nMimeType=x-scheme-handler/qlk;\n"));
+
+    // The inverted word: "active" while no WebApp user is.
+    EXPECT_TRUE(QTest::qWaitFor([&] { return delegate.statusField()->text() == u"active"; }, 10000));
+    // Both info files were written at start-up.
+    EXPECT_FALSE(desktop.info(desktop.dropboxRoot).isEmpty());
+    EXPECT_FALSE(desktop.info(desktop.driveRoot).isEmpty());
+
+    // The first launch put the agent in the autostart folder; the menu's check mark follows it.
+    ASSERT_TRUE(QTest::qWaitFor([&] { return finished; }, 10000));
+    QMenu *menu = delegate.statusMenu();
+    QAction *openAtLogin = action(menu, QStringLiteral("Open Vandrel at Login"));
+    ASSERT_NE(openAtLogin, nullptr);
+    Q_EMIT menu->aboutToShow();
+    EXPECT_TRUE(openAtLogin->isChecked());
+    openAtLogin->trigger();
+    EXPECT_FALSE(openAtLogin->isChecked());
+    EXPECT_TRUE(QDir(desktop.home.filePath(QStringLiteral(".config/autostart"))).isEmpty());
+
+    // A StorageRoot made while running shows on the next menu open: reveal reaches both roots' uploads
+    // folders (with no file manager on the bus, by opening the folders that hold them).
+    QDir(desktop.home.path()).mkpath(QStringLiteral("Dropbox (Work)"));
+    desktop.home.writeFile(
+        QStringLiteral(".dropbox/info.json"),
+        QStringLiteral("{\"personal\": {\"path\": \"%1/Dropbox\"}, \"business\": {\"path\": "
+                       "\"%1/Dropbox (Work)\"}}")
+            .arg(desktop.home.path())
+            .toUtf8());
+    desktop.home.writeFile(QStringLiteral("Dropbox (Work)/Apps/vandrel/data.vdldata/sessions_are_here.json"),
+                           "{}");
+    Q_EMIT menu->aboutToShow();
+    desktop.opened.clear();
+    action(menu, QStringLiteral("Reveal Uploads Folder"))->trigger();
+    QStringList folders;
+    for (const QUrl &url : std::as_const(desktop.opened))
+        folders << url.toLocalFile();
+    EXPECT_EQ(folders.size(), 3) << folders.join(u' ').toStdString();
+    for (const QString &folder : std::as_const(folders))
+        EXPECT_TRUE(QFileInfo(folder).isDir()) << folder.toStdString();
+
+    UserDefaults::setValue(SettingsKeys::WebAppURL, QStringLiteral("https://app.vandrel.test/"));
+    desktop.opened.clear();
+    action(menu, QStringLiteral("Open Vandrel Web App"))->trigger();
+    EXPECT_EQ(desktop.opened, QList<QUrl>{QUrl(QStringLiteral("https://app.vandrel.test/"))});
+}
+
+TEST(DesktopFace, PreferencesTwiceLeaveOneFreshWindowAndEverySaveRewritesTheInfoFiles)
+{
+    DesktopHome desktop;
+    // Installed system-wide, the program leaves the user's applications folder alone.
+    desktop.home.writeFile(QStringLiteral("system/applications/vandrel.desktop"), "[Desktop Entry]\n");
+    vd_AppDelegate delegate(nullptr, desktop.options());
+    delegate.applicationDidFinishLaunching();
+    const double start = desktop.info(desktop.dropboxRoot).value(QStringLiteral("last_updated")).toDouble();
+    ASSERT_GT(start, 0);
+    EXPECT_FALSE(desktop.info(desktop.driveRoot).contains(QStringLiteral("pword_required")));
+    EXPECT_FALSE(QDir(desktop.home.filePath(QStringLiteral(".local/share/applications"))).exists());
+
+    delegate.showPreferences();
+    QPointer<PreferencesWindow> first = delegate.preferencesController();
+    ASSERT_TRUE(first);
+    EXPECT_TRUE(first->passwordField()->text().isEmpty());
+    first->passwordField()->setText(QStringLiteral("tr0ub4dor"));
+
+    // Opening again closes the first window (which saves what was typed) and makes a new one.
+    delegate.showPreferences();
+    EXPECT_FALSE(first);
+    EXPECT_EQ(visiblePreferences().size(), 1);
+    PreferencesWindow *second = delegate.preferencesController();
+    EXPECT_EQ(second->passwordField()->text(), QStringLiteral("tr0ub4dor"));
+    EXPECT_EQ(ls_Keychain::stringForKey(vd_FileUtils::keyForComputerPassword()), QStringLiteral("tr0ub4dor"));
+    for (const QString &root : {desktop.dropboxRoot, desktop.driveRoot})
+        EXPECT_EQ(desktop.info(root).value(QStringLiteral("pword_required")), QJsonValue(true));
+
+    // Closing with no change still rewrites every info file.
+    const double saved = desktop.info(desktop.driveRoot).value(QStringLiteral("last_updated")).toDouble();
+    QTest::qWait(20);
+    second->close();
+    for (const QString &root : {desktop.dropboxRoot, desktop.driveRoot})
+        EXPECT_GT(desktop.info(root).value(QStringLiteral("last_updated")).toDouble(), saved);
+
+    // Ending the edit of an emptied field clears the password at once.
+    delegate.showPreferences();
+    PreferencesWindow *third = delegate.preferencesController();
+    third->passwordField()->clear();
+    Q_EMIT third->passwordField()->editingFinished();
+    EXPECT_EQ(ls_Keychain::stringForKey(vd_FileUtils::keyForComputerPassword()).value_or(QString()),
+              QString());
+    for (const QString &root : {desktop.dropboxRoot, desktop.driveRoot})
+        EXPECT_FALSE(desktop.info(root).contains(QStringLiteral("pword_required")));
+
+    // Another window becoming active saves what the field holds.
+    third->passwordField()->setText(QStringLiteral("left without Return"));
+    EXPECT_TRUE(QTest::qWaitForWindowActive(third));
+    delegate.window()->activateWindow();
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] {
+            return ls_Keychain::stringForKey(vd_FileUtils::keyForComputerPassword()) ==
+                   QStringLiteral("left without Return");
+        },
+        10000));
+    EXPECT_EQ(desktop.info(desktop.driveRoot).value(QStringLiteral("pword_required")), QJsonValue(true));
+}
+
+TEST(DesktopFace, DropboxNoticeComesUpWhenDropboxIsNotRunningAndGoesAgain)
+{
+    DesktopHome desktop;
+    vd_AppDelegate::Options options = desktop.options();
+    options.times.dropboxCheck = 10ms;
+    options.times.dropboxNoticeDelay = 10ms;
+    options.times.dropboxNoticeShown = 200ms;
+    vd_AppDelegate delegate(nullptr, options);
+    QWidget *notice = delegate.dropboxNotRunningPanel();
+    EXPECT_FALSE(notice->isVisible());
+    delegate.applicationDidFinishLaunching();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return notice->isVisible(); }, 10000));
+    EXPECT_TRUE(notice->windowFlags().testFlag(Qt::WindowStaysOnTopHint));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !notice->isVisible(); }, 10000));
+}
