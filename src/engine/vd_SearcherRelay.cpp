@@ -15,8 +15,9 @@ namespace {
 constexpr double kActiveWindowSeconds = 60.0;
 constexpr int kMaxThreads = 4;
 // Requests waiting beyond this many, or beyond this many bytes of their JSON text, are dropped: a relay
-// that floods the agent must not exhaust memory.
-constexpr int kMaxWaitingRequests = 1000;
+// that floods the agent must not exhaust its memory, nor its processor with checks of requests that fail.
+// A WebApp page asks for a few dozen pictures at once.
+constexpr int kMaxWaitingRequests = 200;
 constexpr qint64 kMaxWaitingBytes = 8 * 1024 * 1024;
 
 std::atomic<bool> s_initialised{false};

@@ -103,8 +103,17 @@ TEST_F(AgentWithSession, TheComputerListMarkerOpensOnlyTheComputerList)
     const std::optional<QByteArray> thumb = openedResult(QStringLiteral("thumb"));
     ASSERT_TRUE(thumb);
     EXPECT_TRUE(thumb->startsWith("\x89PNG")) << thumb->left(16).toHex().toStdString();
-    // Nothing of the decrypted requests reaches the log, paths included.
-    EXPECT_FALSE(agent->log().contains(pdf));
+    // A damaged picture is logged with its path when asked in the clear, without it when asked sealed. (In
+    // a hidden folder, which the index leaves alone.)
+    const QByteArray damaged = QByteArray("\xff\xd8\xff\xe0", 4) + QByteArray(2000, 'x');
+    const QString plainDamaged = home.writeFile(QStringLiteral(".hidden/plain.jpg"), damaged);
+    const QString sealedDamaged = home.writeFile(QStringLiteral(".hidden/sealed.jpg"), damaged);
+    ask(request({{"request_type", "thumb"}, {"path", plainDamaged + ".1.64.64.jpg"}}));
+    relay.queueRequests(QJsonArray{
+        sealed(request({{"request_type", "thumb"}, {"path", sealedDamaged + ".1.64.64.jpg"}}), "bad")});
+    ASSERT_TRUE(openedResult(QStringLiteral("bad")));
+    EXPECT_TRUE(agent->log().contains(plainDamaged));
+    EXPECT_FALSE(agent->log().contains(sealedDamaged)) << agent->log().toStdString();
 }
 
 // move_from_dropbox judges where its source really is.
