@@ -5,8 +5,6 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
 #include <QFileInfo>
 #include <QProcess>
 #include <QUrl>
@@ -43,10 +41,10 @@ void revealInFileManager(const QString &path, bool headless)
         QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
         QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
     call << QStringList{QUrl::fromLocalFile(path).toString(QUrl::FullyEncoded)} << QString();
-    auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 5000));
-    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher, [watcher, path] {
-        if (QDBusPendingReply<>(*watcher).isError())
-            openParentFolder(path);
-        watcher->deleteLater();
-    });
+    // Waited for, briefly: a short-lived `vandrel open` must not exit before the file manager has the call.
+    const QDBusMessage reply = bus.call(call, QDBus::Block, 3000);
+    if (reply.type() == QDBusMessage::ErrorMessage) {
+        qCInfo(lcApp).noquote() << "no file manager answers on D-Bus:" << reply.errorMessage();
+        openParentFolder(path);
+    }
 }
