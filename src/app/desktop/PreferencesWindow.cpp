@@ -45,6 +45,14 @@ PreferencesWindow::PreferencesWindow(std::function<void()> openWebApp, QWidget *
         m_passwordField->setText(stored);
 }
 
+PreferencesWindow::~PreferencesWindow()
+{
+    // Here, while this is still a whole preferences window: the base class would close it later, and the
+    // field's end of editing would then reach a save on an object half torn down.
+    if (isVisible())
+        close();
+}
+
 void PreferencesWindow::save()
 {
     vd_PreferencesController::setPassword(m_passwordField->text());

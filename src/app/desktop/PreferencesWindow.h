@@ -17,6 +17,8 @@ class PreferencesWindow : public QWidget
 public:
     // `openWebApp` opens the WebApp's page (the application's browser opener).
     explicit PreferencesWindow(std::function<void()> openWebApp, QWidget *parent = nullptr);
+    // Closes (and so saves) a window still open.
+    ~PreferencesWindow() override;
 
     QLineEdit *passwordField() const { return m_passwordField; }
 
