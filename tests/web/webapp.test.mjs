@@ -103,10 +103,8 @@ async function walkThrough({ encrypted, tag, contextOptions }) {
   await page.press('#password-input', 'Enter');
   await item(page, 'home').waitFor({ timeout: 60000 });
   assert.equal(await page.evaluate((p) => JSON.stringify({ ...sessionStorage, ...localStorage }).includes(p), PASSWORD), false);
-  if (encrypted) {
-    await page.check('#encrypt-all');
-    assert.equal(await page.isChecked('#encrypt-all'), true);
-  }
+  if (encrypted) await page.check('#encrypt-all');
+  const switched = sent.length;
   assert.ok(sessionFiles().length >= 1, 'the relay wrote a session file for the page');
 
   // Into the home folder by keyboard alone, then into Pictures, where the thumbnails load in grid view.
@@ -177,7 +175,17 @@ async function walkThrough({ encrypted, tag, contextOptions }) {
   assert.equal(readFileSync(home.file(`Inbox/from-${tag}.txt`), 'utf8'), upload);
   await shot(page, `${tag}-07-uploaded`);
   assert.deepEqual(pageErrors, []);
-  assert.ok(sent.length > 10);
+  // Signed requests carry the hash beside the record; sealed ones carry only the envelope and its session.
+  const records = sent.slice(switched).filter((r) => r.url.endsWith('/api/request')).map((r) => JSON.parse(r.body).request);
+  assert.ok(records.length > 10);
+  for (const record of records) {
+    if (encrypted) {
+      assert.deepEqual(Object.keys(record).sort(), ['encrypted_request', 'lifetime', 'os_session', 'request_type']);
+      assert.equal(record.request_type, 'encrypted');
+    } else {
+      assert.match(record.pword_hash, /^[0-9a-f]{64}$/);
+    }
+  }
   for (const { url, body } of sent) {
     assert.ok(url.startsWith(`${stack.url}/`) || url.startsWith('blob:') || url === 'about:blank', `request to ${url}`);
     assert.ok(!body.includes(PASSWORD) && !body.includes('hörse'), `the password went out to ${url}`);

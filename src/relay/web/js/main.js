@@ -174,6 +174,10 @@ async function go(place, { push = false } = {}) {
   if (generation !== state.generation) return;
   state.place = place;
   if (push) history.pushState({ place }, '');
+  if (!place.search) {
+    $('search-text').value = '';
+    $('search-type').value = '';
+  }
   const items = Array.isArray(record.items) ? record.items.filter((i) => i && typeof i.path === 'string') : [];
   if (place.dir === '' && !place.search) state.roots = items.map((i) => i.path).filter(Boolean);
   state.items = items;
@@ -242,6 +246,12 @@ function formatSize(bytes) {
   return `${value.toFixed(value < 10 ? 1 : 0)} ${units[unit]}`;
 }
 
+function extensionOf(path) {
+  const name = basename(path);
+  const dot = name.lastIndexOf('.');
+  return dot > 0 && name.length - dot <= 6 ? name.slice(dot + 1).toUpperCase() : '';
+}
+
 function isFolder(item) {
   return item.dir === true && item.pkg !== true;
 }
@@ -255,9 +265,16 @@ function renderItems(items, showWhere) {
     button.type = 'button';
     button.className = 'item';
     button.dataset.index = index;
+    // The type shows until the computer's picture arrives, and stays when it has none.
+    const box = document.createElement('span');
+    box.className = 'thumb-box';
+    const kind = document.createElement('span');
+    kind.className = 'kind';
+    kind.textContent = isFolder(item) ? 'Folder' : extensionOf(item.path) || 'File';
     const img = document.createElement('img');
     img.className = 'thumb';
     img.alt = '';
+    box.append(kind, img);
     const name = document.createElement('span');
     name.className = 'name';
     name.textContent = typeof item.display === 'string' && item.display ? item.display : basename(item.path);
@@ -265,7 +282,7 @@ function renderItems(items, showWhere) {
     meta.className = 'meta';
     const date = Number(item.mod_date) ? new Date(Number(item.mod_date) * 1000).toLocaleDateString() : '';
     meta.textContent = [isFolder(item) ? 'Folder' : formatSize(item.size), date].filter(Boolean).join(' · ');
-    button.append(img, name, meta);
+    button.append(box, name, meta);
     if (showWhere) {
       const where = document.createElement('span');
       where.className = 'where';
