@@ -1,7 +1,7 @@
 // Thumbnails load only as their items scroll into view, a few at a time: each one is a request held open
 // at the relay until the computer answers, and the browser has few connections to spare.
 
-const CONCURRENT = 3;
+const CONCURRENT = 5;
 const SIZE = 256;
 
 export function thumbPath(item) {
