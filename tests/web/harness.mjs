@@ -178,10 +178,11 @@ function stop(child) {
 export async function startStack({ relayBinary, agentBinary, password, fill }) {
   const home = new TempHome();
   fill?.(home);
-  if (password !== undefined) {
-    const set = spawnSync(agentBinary, ['password', 'set'], { env: home.env, input: `${password}\n`, encoding: 'utf8' });
+  const setPassword = (text) => {
+    const set = spawnSync(agentBinary, ['password', 'set'], { env: home.env, input: `${text}\n`, encoding: 'utf8' });
     if (set.status !== 0) throw new Error(`vandrel password set failed: ${set.stderr}`);
-  }
+  };
+  if (password !== undefined) setPassword(password);
 
   const relayPort = await freePort();
   const relay = spawn(relayBinary, [
@@ -201,7 +202,7 @@ export async function startStack({ relayBinary, agentBinary, password, fill }) {
   const agentLog = collect(agent);
 
   return {
-    home, url, token, polls, relay, agent,
+    home, url, token, polls, relay, agent, setPassword,
     logs: () => `--- relay\n${relayLog()}\n--- agent\n${agentLog()}`,
     async stop() {
       await Promise.all([stop(agent), stop(relay)]);

@@ -187,6 +187,19 @@ async function walkThrough({ encrypted, tag, contextOptions }) {
   await item(page, `from-${tag}.txt`).waitFor({ timeout: 60000 });
   assert.equal(readFileSync(home.file(`Inbox/from-${tag}.txt`), 'utf8'), upload);
   await shot(page, `${tag}-07-uploaded`);
+
+  // A password changed on the computer while the tab remembers the old one: the next listing is refused
+  // and the page asks again.
+  if (encrypted) {
+    stack.setPassword(`${PASSWORD} changed`);
+    await page.locator('#crumbs button', { hasText: 'home' }).click();
+    await page.locator('#status.error', { hasText: 'refused the password' }).waitFor({ timeout: 60000 });
+    assert.equal(await page.isVisible('#password-form'), true);
+    await page.fill('#password-input', `${PASSWORD} changed`);
+    await page.press('#password-input', 'Enter');
+    await item(page, 'home').waitFor({ timeout: 60000 });
+    await shot(page, `${tag}-08-password-changed`);
+  }
   assert.deepEqual(pageErrors, []);
   // Signed requests carry the hash beside the record; sealed ones carry only the envelope and its session.
   const records = sent.slice(switched).filter((r) => r.url.endsWith('/api/request')).map((r) => JSON.parse(r.body).request);
