@@ -1,8 +1,8 @@
 // Browser figures through the whole chain (chromium, vandrel-relay, vandrel --headless in a temporary home):
 //  - a search submitted in the page until its result is on screen;
 //  - a folder of 1,000 images opened until every thumbnail of the first screen has loaded, with thumbnails
-//    the agent makes fresh (each run opens a page of the folder not seen before) and with thumbnails it
-//    has already made (a new tab opening the first page again).
+//    the agent makes fresh (each run opens a page of the folder not seen before) and from a new tab
+//    opening the first page again (thumbnails made before, the listing and the tab's session new).
 //   node bench/web/webapp_bench.mjs <vandrel-relay> <vandrel> [runs]
 
 import path from 'node:path';
@@ -125,7 +125,7 @@ try {
   console.log(`Browser benchmark: chromium ${browser.version()}, ${IMAGES} PNG images of 640 x 480, grid view at 1280 x 800, thumbnails 256 x 256`);
   summary('search submitted -> result on screen', searches);
   summary('open image folder -> first screen of thumbnails (new)', cold);
-  summary('open image folder -> first screen (agent has them)', warm);
+  summary('same folder in a new tab -> first screen', warm);
   summary('one request through relay and agent (round trip)', roundTrips);
 } finally {
   await browser.close();

@@ -100,6 +100,10 @@ export class TempHome {
       XDG_RUNTIME_DIR: path.join(this.root, 'run'),
       VANDREL_KEYCHAIN: 'file',
     };
+    // Sanitizer builds take their settings from the caller.
+    for (const name of ['ASAN_OPTIONS', 'UBSAN_OPTIONS', 'LSAN_OPTIONS']) {
+      if (process.env[name] !== undefined) this.env[name] = process.env[name];
+    }
     for (const dir of ['XDG_CONFIG_HOME', 'XDG_DATA_HOME', 'XDG_CACHE_HOME', 'XDG_STATE_HOME', 'XDG_RUNTIME_DIR']) {
       mkdirSync(this.env[dir], { recursive: true, mode: 0o700 });
     }

@@ -55,10 +55,6 @@ export async function login(token) {
   await call('POST', '/api/login', { json: { token } });
 }
 
-export async function logout() {
-  await call('POST', '/api/logout');
-}
-
 export async function openSession() {
   const reply = object(await call('POST', '/api/session'), 'session');
   if (typeof reply.os_session !== 'string' || reply.os_session === '') {

@@ -4,7 +4,7 @@
 const CONCURRENT = 5;
 const SIZE = 256;
 
-export function thumbPath(item) {
+function thumbPath(item) {
   const stamp = Math.trunc(Number(item.mod_date) || 0);
   return `${item.path}.${stamp}.${SIZE}.${SIZE}.jpg`;
 }
