@@ -40,6 +40,7 @@ async function call(method, path, { json, body, headers = {}, timeoutMs = 15000,
   try {
     return await response.json();
   } catch {
+    if (signal?.aborted) throw new RelayError('cancelled', 'Cancelled.');
     throw new RelayError('bad_reply', 'The relay sent an answer that is not JSON.', response.status);
   }
 }

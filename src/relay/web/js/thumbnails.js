@@ -15,13 +15,17 @@ export class ThumbnailLoader {
     this.cache = new Map(); // thumb path -> object URL, or null when the computer had no picture
     this.waiting = [];
     this.running = 0;
+    this.cancel = new AbortController();
     this.observer = new IntersectionObserver((entries) => this.#seen(entries), { rootMargin: '200px' });
   }
 
-  // Forget what was waiting for the previous page; pictures already made stay cached.
+  // Forget what was waiting for the previous page and give up on what was asked for it, so the new page's
+  // requests get the connections; pictures already made stay cached.
   reset() {
     this.observer.disconnect();
     this.waiting = [];
+    this.cancel.abort();
+    this.cancel = new AbortController();
   }
 
   watch(img, item) {
@@ -59,9 +63,10 @@ export class ThumbnailLoader {
     const key = img.dataset.thumb;
     if (!this.cache.has(key)) {
       try {
-        const { image } = await this.computer.ask({ request_type: 'thumb', path: key });
+        const { image } = await this.computer.ask({ request_type: 'thumb', path: key }, { signal: this.cancel.signal });
         this.cache.set(key, image ? URL.createObjectURL(new Blob([image], { type: 'image/jpeg' })) : null);
       } catch (error) {
+        if (error.code === 'cancelled') return;
         img.title = error.message;
         img.classList.add('failed');
         return;
