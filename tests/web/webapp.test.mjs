@@ -114,6 +114,7 @@ async function walkThrough({ encrypted, tag, contextOptions }) {
   await item(page, 'home').focus();
   await page.keyboard.press('Enter');
   await item(page, 'Pictures').waitFor({ timeout: 60000 });
+  await shot(page, `${tag}-02b-home-list`);
   await page.keyboard.press('End');
   assert.equal(await page.evaluate(() => document.activeElement.querySelector('.name')?.textContent), 'Pictures');
   await page.keyboard.press('Enter');
@@ -179,6 +180,7 @@ async function walkThrough({ encrypted, tag, contextOptions }) {
   assert.equal(await page.locator('#items .item').count(), 40);
   assert.equal(await item(page, 'item-79.txt').count(), 1);
   assert.equal(await page.isDisabled('#page-next'), true);
+  await shot(page, `${tag}-06b-second-page`);
 
   // Upload into Inbox: through the cloud folder and moved onto the computer into the folder on screen.
   await page.locator('#crumbs button', { hasText: 'home' }).click();

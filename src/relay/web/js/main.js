@@ -184,6 +184,7 @@ async function go(place, { push = false } = {}) {
   renderCrumbs(place);
   renderItems(items, Boolean(place.search));
   renderPager(place, record);
+  window.scrollTo(0, 0);
   // The button that was pressed is gone with the old listing; keep a keyboard user in the new one.
   if (!document.activeElement || document.activeElement === document.body) focusItem(0);
   if (record.error) say(String(record.error), { error: true });
