@@ -105,6 +105,11 @@ async function walkThrough({ encrypted, tag, contextOptions }) {
   await page.press('#password-input', 'Enter');
   await item(page, 'home').waitFor({ timeout: 60000 });
   assert.equal(await page.evaluate((p) => JSON.stringify({ ...sessionStorage, ...localStorage }).includes(p), PASSWORD), false);
+  // Back to the computer list and in again: the tab remembers the proof, not the password.
+  await page.click('#home');
+  await computer.click();
+  await item(page, 'home').waitFor({ timeout: 60000 });
+  assert.equal(await page.isVisible('#password-form'), false);
   if (encrypted) await page.check('#encrypt-all');
   const switched = sent.length;
   assert.ok(sessionFiles().length >= 1, 'the relay wrote a session file for the page');

@@ -90,7 +90,13 @@ async function listComputers() {
     if (error.status === 401) return showLogin('Sign in with the access token first.');
     return fail(error);
   }
+  // Leaving a computer: nothing more is asked of it, and its listing goes.
+  state.thumbs?.reset();
+  state.generation++;
   state.computer = null;
+  state.place = null;
+  state.items = [];
+  $('items').replaceChildren();
   show('computers');
   const ul = $('computer-list');
   ul.replaceChildren();
@@ -112,14 +118,26 @@ async function listComputers() {
   ul.querySelector('button')?.focus();
 }
 
+// What this tab remembers for a computer, or null when it has nothing usable.
+function storedProof(computerId) {
+  try {
+    const proof = JSON.parse(sessionStorage.getItem(PROOF_KEY + computerId));
+    if (typeof proof?.pwordHash === 'string' && typeof proof.aesKey === 'string') return proof;
+  } catch {
+    // Unreadable: ask for the password again.
+  }
+  sessionStorage.removeItem(PROOF_KEY + computerId);
+  return null;
+}
+
 async function chooseComputer(info) {
   const computer = new Computer(info, () => session.current());
   computer.encryptAll = sessionStorage.getItem('vandrel.encryptAll') === 'true';
   state.computer = computer;
   state.thumbs = new ThumbnailLoader(computer);
-  const stored = sessionStorage.getItem(PROOF_KEY + computer.id);
+  const stored = storedProof(computer.id);
   if (stored) {
-    await computer.setProof(JSON.parse(stored));
+    await computer.setProof(stored);
   } else if (info.pword_required) {
     return askPassword();
   } else {
