@@ -1,5 +1,5 @@
 // Brings up what the browser tests and the browser benchmark talk to: a real vandrel-relay and a real
-// `vandrel --headless` in a temporary home that shares a Dropbox-style cloud folder with the relay, and
+// `vandrel --headless` in a temporary home that shares a plain synced folder with the relay, and
 // Debian's chromium driven by playwright-core. Between the agent and the relay sits a pass-through that
 // only counts the agent's polls, so a test can see the agent start and stop polling.
 
@@ -87,8 +87,8 @@ export class TempHome {
   constructor() {
     this.root = mkdtempSync(path.join(tmpdir(), 'vandrel-web-'));
     this.path = path.join(this.root, 'home');
-    this.dropbox = path.join(this.path, 'Dropbox');
-    this.storageRoot = path.join(this.dropbox, 'Apps', 'vandrel');
+    this.cloud = path.join(this.path, 'Cloud');
+    this.storageRoot = path.join(this.cloud, 'Apps', 'vandrel');
     this.env = {
       PATH: process.env.PATH,
       LANG: 'C.UTF-8',
@@ -99,6 +99,7 @@ export class TempHome {
       XDG_STATE_HOME: path.join(this.path, '.local/state'),
       XDG_RUNTIME_DIR: path.join(this.root, 'run'),
       VANDREL_KEYCHAIN: 'file',
+      VANDREL_CLOUD_FOLDERS: this.cloud,
     };
     // Sanitizer builds take their settings from the caller.
     for (const name of ['ASAN_OPTIONS', 'UBSAN_OPTIONS', 'LSAN_OPTIONS']) {
@@ -107,8 +108,7 @@ export class TempHome {
     for (const dir of ['XDG_CONFIG_HOME', 'XDG_DATA_HOME', 'XDG_CACHE_HOME', 'XDG_STATE_HOME', 'XDG_RUNTIME_DIR']) {
       mkdirSync(this.env[dir], { recursive: true, mode: 0o700 });
     }
-    this.write('.dropbox/info.json', JSON.stringify({ personal: { path: this.dropbox } }));
-    this.write('Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json', JSON.stringify({ date: Date.now() / 1000 }));
+    this.write('Cloud/Apps/vandrel/data.vdldata/sessions_are_here.json', JSON.stringify({ date: Date.now() / 1000 }));
     // The agent indexes only this home, not the machine.
     this.write('.config/vandrel/vandrel.conf', `[General]\nIndexedRoots=${this.path}\n`);
   }
@@ -191,7 +191,7 @@ export async function startStack({ relayBinary, agentBinary, password, fill }) {
   const relayPort = await freePort();
   const relay = spawn(relayBinary, [
     '--port', String(relayPort), '--bind', '127.0.0.1',
-    '--cloud-folder', home.dropbox, '--state-dir', path.join(home.root, 'relay-state'), '--web-root', WEB_ROOT,
+    '--cloud-folder', home.cloud, '--state-dir', path.join(home.root, 'relay-state'), '--web-root', WEB_ROOT,
   ], { env: home.env, stdio: ['ignore', 'pipe', 'pipe'] });
   const relayLog = collect(relay);
   const url = `http://127.0.0.1:${relayPort}`;
