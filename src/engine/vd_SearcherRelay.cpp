@@ -1,4 +1,5 @@
 #include "engine/EngineLog.h"
+#include "engine/RelayAddress.h"
 #include "engine/RelayForm.h"
 #include "engine/vd_Searcher.h"
 #include "platform/SettingsKeys.h"
@@ -9,6 +10,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTimer>
+#include <QUrl>
 
 namespace {
 
@@ -98,6 +100,17 @@ void vd_Searcher::postResultAndGetMoreRequests(const std::optional<QJsonObject> 
         std::call_once(warned, [] {
             qCWarning(lcEngine).noquote()
                 << "no RelayServer address: set RelayServerURL in the settings or VANDREL_RELAY_URL";
+        });
+        return;
+    }
+    if (!isAllowedRelayAddress(url)) {
+        static std::once_flag refused;
+        std::call_once(refused, [&] {
+            qCWarning(lcEngine).noquote()
+                << QStringLiteral(
+                       "RelayServer address %1 refused: plain http is allowed only to this machine "
+                       "(127.0.0.1, ::1, localhost); use an https address")
+                       .arg(QUrl(url).toDisplayString(QUrl::RemoveUserInfo));
         });
         return;
     }

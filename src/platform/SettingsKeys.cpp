@@ -9,6 +9,7 @@ const std::vector<Setting> &all()
         {LaunchCount, 0, nullptr},
         {CheckedEnableOpenAtLoginOnInitialLaunch, false, nullptr},
         {LastBestPath, QVariant(), nullptr},
+        {CloudFolders, QStringList(), "VANDREL_CLOUD_FOLDERS"},
         // No address is built in: a build for a given deployment sets them, and the agent says so when one
         // is missing rather than talking to a guessed host.
         {RelayServerURL, QString(), "VANDREL_RELAY_URL"},

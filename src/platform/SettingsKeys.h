@@ -15,6 +15,9 @@ inline const QString CheckedEnableOpenAtLoginOnInitialLaunch =
 // Followed by the platform id; made on first use.
 inline const QString ComputerUUIDPrefix = QStringLiteral("ComputerUUID_");
 inline const QString LastBestPath = QStringLiteral("lastBestPath");
+// Synced folders of any kind (Syncthing, Nextcloud, a plain local folder) whose "Apps/vandrel" is a
+// StorageRoot like a Dropbox folder's. A list; the environment variable separates folders with ":".
+inline const QString CloudFolders = QStringLiteral("CloudFolders");
 
 // Service addresses; each may be overridden by an environment variable (see Setting::environment).
 inline const QString RelayServerURL = QStringLiteral("RelayServerURL");

@@ -71,8 +71,10 @@ public:
     static QStringList dropBoxFolderGETAll();
     // Appends the home folder's directories named "Dropbox …" that the list does not hold yet.
     static void digForDropboxFolders(QStringList &folders);
-    // The first Dropbox folder whose text begins the path (a plain prefix test); else "~/Dropbox" when it
-    // exists; else "".
+    // The folders of the "CloudFolders" setting that exist, as absolute clean paths, in the setting's order.
+    static QStringList cloudFolders();
+    // The first Dropbox folder whose text begins the path (a plain prefix test); else the cloud folder that
+    // holds the path; else "~/Dropbox" when it exists; else "".
     static QString dropBoxFolderGET(const QString &path);
     // The best folder named "vandrel" (any case) down to depth 5 below the folder: a fresh marker (under
     // 3000 s old) wins at once and is remembered in "lastBestPath", which answers every later call while
@@ -87,7 +89,8 @@ public:
     static std::optional<QString> googleDriveFolder();
     // "~/GDrive/Apps/vandrel", created when missing; none without a Google Drive folder.
     static std::optional<QString> googleDriveFolderVandrel();
-    // All StorageRoots: the Dropbox ones in their order, then the Google Drive one.
+    // All StorageRoots: the Dropbox ones in their order, then the Google Drive one, then those of the cloud
+    // folders (found as in a Dropbox folder), each root once.
     static QStringList storageFoldersDropBoxGDriveEtc();
     // "<root>/uploads", created when missing; "" for an empty root or a link on the way.
     static QString getDefaultDropBoxUploadsFolderROOT(const QString &storageRoot);

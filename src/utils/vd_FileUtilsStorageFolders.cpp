@@ -163,10 +163,32 @@ void vd_FileUtils::digForDropboxFolders(QStringList &folders)
     }
 }
 
+QStringList vd_FileUtils::cloudFolders()
+{
+    const QVariant setting = UserDefaults::value(SettingsKeys::CloudFolders);
+    const QStringList listed = setting.typeId() == QMetaType::QStringList
+                                   ? setting.toStringList()
+                                   : setting.toString().split(u':', Qt::SkipEmptyParts);
+    QStringList folders;
+    for (const QString &entry : listed) {
+        const QString folder = QDir::cleanPath(entry.trimmed());
+        if (QDir::isAbsolutePath(folder) && folder != QStringLiteral("/") && QFileInfo(folder).isDir() &&
+            !folders.contains(folder))
+            folders << folder;
+    }
+    return folders;
+}
+
 QString vd_FileUtils::dropBoxFolderGET(const QString &path)
 {
     for (const QString &folder : dropBoxFolderGETAll()) {
         if (path.startsWith(folder))
+            return folder;
+    }
+    // Whole path components here: a cloud folder may be any folder, and "/srv/sync" must not claim
+    // "/srv/sync-other".
+    for (const QString &folder : cloudFolders()) {
+        if (path == folder || path.startsWith(folder + u'/'))
             return folder;
     }
     const QString standard = home(QStringLiteral("Dropbox"));
@@ -240,6 +262,11 @@ QStringList vd_FileUtils::storageFoldersDropBoxGDriveEtc()
     QStringList roots = dropBoxFolderVandrelAll();
     if (const std::optional<QString> drive = googleDriveFolderVandrel())
         roots << *drive;
+    for (const QString &folder : cloudFolders()) {
+        const std::optional<QString> root = dropBoxFolderVandrel(folder);
+        if (root && !roots.contains(*root))
+            roots << *root;
+    }
     return roots;
 }
 

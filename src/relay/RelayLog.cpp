@@ -1,0 +1,3 @@
+#include "relay/RelayLog.h"
+
+Q_LOGGING_CATEGORY(lcRelay, "vd.relay")

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <chrono>
+#include <map>
+#include <optional>
+
+// The browser sessions and the files that make agents poll: one
+// "<StorageRoot>/data.vdldata/sessions/<id>.json" per open session in every cloud folder, and the marker
+// "data.vdldata/sessions_are_here.json" with a fresh "date". Not thread-safe: the reactor thread owns it.
+class SessionFiles
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    SessionFiles(QStringList storageRoots, std::chrono::milliseconds staleAfter, int maxPerLogin);
+
+    // Opens a session for the login and writes its files; the oldest of that login's sessions closes
+    // beyond the limit.
+    QString open(const QString &login, Clock::time_point now);
+    // Rewrites the session's "date"; false when the login has no such session.
+    bool alive(const QString &login, const QString &sessionId, Clock::time_point now);
+    bool close(const QString &login, const QString &sessionId);
+    void closeLogin(const QString &login);
+    void closeAll();
+    // Closes the sessions whose page has gone quiet.
+    void closeStale(Clock::time_point now);
+    // Writes the marker's "date" in every StorageRoot.
+    void refreshMarkers() const;
+
+    int openCount() const { return int(m_sessions.size()); }
+
+private:
+    struct Session
+    {
+        QString login;
+        Clock::time_point lastAlive;
+    };
+
+    void writeSessionFiles(const QString &sessionId) const;
+    void removeSessionFiles(const QString &sessionId) const;
+
+    QStringList m_roots;
+    std::chrono::milliseconds m_staleAfter;
+    int m_maxPerLogin;
+    std::map<QString, Session> m_sessions;
+};

@@ -1,0 +1,71 @@
+#include "RelayProcess.h"
+
+#include "RelayClient.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+TEST(RelayProcess, MakesAPrivateTokenPrintsTheAddressAndCleansUpOnSignal)
+{
+    QTemporaryDir dir;
+    const QString state = dir.filePath(QStringLiteral("state"));
+    const QString cloud = dir.filePath(QStringLiteral("cloud"));
+    QDir().mkpath(cloud);
+    QString session;
+    QByteArray firstToken;
+    {
+        RelayProcess relay({QStringLiteral("--port"), QStringLiteral("0"), QStringLiteral("--state-dir"),
+                            state, QStringLiteral("--cloud-folder"), cloud, QStringLiteral("--web-root"),
+                            dir.path()});
+        ASSERT_NE(relay.port, 0) << relay.line.toStdString()
+                                 << relay.process.readAllStandardError().toStdString();
+        firstToken = relay.token;
+        QFile tokenFile(state + QStringLiteral("/access_token"));
+        ASSERT_TRUE(tokenFile.open(QIODevice::ReadOnly));
+        EXPECT_EQ(tokenFile.readAll().trimmed(), relay.token);
+        struct stat status = {};
+        ASSERT_EQ(::stat(QFile::encodeName(tokenFile.fileName()).constData(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, 0600u);
+
+        RelayClient browser(relay.port);
+        ASSERT_TRUE(browser.login(relay.token));
+        session = browser.openSession();
+        EXPECT_TRUE(QFileInfo::exists(cloud + QStringLiteral("/Apps/vandrel/data.vdldata/sessions/") +
+                                      session + QStringLiteral(".json")));
+        ::kill(pid_t(relay.process.processId()), SIGINT);
+        ASSERT_TRUE(relay.finished());
+        EXPECT_EQ(relay.process.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(relay.process.exitCode(), 0);
+        EXPECT_FALSE(QFileInfo::exists(cloud + QStringLiteral("/Apps/vandrel/data.vdldata/sessions/") +
+                                       session + QStringLiteral(".json")));
+        const QByteArray log = relay.process.readAllStandardError();
+        EXPECT_FALSE(log.contains(session.toLatin1())) << "session ids are not logged";
+    }
+    {
+        RelayProcess again(
+            {QStringLiteral("--port"), QStringLiteral("0"), QStringLiteral("--state-dir"), state});
+        EXPECT_EQ(again.token, firstToken) << "the token is kept across starts";
+    }
+    // A token others can read is not a secret: the relay refuses to start with it.
+    QFile::setPermissions(state + QStringLiteral("/access_token"),
+                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadOther);
+    RelayProcess exposed(
+        {QStringLiteral("--port"), QStringLiteral("0"), QStringLiteral("--state-dir"), state});
+    ASSERT_TRUE(exposed.finished());
+    EXPECT_EQ(exposed.process.exitCode(), 1);
+    EXPECT_EQ(exposed.port, 0);
+    EXPECT_TRUE(exposed.process.readAllStandardError().contains("mode 0600"));
+
+    RelayProcess badPort(
+        {QStringLiteral("--port"), QStringLiteral("70000"), QStringLiteral("--state-dir"), state});
+    ASSERT_TRUE(badPort.finished());
+    EXPECT_EQ(badPort.process.exitCode(), 2);
+}

@@ -1,0 +1,241 @@
+#include "RunningRelay.h"
+
+#include <QJsonDocument>
+#include <QUrl>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <set>
+#include <thread>
+
+using namespace std::chrono_literals;
+namespace http = boost::beast::http;
+
+namespace {
+
+const QString kComputer = QStringLiteral("computer-one");
+
+QJsonObject search(int n)
+{
+    return {{QStringLiteral("request_type"), QStringLiteral("search")},
+            {QStringLiteral("search_dir"), QStringLiteral("root_folders")},
+            {QStringLiteral("n"), n}};
+}
+
+// Polls as the agent until `count` requests have come, or the deadline passes.
+QJsonArray collect(RelayClient &agent, int count, std::chrono::seconds deadline = 20s)
+{
+    QJsonArray all;
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (all.size() < count && std::chrono::steady_clock::now() < end) {
+        for (const QJsonValue &request : RelayClient::requests(agent.poll(kComputer)))
+            all.append(request);
+    }
+    return all;
+}
+
+std::future<HttpReply> askLater(quint16 port, QByteArray cookie, QJsonObject request,
+                                QString computer = kComputer)
+{
+    return std::async(std::launch::async, [=] {
+        RelayClient client(port);
+        client.cookie = cookie;
+        return client.ask(computer, request);
+    });
+}
+
+} // namespace
+
+TEST(RelayQueue, EachRequestGoesToOnePostAndItsResultBack)
+{
+    RunningRelay relay;
+    auto browser = relay.browser();
+    std::vector<std::future<HttpReply>> calls;
+    for (int n = 1; n <= 3; ++n)
+        calls.push_back(askLater(relay.port(), browser->cookie, search(n)));
+    QJsonObject encrypted{{QStringLiteral("request_type"), QStringLiteral("encrypted")},
+                          {QStringLiteral("encrypted_request"), QStringLiteral("AAAA")},
+                          {QStringLiteral("cache_key"), QStringLiteral("chosen-by-page")},
+                          {QStringLiteral("relay_ticket"), QStringLiteral("forged")}};
+    calls.push_back(askLater(relay.port(), browser->cookie, encrypted));
+
+    // Two agent connections poll at once, as an agent with two StorageRoots does.
+    RelayClient agentA(relay.port());
+    RelayClient agentB(relay.port());
+    auto other = std::async(std::launch::async, [&] { return collect(agentB, 4, 6s); });
+    const QJsonArray mine = collect(agentA, 4, 6s);
+    const QJsonArray theirs = other.get();
+    QJsonArray handedOut = mine;
+    for (const QJsonValue &request : theirs)
+        handedOut.append(request);
+    ASSERT_EQ(handedOut.size(), 4) << "every request reaches exactly one post";
+
+    std::set<QString> tickets;
+    for (const QJsonValue &value : handedOut) {
+        const QJsonObject request = value.toObject();
+        const QString ticket = request.value(QStringLiteral("relay_ticket")).toString();
+        EXPECT_GE(ticket.size(), 20);
+        EXPECT_NE(ticket, QStringLiteral("forged"));
+        tickets.insert(ticket);
+        if (request.value(QStringLiteral("request_type")) == QStringLiteral("encrypted")) {
+            EXPECT_EQ(request.value(QStringLiteral("cache_key")).toString(), ticket);
+            EXPECT_EQ(request.value(QStringLiteral("encrypted_request")).toString(), QStringLiteral("AAAA"));
+        } else {
+            EXPECT_EQ(request.value(QStringLiteral("search_dir")).toString(), QStringLiteral("root_folders"));
+        }
+    }
+    EXPECT_EQ(tickets.size(), 4u);
+    EXPECT_TRUE(RelayClient::requests(agentA.poll(kComputer)).isEmpty()) << "nothing is handed out twice";
+
+    // Answer each as the agent does: the request record with its output is the result.
+    for (const QJsonValue &value : handedOut) {
+        QJsonObject request = value.toObject();
+        if (request.value(QStringLiteral("request_type")) == QStringLiteral("encrypted")) {
+            const QByteArray form =
+                "computer_id=" + kComputer.toUtf8() +
+                "&cache_key=" + request.value(QStringLiteral("cache_key")).toString().toUtf8() +
+                "&lifetime=30&result_encrypted=c2VjcmV0LWJ5dGVz&os_sessions=" +
+                QUrl::toPercentEncoding(QString::fromLatin1(packEnvelope(QJsonDocument(QJsonArray{}))));
+            const HttpReply posted = agentA.request(http::verb::post, "/result_encrypted", form,
+                                                    "application/x-www-form-urlencoded");
+            EXPECT_EQ(posted.status, 200);
+        } else {
+            request.insert(QStringLiteral("items"), QJsonArray{request.value(QStringLiteral("n"))});
+            EXPECT_EQ(agentA.poll(kComputer, {QStringLiteral("s")}, request).status, 200);
+        }
+    }
+    for (int n = 1; n <= 3; ++n) {
+        const HttpReply reply = calls[std::size_t(n - 1)].get();
+        ASSERT_EQ(reply.status, 200) << reply.body.toStdString();
+        const QJsonObject result = reply.json().value(QStringLiteral("result")).toObject();
+        EXPECT_EQ(result.value(QStringLiteral("n")).toInt(), n);
+        EXPECT_EQ(result.value(QStringLiteral("items")).toArray(), QJsonArray{n});
+    }
+    const HttpReply sealed = calls[3].get();
+    ASSERT_EQ(sealed.status, 200);
+    EXPECT_EQ(sealed.json(),
+              (QJsonObject{{QStringLiteral("result_encrypted"), QStringLiteral("c2VjcmV0LWJ5dGVz")}}));
+}
+
+TEST(RelayQueue, ResultsReachOnlyTheLoginThatAskedAndOnlyFromItsComputer)
+{
+    RunningRelay relay;
+    auto alice = relay.browser();
+    auto bob = relay.browser();
+    QJsonObject aliceRequest = search(1);
+    aliceRequest.insert(QStringLiteral("lifetime"), 3);
+    auto aliceCall = askLater(relay.port(), alice->cookie, aliceRequest);
+    QJsonObject bobRequest = search(2);
+    bobRequest.insert(QStringLiteral("lifetime"), 3);
+    auto bobCall = askLater(relay.port(), bob->cookie, bobRequest, QStringLiteral("computer-two"));
+
+    RelayClient agent(relay.port());
+    const QJsonArray mine = collect(agent, 1);
+    ASSERT_EQ(mine.size(), 1);
+    const QJsonObject aliceRecord = mine[0].toObject();
+    EXPECT_EQ(aliceRecord.value(QStringLiteral("n")).toInt(), 1) << "computer-one gets only its own request";
+
+    // Another computer cannot answer with a ticket it was never given, nor can anyone with a made-up one.
+    RelayClient intruder(relay.port());
+    EXPECT_EQ(intruder.poll(QStringLiteral("computer-two"), {}, aliceRecord).status, 200);
+    QJsonObject madeUp = aliceRecord;
+    madeUp.insert(QStringLiteral("relay_ticket"), QStringLiteral("no-such-ticket"));
+    EXPECT_EQ(agent.poll(kComputer, {}, madeUp).status, 200);
+    EXPECT_EQ(aliceCall.wait_for(300ms), std::future_status::timeout);
+
+    QJsonObject answer = aliceRecord;
+    answer.insert(QStringLiteral("message"), QStringLiteral("for alice"));
+    EXPECT_EQ(agent.poll(kComputer, {}, answer).status, 200);
+    const HttpReply aliceReply = aliceCall.get();
+    EXPECT_EQ(aliceReply.status, 200);
+    EXPECT_EQ(aliceReply.json()[QStringLiteral("result")][QStringLiteral("message")].toString(),
+              QStringLiteral("for alice"));
+    // A repeated answer finds nobody waiting and harms nothing.
+    EXPECT_EQ(agent.poll(kComputer, {}, answer).status, 200);
+
+    // Bob's computer never polled: his call ends with the request's lifetime.
+    const HttpReply bobReply = bobCall.get();
+    EXPECT_EQ(bobReply.status, 504);
+    EXPECT_EQ(bobReply.json().value(QStringLiteral("error")).toString(), QStringLiteral("timeout"));
+}
+
+TEST(RelayQueue, LifetimeExpiryAndLimits)
+{
+    RunningRelay relay([](RelayConfig &config) { config.maxWaitingPerComputer = 3; });
+    auto browser = relay.browser();
+
+    QJsonObject shortLived = search(1);
+    shortLived.insert(QStringLiteral("lifetime"), 0.5);
+    const HttpReply expired = browser->ask(kComputer, shortLived);
+    EXPECT_EQ(expired.status, 504);
+    EXPECT_EQ(expired.json().value(QStringLiteral("message")).toString(),
+              QStringLiteral("The computer did not answer in time."));
+    RelayClient agent(relay.port());
+    EXPECT_TRUE(RelayClient::requests(agent.poll(kComputer)).isEmpty())
+        << "an expired request is not handed out";
+
+    for (const QJsonValue &bad :
+         {QJsonValue(0), QJsonValue(-5), QJsonValue(QStringLiteral("30")), QJsonValue(QJsonArray{})}) {
+        QJsonObject request = search(2);
+        request.insert(QStringLiteral("lifetime"), bad);
+        const HttpReply reply = browser->ask(kComputer, request);
+        EXPECT_EQ(reply.status, 400);
+        EXPECT_EQ(reply.json().value(QStringLiteral("error")).toString(), QStringLiteral("bad_lifetime"));
+    }
+
+    // A lifetime beyond the cap is cut to it; the agent sees the cut value.
+    QJsonObject longLived = search(3);
+    longLived.insert(QStringLiteral("lifetime"), 1e12);
+    std::vector<std::future<HttpReply>> waiting;
+    waiting.push_back(askLater(relay.port(), browser->cookie, longLived));
+    for (int n = 4; n <= 5; ++n)
+        waiting.push_back(askLater(relay.port(), browser->cookie, search(n)));
+    // The queue holds three; once it does, a fourth is refused.
+    const auto end = std::chrono::steady_clock::now() + 20s;
+    while (relay.waitingCount(kComputer) < 3 && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(20ms);
+    const HttpReply refused = browser->ask(kComputer, search(6));
+    EXPECT_EQ(refused.status, 429);
+    EXPECT_EQ(refused.json().value(QStringLiteral("error")).toString(), QStringLiteral("queue_full"));
+    const QJsonArray handed = collect(agent, 3);
+    ASSERT_EQ(handed.size(), 3);
+    for (const QJsonValue &request : handed) {
+        if (request[QStringLiteral("n")].toInt() == 3) {
+            EXPECT_EQ(request[QStringLiteral("lifetime")].toDouble(), 120.0);
+        }
+    }
+    for (const QJsonValue &request : handed)
+        agent.poll(kComputer, {}, request.toObject());
+    for (auto &call : waiting)
+        EXPECT_EQ(call.get().status, 200);
+
+    // API bodies are capped at 1 MiB.
+    QJsonObject huge = search(7);
+    huge.insert(QStringLiteral("pad"), QString(1100 * 1024, u'x'));
+    const HttpReply tooLarge = browser->ask(kComputer, huge);
+    EXPECT_EQ(tooLarge.status, 413);
+    EXPECT_EQ(tooLarge.json().value(QStringLiteral("error")).toString(), QStringLiteral("too_large"));
+}
+
+TEST(RelayQueue, HeldPollTakesANewRequestAtOnce)
+{
+    RunningRelay relay([](RelayConfig &config) { config.longPollHold = std::chrono::seconds(30); });
+    auto browser = relay.browser();
+    RelayClient agent(relay.port());
+    auto held = std::async(std::launch::async, [&] { return agent.poll(kComputer); });
+    // The poll is held: without a request it would not answer for 30 s.
+    EXPECT_EQ(held.wait_for(500ms), std::future_status::timeout);
+    auto call = askLater(relay.port(), browser->cookie, search(1));
+    ASSERT_EQ(held.wait_for(20s), std::future_status::ready);
+    const QJsonArray requests = RelayClient::requests(held.get());
+    ASSERT_EQ(requests.size(), 1);
+    EXPECT_EQ(requests[0][QStringLiteral("n")].toInt(), 1);
+
+    // A post that carries a result is never held, even with nothing waiting.
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(agent.poll(kComputer, {}, requests[0].toObject()).status, 200);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
+    EXPECT_EQ(call.get().status, 200);
+}
