@@ -1,5 +1,10 @@
 #include "AgentWithSession.h"
+#include "common/JsonRecord.h"
+#include "support/ls_Keychain.h"
+#include "utils/vd_FileUtils.h"
+#include "utils/vd_SimpleUtils.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -136,4 +141,35 @@ TEST_F(AgentWithSession, CopiesMovesAndItemInfo)
     const QJsonArray lines = info.value(QStringLiteral("info")).toArray();
     ASSERT_EQ(lines.size(), 3);
     EXPECT_EQ(lines[2][QStringLiteral("value")].toString(), QStringLiteral("3"));
+}
+
+// Answers carry the StorageRoot and the date, or a refusal, or are held back. The password is read afresh
+// for every request, and neither it nor its hash reaches the log.
+TEST_F(AgentWithSession, ResultsAreStampedRefusedOrHeldBack)
+{
+    ls_Keychain::setString(QStringLiteral("changed-pw"), vd_FileUtils::keyForComputerPassword());
+    hash = vd_SimpleUtils::sha256Hex(computerId + QStringLiteral("___changed-pw"));
+    const QString item = home.writeFile(QStringLiteral("Documents/notes.txt"), "twelve bytes");
+    EXPECT_TRUE(
+        ask(record({{"request_type", "info"}, {"path", item}})).value(QStringLiteral("info")).isArray());
+
+    const QJsonObject unknown = ask(record({{"request_type", "Search"}}));
+    EXPECT_EQ(unknown.value(QStringLiteral("vandrel_folder")).toString(), root);
+    EXPECT_NEAR(unknown.value(QStringLiteral("search_date")).toDouble(),
+                vd_FileUtils::JSONDate(QDateTime::currentDateTimeUtc()), 30);
+    EXPECT_EQ(unknown.size(), 6) << "an unknown type gains only the folder and the date";
+
+    const QJsonObject refused =
+        ask(record({{"request_type", "search"}, {"pword_hash", hash.toUpper()}}), false);
+    EXPECT_EQ(refused.value(QStringLiteral("auth_error")), QStringLiteral("auth_pword_failed"));
+    EXPECT_FALSE(refused.contains(QStringLiteral("search_date")));
+    // Sealed under the old password: refused in the clear.
+    const QJsonObject wrongKey =
+        ask(sealed(record({{"request_type", "search"}}), QStringLiteral("old")), false);
+    EXPECT_EQ(wrongKey.value(QStringLiteral("auth_error")), QStringLiteral("auth_pword_failed"));
+    EXPECT_EQ(wrongKey.value(QStringLiteral("request_decrypted_ok")), QJsonValue(false));
+
+    EXPECT_TRUE(unanswered(record({{"request_type", "Search"}, {"dont_post", true}}), true));
+    EXPECT_FALSE(agent->log().contains(hash)) << "the password hash reached the log";
+    EXPECT_FALSE(agent->log().contains(QStringLiteral("changed-pw")));
 }
