@@ -92,7 +92,7 @@ TEST_F(AgentWithSession, SearchesAndListings)
     };
     EXPECT_TRUE(eventually(with("name_search", QStringLiteral("minutes")), fresh).contains(fresh));
     EXPECT_TRUE(eventually(with("search_string", QStringLiteral("budg")), fresh).contains(fresh));
-    const QString many = home.filePath(QStringLiteral("Many"));
+    const QString many = QFileInfo(home.writeFile(QStringLiteral("Many/m.txt"), "m")).path();
     const QStringList folders = eventually(with("file_type", QStringLiteral("public.folder")), many);
     EXPECT_TRUE(folders.contains(many));
     EXPECT_FALSE(folders.contains(fresh));
