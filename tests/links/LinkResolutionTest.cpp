@@ -28,7 +28,7 @@ protected:
         MetadataConfig config;
         config.roots = {tree()};
         config.storePath = m_home.filePath(QStringLiteral(".cache/vandrel/index.db"));
-        config.idlePriority = false; // a busy shared machine might never run an idle thread
+        config.lowPriority = false; // a busy shared machine might never run an idle thread
         config.extract = false;
         m_index = std::make_unique<MetadataIndex>(config);
         m_index->start();
