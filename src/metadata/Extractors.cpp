@@ -360,7 +360,14 @@ std::optional<QByteArray> runInChild(const std::function<QByteArray()> &work, in
         close(fds[0]);
         const struct rlimit memory = {kChildMemoryLimit, kChildMemoryLimit};
         setrlimit(RLIMIT_AS, &memory);
-        const QByteArray out = work();
+        // Running out of memory under the limit throws. The child ends here: unwound into the agent's own
+        // frames, the copy would run on as a second agent, removing temporary files and writing the index.
+        QByteArray out;
+        try {
+            out = work();
+        } catch (...) {
+            _exit(1);
+        }
         qsizetype written = 0;
         while (written < out.size()) {
             const ssize_t n = write(fds[1], out.constData() + written, size_t(out.size() - written));

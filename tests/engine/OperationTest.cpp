@@ -1,3 +1,4 @@
+#include "common/JsonRecord.h"
 #include "common/LogCapture.h"
 #include "common/TempHome.h"
 #include "engine/RequestAuth.h"
@@ -92,14 +93,6 @@ struct HandlerProbe
     std::vector<vd_Searcher::HandlerSlot> slots;
 };
 
-QJsonObject request(std::initializer_list<std::pair<const char *, QJsonValue>> members)
-{
-    QJsonObject object;
-    for (const auto &[key, value] : members)
-        object.insert(QString::fromLatin1(key), value);
-    return object;
-}
-
 } // namespace
 
 TEST(Operation, ResolvesTheSessionChecksThePasswordAndDispatchesByExactType)
@@ -110,7 +103,7 @@ TEST(Operation, ResolvesTheSessionChecksThePasswordAndDispatchesByExactType)
     LogCapture log;
     const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey().value());
 
-    vd_Searcher inDrive(request({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
+    vd_Searcher inDrive(record({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
     inDrive.main();
     ASSERT_EQ(probe.seen.size(), 1);
     EXPECT_EQ(probe.slots.back(), vd_Searcher::HandlerSlot::ItemInfo);
@@ -118,16 +111,16 @@ TEST(Operation, ResolvesTheSessionChecksThePasswordAndDispatchesByExactType)
     EXPECT_EQ(inDrive.theRequest(), std::nullopt);
 
     // Case matters; an unknown type reaches no handler but is still stamped and answered.
-    vd_Searcher capital(request({{"request_type", "Search"}, {"os_session", "box"}, {"pword_hash", hash}}));
+    vd_Searcher capital(record({{"request_type", "Search"}, {"os_session", "box"}, {"pword_hash", hash}}));
     capital.main();
     EXPECT_EQ(probe.seen.size(), 1);
     EXPECT_TRUE(log.lines.contains(QStringLiteral("unknown request type found, Search")));
     EXPECT_EQ(capital.theRequest(), std::nullopt);
 
     // No session, or one in no StorageRoot: dropped before any check, the record in the log.
-    vd_Searcher orphan(request({{"request_type", "search"}, {"search_dir", "root_folders"}}));
+    vd_Searcher orphan(record({{"request_type", "search"}, {"search_dir", "root_folders"}}));
     orphan.main();
-    vd_Searcher stranger(request({{"request_type", "search"}, {"os_session", "gone"}, {"pword_hash", hash}}));
+    vd_Searcher stranger(record({{"request_type", "search"}, {"os_session", "gone"}, {"pword_hash", hash}}));
     stranger.main();
     EXPECT_EQ(probe.seen.size(), 1);
     EXPECT_TRUE(log.lines.contains(
@@ -138,14 +131,14 @@ TEST(Operation, ResolvesTheSessionChecksThePasswordAndDispatchesByExactType)
 
     // A wrong password stops every type before its handler; the exemptions run without one.
     for (const char *type : {"search", "thumb", "preview", "info", "copy_to_dropbox", "move_from_dropbox"}) {
-        vd_Searcher wrong(request({{"request_type", type}, {"os_session", "box"}, {"pword_hash", "0"}}));
+        vd_Searcher wrong(record({{"request_type", type}, {"os_session", "box"}, {"pword_hash", "0"}}));
         wrong.main();
     }
     EXPECT_EQ(probe.seen.size(), 1);
     vd_Searcher computerList(
-        request({{"request_type", "search"}, {"os_session", "box"}, {"search_dir", "root_folders"}}));
+        record({{"request_type", "search"}, {"os_session", "box"}, {"search_dir", "root_folders"}}));
     computerList.main();
-    vd_Searcher icon(request({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.64.64.png"}}));
+    vd_Searcher icon(record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.64.64.png"}}));
     icon.main();
     ASSERT_EQ(probe.seen.size(), 3);
     EXPECT_EQ(probe.slots[1], vd_Searcher::HandlerSlot::Search);
@@ -166,23 +159,23 @@ TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
     // Four "info" requests hold every thread of the queue.
     QJsonArray blockers;
     for (int i = 0; i < 4; ++i)
-        blockers.append(request({{"request_type", "info"}, {"os_session", "box"}, {"pword_hash", hash}}));
+        blockers.append(record({{"request_type", "info"}, {"os_session", "box"}, {"pword_hash", hash}}));
     vd_Searcher::runRequests(blockers);
     ASSERT_TRUE(probe.waitForCount(4));
 
     const QJsonArray burst{
-        request({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.1.1.png"}, {"n", "thumb1"}}),
-        request({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.2.2.png"}, {"n", "thumb2"}}),
-        request({{"request_type", "encrypted"}, {"os_session", "box"}, {"encrypted_request", sealed}}),
-        request({{"request_type", "search"},
-                 {"os_session", "box"},
-                 {"search_dir", "root_folders"},
-                 {"n", "plain"}}),
+        record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.1.1.png"}, {"n", "thumb1"}}),
+        record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.2.2.png"}, {"n", "thumb2"}}),
+        record({{"request_type", "encrypted"}, {"os_session", "box"}, {"encrypted_request", sealed}}),
+        record({{"request_type", "search"},
+                {"os_session", "box"},
+                {"search_dir", "root_folders"},
+                {"n", "plain"}}),
         // A relay cannot vouch for a request it did not get encrypted.
-        request({{"request_type", "search"},
-                 {"os_session", "box"},
-                 {"request_decrypted_ok", true},
-                 {"n", "forged"}}),
+        record({{"request_type", "search"},
+                {"os_session", "box"},
+                {"request_decrypted_ok", true},
+                {"n", "forged"}}),
         QJsonValue(7),
     };
     vd_Searcher::runRequests(burst);

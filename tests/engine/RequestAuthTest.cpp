@@ -1,5 +1,6 @@
 #include "engine/RequestAuth.h"
 
+#include "common/JsonRecord.h"
 #include "support/AesCipher.h"
 #include "support/Encodings.h"
 #include "utils/vd_SimpleUtils.h"
@@ -13,14 +14,6 @@ namespace {
 
 const QString kKey =
     RequestAuth::keyString(QStringLiteral("ComputerId0123456789abcdefghijkl"), QStringLiteral("s3cret"));
-
-QJsonObject record(std::initializer_list<std::pair<const char *, QJsonValue>> members)
-{
-    QJsonObject object;
-    for (const auto &[key, value] : members)
-        object.insert(QString::fromLatin1(key), value);
-    return object;
-}
 
 QString envelopePayload(const QByteArray &plainText, const QString &key)
 {

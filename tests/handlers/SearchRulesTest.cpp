@@ -1,5 +1,6 @@
 #include "common/TempHome.h"
 #include "handlers/ItemRecords.h"
+#include "handlers/Listings.h"
 #include "handlers/SearchHandler.h"
 #include "handlers/SearchIndex.h"
 #include "metadata/MetadataIndex.h"
@@ -110,7 +111,7 @@ TEST(SearchRules, FinderOrderAndUploadRule)
     EXPECT_FALSE(ItemRecords::okToUpload(QStringLiteral("/opt/thing/System")));
 }
 
-TEST(SearchRules, SearchPagesBundlesAndCaches)
+TEST(SearchRules, SearchPagesBundlesCachesAndPhotoLibraries)
 {
     TempHome home;
     for (int i = 0; i < 100; ++i)
@@ -121,6 +122,8 @@ TEST(SearchRules, SearchPagesBundlesAndCaches)
     QDir(home.path()).mkpath(QStringLiteral("Apps/.hidden"));
     QFile::link(home.filePath(QStringLiteral("Many")), home.filePath(QStringLiteral("Apps/linked")));
     home.writeFile(QStringLiteral("Library/Caches/cachedpage.txt"), "x");
+    const QString year = home.filePath(QStringLiteral("Pictures/iPhoto Library/Masters/2024"));
+    home.writeFile(QStringLiteral("Pictures/iPhoto Library/Masters/2024/05/pic.jpg"), "x");
     MetadataConfig config;
     config.roots = {home.path()};
     config.storePath = home.filePath(QStringLiteral(".cache/vandrel/index.db"));
@@ -185,5 +188,11 @@ TEST(SearchRules, SearchPagesBundlesAndCaches)
     EXPECT_EQ(ItemRecords::getSubFolders(home.filePath(QStringLiteral("Apps"))),
               QStringList{home.filePath(QStringLiteral("Apps/Shots.aplibrary"))});
     EXPECT_TRUE(ItemRecords::getSubFolders(home.filePath(QStringLiteral("missing"))).isEmpty());
+
+    // An iPhoto year lists its months, with or without a trailing "/"; a month is the search of its pictures.
+    EXPECT_EQ(displays(Listings::doListing(year)), QStringList{QStringLiteral("05")});
+    EXPECT_EQ(displays(Listings::doListing(year + u'/')), QStringList{QStringLiteral("05")});
+    EXPECT_EQ(displays(Listings::doListing(year + QStringLiteral("/05"))),
+              QStringList{QStringLiteral("pic.jpg")});
     SearchIndex::setCurrent(nullptr);
 }

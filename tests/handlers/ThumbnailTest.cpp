@@ -1,6 +1,7 @@
 #include "common/LogCapture.h"
 #include "common/TempHome.h"
 #include "common/TestPdf.h"
+#include "handlers/ExternalThumbnailer.h"
 #include "handlers/ThumbnailCache.h"
 #include "handlers/ThumbnailHandler.h"
 #include "handlers/vd_ImageUtils.h"
@@ -152,6 +153,49 @@ TEST(Thumbnail, DocumentsIconsCorruptFilesAndBombs)
     ASSERT_TRUE(defused);
     EXPECT_LT(peakResidentKilobytes() - before, 100 * 1024);
     EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(QStringLiteral("400 megapixels")));
+}
+
+TEST(Thumbnail, ThumbnailerOutputIsReadWithinLimits)
+{
+    TempHome home;
+    LogCapture log;
+    vips_init("test");
+    // The machine's thumbnailer for videos copies the picture named inside the video file, padding it to
+    // the size named after it.
+    const QString script = home.writeFile(QStringLiteral("bin/thumbnail-video"),
+                                          "#!/bin/sh\nset -- \"$1\" \"$2\" $(cat \"$1\")\n"
+                                          "cp \"$3\" \"$2\" && truncate -s \"${4:-+0}\" \"$2\"\n");
+    QFile::setPermissions(script, QFile::ReadOwner | QFile::ExeOwner);
+    home.writeFile(QStringLiteral(".local/share/thumbnailers/video.thumbnailer"),
+                   "[Thumbnailer Entry]\nTryExec=" + script.toUtf8() + "\nExec=" + script.toUtf8() +
+                       " %i %o\nMimeType=video/x-matroska;\n");
+    const QString small = writePicture(home, QStringLiteral("small.png"), 120, 90);
+    const QString bomb = home.filePath(QStringLiteral("bomb.png"));
+    VImage::black(10000, 10001, VImage::option()->set("bands", 3))
+        .pngsave(QFile::encodeName(bomb).constData());
+    const auto video = [&](const char *name, const QString &content) {
+        return home.writeFile(QString::fromLatin1(name), content.toUtf8());
+    };
+
+    const auto plain =
+        ExternalThumbnailer::thumbnail(video("plain.mkv", small), QStringLiteral("video/x-matroska"), 128);
+    ASSERT_TRUE(plain);
+    EXPECT_EQ(plain->width(), 120);
+
+    // A picture file past 16 MiB is not read, however valid its start.
+    const QString padded = video("padded.mkv", small + QStringLiteral(" 17M"));
+    EXPECT_FALSE(ExternalThumbnailer::thumbnail(padded, QStringLiteral("video/x-matroska"), 128));
+    const auto icon = vd_ImageUtils::createImage(padded, 64, 64);
+    ASSERT_TRUE(icon); // the icon stands in
+    EXPECT_EQ(icon->width(), 64);
+
+    // 100 million pixels of three bands in a small file: refused from its header, memory stays low.
+    const long before = peakResidentKilobytes();
+    EXPECT_FALSE(
+        ExternalThumbnailer::thumbnail(video("bomb.mkv", bomb), QStringLiteral("video/x-matroska"), 128));
+    EXPECT_LT(peakResidentKilobytes() - before, 100 * 1024);
+    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(QStringLiteral("no thumbnail for ") +
+                                                       home.filePath(QStringLiteral("bomb.mkv"))));
 }
 
 TEST(Thumbnail, RequestsFillThumbAndPreviewAndRawBytes)

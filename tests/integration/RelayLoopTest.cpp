@@ -1,13 +1,10 @@
 #include "FakeRelay.h"
-#include "support/Encodings.h"
-#include "support/ls_Keychain.h"
+#include "common/JsonRecord.h"
 #include "utils/vd_FileUtils.h"
-#include "utils/vd_SimpleUtils.h"
 
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
-#include <QJsonDocument>
 #include <QThread>
 
 #include <gtest/gtest.h>
@@ -18,8 +15,6 @@ using namespace std::chrono_literals;
 using Poll = FakeRelay::Poll;
 
 namespace {
-
-const QString kPassword = QStringLiteral("correct horse");
 
 // A temporary home with a Dropbox StorageRoot and a Google Drive one, a relay, and the agent's settings
 // pointing at it. The agent itself is started by the test.
@@ -50,11 +45,6 @@ struct AgentHome
                            .arg(vd_FileUtils::JSONDate(QDateTime::currentDateTimeUtc()), 0, 'f', 3)
                            .toUtf8());
     }
-    QString keyText(const QString &computerId) const
-    {
-        return computerId + QStringLiteral("___") + kPassword;
-    }
-    QString hash(const QString &computerId) const { return vd_SimpleUtils::sha256Hex(keyText(computerId)); }
     qsizetype countPolls(const std::function<bool(const Poll &)> &condition) const
     {
         const QList<Poll> polls = relay.polls();
@@ -66,14 +56,6 @@ struct AgentHome
     QString box;
     QString drive;
 };
-
-QJsonObject record(std::initializer_list<std::pair<const char *, QJsonValue>> members)
-{
-    QJsonObject object;
-    for (const auto &[key, value] : members)
-        object.insert(QString::fromLatin1(key), value);
-    return object;
-}
 
 auto withResult(const char *marker)
 {
@@ -126,109 +108,6 @@ TEST(RelayLoop, PollsOnlyWhileSessionsExistOncePerSecondPerStorageRoot)
 
     EXPECT_EQ(agent.stop(SIGINT), 0);
     EXPECT_TRUE(agent.log().contains(QStringLiteral("vandrel stopping")));
-}
-
-TEST(RelayLoop, RequestsComeBackAsResultsInTheClearOrEncrypted)
-{
-    AgentHome setup;
-    setup.addSession(setup.box, QStringLiteral("s1"));
-    AgentProcess agent(setup.home);
-    const std::optional<Poll> first = setup.relay.waitForPoll([](const Poll &) { return true; });
-    ASSERT_TRUE(first);
-    const QString id = first->computerId;
-    // The password is set while the agent runs: it reads it afresh for every request.
-    ls_Keychain::setString(kPassword, vd_FileUtils::keyForComputerPassword());
-    const QString hash = setup.hash(id);
-    const QString item = setup.home.writeFile(QStringLiteral("Documents/notes.txt"), "twelve bytes");
-    const auto sealed = [&](const QJsonObject &inner, const QString &keyText) {
-        return base64Encoding_URL_SAFE(
-            testEncrypt(QJsonDocument(inner).toJson(QJsonDocument::Compact), keyText));
-    };
-
-    setup.relay.queueRequests(QJsonArray{
-        record({{"request_type", "Search"}, {"os_session", "s1"}, {"pword_hash", hash}, {"n", "unknown"}}),
-        record({{"request_type", "info"},
-                {"os_session", "s1"},
-                {"pword_hash", hash},
-                {"path", item},
-                {"n", "info"}}),
-        record({{"request_type", "search"},
-                {"os_session", "s1"},
-                {"pword_hash", hash.toUpper()},
-                {"n", "badsearch"}}),
-        record({{"request_type", "info"},
-                {"os_session", "s1"},
-                {"pword_hash", "00"},
-                {"path", item},
-                {"n", "badinfo"}}),
-        record({{"request_type", "Search"},
-                {"os_session", "s1"},
-                {"pword_hash", hash},
-                {"dont_post", true},
-                {"n", "quiet"}}),
-        record({{"request_type", "Search"}, {"os_session", "nobody"}, {"pword_hash", hash}, {"n", "orphan"}}),
-        record({{"request_type", "encrypted"},
-                {"os_session", "s1"},
-                {"cache_key", "ck-1"},
-                {"lifetime", 3600},
-                {"encrypted_request",
-                 sealed(record({{"request_type", "Search"}, {"n", "sealed"}}), setup.keyText(id))}}),
-        record({{"request_type", "encrypted"},
-                {"os_session", "s1"},
-                {"n", "wrongkey"},
-                {"encrypted_request",
-                 sealed(record({{"request_type", "search"}}), id + QStringLiteral("___guess"))}}),
-    });
-
-    const std::optional<Poll> unknown = setup.relay.waitForPoll(withResult("unknown"));
-    ASSERT_TRUE(unknown);
-    EXPECT_EQ(unknown->result->value(QStringLiteral("vandrel_folder")).toString(), setup.box);
-    EXPECT_NEAR(unknown->result->value(QStringLiteral("search_date")).toDouble(),
-                vd_FileUtils::JSONDate(QDateTime::currentDateTimeUtc()), 30);
-    EXPECT_EQ(unknown->result->size(), 6) << "an unknown type gains only the folder and the date";
-    EXPECT_EQ(unknown->sessions, QStringList{QStringLiteral("s1")});
-
-    const std::optional<Poll> info = setup.relay.waitForPoll(withResult("info"));
-    ASSERT_TRUE(info);
-    EXPECT_TRUE(info->result->value(QStringLiteral("info")).isArray());
-
-    const std::optional<Poll> refused = setup.relay.waitForPoll(withResult("badsearch"));
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->result->value(QStringLiteral("auth_error")), QStringLiteral("auth_pword_failed"));
-    EXPECT_FALSE(refused->result->contains(QStringLiteral("search_date")));
-
-    const std::optional<Poll> wrongKey = setup.relay.waitForPoll(withResult("wrongkey"));
-    ASSERT_TRUE(wrongKey);
-    EXPECT_EQ(wrongKey->path, "/result");
-    EXPECT_EQ(wrongKey->result->value(QStringLiteral("auth_error")), QStringLiteral("auth_pword_failed"));
-    EXPECT_EQ(wrongKey->result->value(QStringLiteral("request_decrypted_ok")), QJsonValue(false));
-
-    const std::optional<Poll> encrypted =
-        setup.relay.waitForPoll([](const Poll &poll) { return poll.path == "/result_encrypted"; });
-    ASSERT_TRUE(encrypted);
-    EXPECT_EQ(encrypted->form.value(QStringLiteral("cache_key")), "ck-1");
-    EXPECT_EQ(encrypted->form.value(QStringLiteral("lifetime")), "3600");
-    EXPECT_FALSE(encrypted->form.contains(QStringLiteral("result")));
-    const std::optional<QByteArray> cipher = dataWithBase64EncodedString_URL_SAFE(
-        QString::fromLatin1(encrypted->form.value(QStringLiteral("result_encrypted"))));
-    ASSERT_TRUE(cipher);
-    const std::optional<QByteArray> plain = testDecrypt(*cipher, setup.keyText(id));
-    ASSERT_TRUE(plain);
-    const QJsonObject opened = QJsonDocument::fromJson(*plain).object();
-    EXPECT_EQ(opened.value(QStringLiteral("n")), QStringLiteral("sealed"));
-    EXPECT_EQ(opened.value(QStringLiteral("vandrel_folder")).toString(), setup.box);
-    EXPECT_EQ(opened.value(QStringLiteral("encrypt_reply")), QJsonValue(true));
-
-    // Give stragglers time, then check what must never have been posted.
-    QThread::sleep(1);
-    for (const char *silent : {"badinfo", "quiet", "orphan"})
-        EXPECT_EQ(setup.countPolls(withResult(silent)), 0) << silent;
-    EXPECT_EQ(setup.relay.polls().size(),
-              setup.countPolls([&](const Poll &poll) { return poll.computerId == id; }));
-    EXPECT_TRUE(agent.log().contains(QStringLiteral("no session found for")));
-    EXPECT_FALSE(agent.log().contains(hash)) << "the password hash reached the log";
-    EXPECT_FALSE(agent.log().contains(kPassword));
-    EXPECT_EQ(agent.stop(SIGTERM), 0);
 }
 
 TEST(RelayLoop, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain)

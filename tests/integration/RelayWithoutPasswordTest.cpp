@@ -1,4 +1,5 @@
 #include "AgentWithSession.h"
+#include "common/JsonRecord.h"
 #include "common/TestPdf.h"
 #include "platform/FileSecretStore.h"
 #include "platform/SettingsKeys.h"
@@ -22,14 +23,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-QJsonObject request(std::initializer_list<std::pair<const char *, QJsonValue>> members)
-{
-    QJsonObject object;
-    for (const auto &[key, value] : members)
-        object.insert(QString::fromLatin1(key), value);
-    return object;
-}
-
 QStringList entries(const QString &folder)
 {
     return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
@@ -52,31 +45,31 @@ TEST_F(AgentWithSession, TheComputerListMarkerOpensOnlyTheComputerList)
     const QString uploads = root + QStringLiteral("/uploads");
     const QJsonValue open = QStringLiteral("root_folders");
     EXPECT_TRUE(
-        unanswered(request({{"request_type", "preview"}, {"search_dir", open}, {"path", pdf + ".jpg"}})));
+        unanswered(record({{"request_type", "preview"}, {"search_dir", open}, {"path", pdf + ".jpg"}})));
     EXPECT_TRUE(unanswered(
-        request({{"request_type", "thumb"}, {"search_dir", open}, {"path", pdf + ".1.64.64.jpg"}})));
-    EXPECT_TRUE(unanswered(request({{"request_type", "info"}, {"search_dir", open}, {"path", secret}})));
+        record({{"request_type", "thumb"}, {"search_dir", open}, {"path", pdf + ".1.64.64.jpg"}})));
+    EXPECT_TRUE(unanswered(record({{"request_type", "info"}, {"search_dir", open}, {"path", secret}})));
     EXPECT_TRUE(
-        unanswered(request({{"request_type", "copy_to_dropbox"}, {"search_dir", open}, {"path", secret}})));
-    EXPECT_TRUE(unanswered(request({{"request_type", "move_from_dropbox"},
-                                    {"search_dir", open},
-                                    {"path", secret},
-                                    {"dest_path", home.filePath(QStringLiteral("Moved"))}})));
+        unanswered(record({{"request_type", "copy_to_dropbox"}, {"search_dir", open}, {"path", secret}})));
+    EXPECT_TRUE(unanswered(record({{"request_type", "move_from_dropbox"},
+                                   {"search_dir", open},
+                                   {"path", secret},
+                                   {"dest_path", home.filePath(QStringLiteral("Moved"))}})));
     // A thumbnail with a wrong hash is no different.
-    EXPECT_TRUE(unanswered(request({{"request_type", "thumb"},
-                                    {"path", pdf + ".1.64.64.jpg"},
-                                    {"pword_hash", vd_SimpleUtils::sha256Hex(computerId + "___guess")}})));
+    EXPECT_TRUE(unanswered(record({{"request_type", "thumb"},
+                                   {"path", pdf + ".1.64.64.jpg"},
+                                   {"pword_hash", vd_SimpleUtils::sha256Hex(computerId + "___guess")}})));
     EXPECT_TRUE(QFile::exists(secret));
     EXPECT_FALSE(QFile::exists(home.filePath(QStringLiteral("Moved/secret.txt"))));
     EXPECT_FALSE(QFile::exists(vd_FileUtils::getFileByDatePath(uploads) + QStringLiteral("/secret.txt")));
     // The computer list itself stays open.
-    const QJsonObject computer = ask(request({{"request_type", "search"}, {"search_dir", open}}), false);
+    const QJsonObject computer = ask(record({{"request_type", "search"}, {"search_dir", open}}), false);
     EXPECT_EQ(computer.value(QStringLiteral("items")).toArray().size(), 1);
 
     // A genuine encrypted copy; the relay adds clear copies of its parameters beside the ciphertext.
     const QString elsewhere = home.filePath(QStringLiteral("Elsewhere"));
     QDir().mkpath(elsewhere);
-    QJsonObject envelope = sealed(request({{"request_type", "copy_to_dropbox"}, {"path", secret}}), "copy");
+    QJsonObject envelope = sealed(record({{"request_type", "copy_to_dropbox"}, {"path", secret}}), "copy");
     envelope.insert(QStringLiteral("dest_path"), elsewhere);
     envelope.insert(QStringLiteral("vandrel_folder"), elsewhere);
     envelope.insert(QStringLiteral("lifetime"), 60);
@@ -94,9 +87,9 @@ TEST_F(AgentWithSession, TheComputerListMarkerOpensOnlyTheComputerList)
     // raw bytes, which travel alone.
     relay.queueRequests(QJsonArray{
         sealed(
-            request({{"request_type", "search"}, {"search_dir", home.filePath(QStringLiteral("Documents"))}}),
+            record({{"request_type", "search"}, {"search_dir", home.filePath(QStringLiteral("Documents"))}}),
             "list"),
-        sealed(request({{"request_type", "thumb"}, {"path", pdf + ".1.64.64.png"}}), "thumb")});
+        sealed(record({{"request_type", "thumb"}, {"path", pdf + ".1.64.64.png"}}), "thumb")});
     const std::optional<QByteArray> listed = openedResult(QStringLiteral("list"));
     ASSERT_TRUE(listed);
     EXPECT_TRUE(itemPaths(QJsonDocument::fromJson(*listed).object()).contains(secret));
@@ -108,9 +101,9 @@ TEST_F(AgentWithSession, TheComputerListMarkerOpensOnlyTheComputerList)
     const QByteArray damaged = QByteArray("\xff\xd8\xff\xe0", 4) + QByteArray(2000, 'x');
     const QString plainDamaged = home.writeFile(QStringLiteral(".hidden/plain.jpg"), damaged);
     const QString sealedDamaged = home.writeFile(QStringLiteral(".hidden/sealed.jpg"), damaged);
-    ask(request({{"request_type", "thumb"}, {"path", plainDamaged + ".1.64.64.jpg"}}));
+    ask(record({{"request_type", "thumb"}, {"path", plainDamaged + ".1.64.64.jpg"}}));
     relay.queueRequests(QJsonArray{
-        sealed(request({{"request_type", "thumb"}, {"path", sealedDamaged + ".1.64.64.jpg"}}), "bad")});
+        sealed(record({{"request_type", "thumb"}, {"path", sealedDamaged + ".1.64.64.jpg"}}), "bad")});
     ASSERT_TRUE(openedResult(QStringLiteral("bad")));
     EXPECT_TRUE(agent->log().contains(plainDamaged));
     EXPECT_FALSE(agent->log().contains(sealedDamaged)) << agent->log().toStdString();
@@ -131,7 +124,7 @@ TEST_F(AgentWithSession, MovesTakeNothingFromOutsideTheDropboxFolder)
           dropbox + QStringLiteral("/../Documents/secret.txt"), archived,
           root + QStringLiteral("/uploads/link.txt")}) {
         const QJsonObject refused = ask(
-            request({{"request_type", "move_from_dropbox"}, {"path", source}, {"dest_path", destination}}));
+            record({{"request_type", "move_from_dropbox"}, {"path", source}, {"dest_path", destination}}));
         EXPECT_EQ(refused.value(QStringLiteral("error")).toString(),
                   source + QStringLiteral(" is not in your Dropbox folder"))
             << source.toStdString();
@@ -143,9 +136,9 @@ TEST_F(AgentWithSession, MovesTakeNothingFromOutsideTheDropboxFolder)
     // An item truly inside still moves, however its path is spelled.
     home.writeFile(QStringLiteral("Dropbox/Notes/keep.txt"), "mine");
     QDir().mkpath(dropbox + QStringLiteral("/Photos"));
-    const QJsonObject moved = ask(request({{"request_type", "move_from_dropbox"},
-                                           {"path", dropbox + QStringLiteral("/Photos/../Notes/keep.txt")},
-                                           {"dest_path", destination}}));
+    const QJsonObject moved = ask(record({{"request_type", "move_from_dropbox"},
+                                          {"path", dropbox + QStringLiteral("/Photos/../Notes/keep.txt")},
+                                          {"dest_path", destination}}));
     EXPECT_EQ(moved.value(QStringLiteral("message")).toString(), QStringLiteral("Moved out of Dropbox"));
     EXPECT_EQ(entries(destination), QStringList{QStringLiteral("keep.txt")});
 }
@@ -171,17 +164,17 @@ TEST_F(AgentWithUnreadablePassword, KeepsTheComputerClosed)
     QDir().mkpath(folder);
     for (int attempt = 0; attempt < 3; ++attempt) {
         const QJsonObject refused = ask(
-            request({{"request_type", "search"}, {"search_dir", folder}, {"pword_hash", emptyHash}}), false);
+            record({{"request_type", "search"}, {"search_dir", folder}, {"pword_hash", emptyHash}}), false);
         EXPECT_EQ(refused.value(QStringLiteral("auth_error")).toString(),
                   QStringLiteral("auth_pword_failed"));
     }
-    EXPECT_TRUE(unanswered(request({{"request_type", "info"}, {"path", folder}, {"pword_hash", emptyHash}})));
-    EXPECT_EQ(ask(request({{"request_type", "search"}, {"search_dir", folder}}))
-                  .value(QStringLiteral("auth_error")),
-              QStringLiteral("auth_pword_failed"));
+    EXPECT_TRUE(unanswered(record({{"request_type", "info"}, {"path", folder}, {"pword_hash", emptyHash}})));
+    EXPECT_EQ(
+        ask(record({{"request_type", "search"}, {"search_dir", folder}})).value(QStringLiteral("auth_error")),
+        QStringLiteral("auth_pword_failed"));
     // The computer list tells the WebApp a password is needed.
     const QJsonObject computer =
-        ask(request({{"request_type", "search"}, {"search_dir", "root_folders"}}), false);
+        ask(record({{"request_type", "search"}, {"search_dir", "root_folders"}}), false);
     EXPECT_EQ(computer.value(QStringLiteral("items")).toArray().first()[QStringLiteral("pword_required")],
               QJsonValue(true));
     EXPECT_EQ(agent->log().count(QStringLiteral("the computer password cannot be read")), 1)
@@ -192,12 +185,12 @@ TEST_F(AgentWithUnreadablePassword, KeepsTheComputerClosed)
     home.writeFile(QStringLiteral(".local/share/vandrel/keychain.json"), "{\"cut off");
     ::chmod(QFile::encodeName(FileSecretStore::defaultPath()).constData(), 0600);
     EXPECT_EQ(
-        ask(request({{"request_type", "search"}, {"search_dir", folder}, {"pword_hash", emptyHash}}), false)
+        ask(record({{"request_type", "search"}, {"search_dir", folder}, {"pword_hash", emptyHash}}), false)
             .value(QStringLiteral("auth_error")),
         QStringLiteral("auth_pword_failed"));
     QFile::remove(FileSecretStore::defaultPath());
     ls_Keychain::setString(QStringLiteral("pw"), vd_FileUtils::keyForComputerPassword());
-    EXPECT_FALSE(ask(request({{"request_type", "search"}, {"search_dir", folder}}))
+    EXPECT_FALSE(ask(record({{"request_type", "search"}, {"search_dir", folder}}))
                      .contains(QStringLiteral("auth_error")));
     EXPECT_TRUE(agent->log().contains(QStringLiteral("the computer password can be read again")));
 }
@@ -230,12 +223,12 @@ TEST_F(AgentWhoseSecretServiceIsGone, NeitherFallsBackToTheFileNorOpens)
 {
     const QString folder = home.filePath(QStringLiteral("Documents"));
     QDir().mkpath(folder);
-    EXPECT_EQ(ask(request({{"request_type", "search"}, {"search_dir", folder}}))
-                  .value(QStringLiteral("auth_error")),
-              QStringLiteral("auth_pword_failed"));
+    EXPECT_EQ(
+        ask(record({{"request_type", "search"}, {"search_dir", folder}})).value(QStringLiteral("auth_error")),
+        QStringLiteral("auth_pword_failed"));
     const QString emptyHash = vd_SimpleUtils::sha256Hex(computerId + QStringLiteral("___"));
     EXPECT_EQ(
-        ask(request({{"request_type", "search"}, {"search_dir", folder}, {"pword_hash", emptyHash}}), false)
+        ask(record({{"request_type", "search"}, {"search_dir", folder}, {"pword_hash", emptyHash}}), false)
             .value(QStringLiteral("auth_error")),
         QStringLiteral("auth_pword_failed"));
 
@@ -295,7 +288,7 @@ protected:
 TEST_F(AgentWithPlantedLinks, LeadNowhere)
 {
     const QString source = home.writeFile(QStringLiteral("Documents/a.txt"), "a");
-    const QJsonObject copy = ask(request({{"request_type", "copy_to_dropbox"}, {"path", source}}));
+    const QJsonObject copy = ask(record({{"request_type", "copy_to_dropbox"}, {"path", source}}));
     EXPECT_TRUE(copy.contains(QStringLiteral("error"))) << QJsonDocument(copy).toJson().toStdString();
     EXPECT_EQ(entries(elsewhere + QStringLiteral("/uploads")), QStringList());
     EXPECT_EQ(entries(elsewhere + QStringLiteral("/computers")) +
@@ -328,7 +321,7 @@ TEST_F(AgentWithSession, AWrongHashFloodIsBounded)
     EXPECT_LT(agent->residentKb() - baseline, 60 * 1024) << "memory grew under the flood";
     EXPECT_LT(posts, 6 * 40) << "every refusal was answered at once";
     relay.setMisbehaviour(std::nullopt);
-    EXPECT_FALSE(ask(request({{"request_type", "search"}, {"search_dir", "root_folders"}}))
+    EXPECT_FALSE(ask(record({{"request_type", "search"}, {"search_dir", "root_folders"}}))
                      .contains(QStringLiteral("missing")));
 }
 

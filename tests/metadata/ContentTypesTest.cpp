@@ -2,10 +2,11 @@
 
 #include "metadata/Extractors.h"
 
+#include <QDataStream>
+#include <QElapsedTimer>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 namespace {
 
@@ -15,38 +16,40 @@ QStringList treeOf(const char *name, bool folder = false)
     return types.tree(types.codeForFileName(name, folder));
 }
 
-// A zip with one deflated member, enough for the office reader.
-QByteArray zipWith(const QByteArray &name, const QByteArray &content)
+// A zip whose one member, the text of a word-processing document, is deflated `content`; its headers claim
+// `claimedSize` bytes unpacked.
+QByteArray officeZip(const QByteArray &content, quint32 claimedSize)
 {
-    QByteArray deflated(compressBound(uLong(content.size())) + 16, Qt::Uninitialized);
-    z_stream stream{};
-    deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
-    stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(content.constData()));
-    stream.avail_in = uInt(content.size());
-    stream.next_out = reinterpret_cast<Bytef *>(deflated.data());
-    stream.avail_out = uInt(deflated.size());
-    deflate(&stream, Z_FINISH);
-    deflated.truncate(qsizetype(stream.total_out));
-    deflateEnd(&stream);
-    auto le = [](quint32 value, int bytes) {
-        QByteArray out;
-        for (int i = 0; i < bytes; ++i)
-            out.append(char((value >> (8 * i)) & 0xff));
-        return out;
-    };
-    const quint32 crc =
-        quint32(crc32(0, reinterpret_cast<const Bytef *>(content.constData()), uInt(content.size())));
-    const QByteArray sizes = le(crc, 4) + le(quint32(deflated.size()), 4) + le(quint32(content.size()), 4);
-    QByteArray zip = le(0x04034b50, 4) + le(20, 2) + le(0, 2) + le(8, 2) + le(0, 4) + sizes +
-                     le(quint32(name.size()), 2) + le(0, 2) + name + deflated;
-    const auto central = quint32(zip.size());
-    zip += le(0x02014b50, 4) + le(20, 2) + le(20, 2) + le(0, 2) + le(8, 2) + le(0, 4) + sizes +
-           le(quint32(name.size()), 2) + le(0, 2) + le(0, 2) + le(0, 2) + le(0, 2) + le(0, 4) + le(0, 4) +
-           name;
-    const auto centralSize = quint32(zip.size()) - central;
-    zip += le(0x06054b50, 4) + le(0, 2) + le(0, 2) + le(1, 2) + le(1, 2) + le(centralSize, 4) +
-           le(central, 4) + le(0, 2);
+    const QByteArray name = "word/document.xml";
+    const QByteArray deflated = qCompress(content).mid(6).chopped(4); // the raw stream inside zlib's frame
+    QByteArray zip;
+    QDataStream out(&zip, QIODevice::WriteOnly);
+    out.setByteOrder(QDataStream::LittleEndian);
+    out << quint32(0x04034b50) << quint16(20) << quint16(0) << quint16(8) << quint32(0) << quint32(0)
+        << quint32(deflated.size()) << claimedSize << quint16(name.size()) << quint16(0);
+    out.writeRawData(name.constData(), int(name.size()));
+    out.writeRawData(deflated.constData(), int(deflated.size()));
+    const quint32 directory = quint32(zip.size());
+    out << quint32(0x02014b50) << quint16(20) << quint16(20) << quint16(0) << quint16(8) << quint32(0)
+        << quint32(0) << quint32(deflated.size()) << claimedSize << quint16(name.size()) << quint16(0)
+        << quint16(0) << quint16(0) << quint16(0) << quint32(0) << quint32(0);
+    out.writeRawData(name.constData(), int(name.size()));
+    out << quint32(0x06054b50) << quint16(0) << quint16(0) << quint16(1) << quint16(1)
+        << quint32(zip.size() - directory) << directory << quint16(0);
     return zip;
+}
+
+QByteArray officeZip(const QByteArray &content)
+{
+    return officeZip(content, quint32(content.size()));
+}
+
+QString writeIn(const QTemporaryDir &dir, const char *name, const QByteArray &bytes)
+{
+    QFile file(dir.filePath(QLatin1String(name)));
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(bytes);
+    return file.fileName();
 }
 
 } // namespace
@@ -81,12 +84,7 @@ TEST(ContentTypes, MapsMimeTypesOntoTheUniformTypeTree)
 TEST(Extractors, ReadsOfficeMailAndTextAndSkipsBinaries)
 {
     QTemporaryDir dir;
-    auto write = [&](const char *name, const QByteArray &bytes) {
-        QFile file(dir.filePath(QLatin1String(name)));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(bytes);
-        return file.fileName();
-    };
+    const auto write = [&](const char *name, const QByteArray &bytes) { return writeIn(dir, name, bytes); };
     ContentTypes &types = ContentTypes::instance();
     auto extract = [&](const QString &path) {
         return Extractors::extract(path,
@@ -94,9 +92,9 @@ TEST(Extractors, ReadsOfficeMailAndTextAndSkipsBinaries)
                                    4 * 1024 * 1024, 5000);
     };
 
-    const QString docx = write(
-        "letter.docx", zipWith("word/document.xml", "<w:document><w:p><w:t>Dear Zoë,</w:t></w:p><w:p><w:t>"
-                                                    "the &amp; quarterly figures</w:t></w:p></w:document>"));
+    const QString docx =
+        write("letter.docx", officeZip("<w:document><w:p><w:t>Dear Zoë,</w:t></w:p><w:p><w:t>"
+                                       "the &amp; quarterly figures</w:t></w:p></w:document>"));
     const Extraction office = extract(docx);
     EXPECT_FALSE(office.failed);
     EXPECT_TRUE(office.text.contains(QStringLiteral("Dear Zoë,")));
@@ -120,4 +118,37 @@ TEST(Extractors, ReadsOfficeMailAndTextAndSkipsBinaries)
     EXPECT_TRUE(extract(write("binary.txt", QByteArray("abc\0def", 7))).text.isEmpty());
     EXPECT_TRUE(extract(write("fake.pdf", "%PDF-1.4 garbage")).failed);
     EXPECT_TRUE(extract(dir.filePath(QStringLiteral("missing.txt"))).failed);
+}
+
+TEST(Extractors, ChildrenAreKilledAtTheirTimeMemoryAndOutputLimits)
+{
+    QTemporaryDir dir;
+    const auto write = [&](const char *name, const QByteArray &bytes) { return writeIn(dir, name, bytes); };
+    const auto office = ContentTypes::instance().codeForFileName("report.docx", false);
+    const qint64 textCap = qint64(2) << 30; // far above the children's own limits
+
+    // Words come out; the same words under a header claiming 1.5 GiB need a buffer past the child's
+    // address space.
+    const QByteArray words = "<w:t>quarterly words</w:t>";
+    EXPECT_EQ(
+        Extractors::extract(write("plain.docx", officeZip(words)), office, textCap, 60000).text.trimmed(),
+        QStringLiteral("quarterly words"));
+    const Extraction liar =
+        Extractors::extract(write("liar.docx", officeZip(words, 0x60000000)), office, textCap, 60000);
+    EXPECT_TRUE(liar.failed);
+    EXPECT_TRUE(liar.text.isEmpty());
+
+    // 34 million characters are 68 MB on the way back: the child is killed, nothing is kept.
+    const Extraction flood = Extractors::extract(write("wordy.docx", officeZip(QByteArray(34'000'000, 'a'))),
+                                                 office, textCap, 60000);
+    EXPECT_TRUE(flood.failed);
+    EXPECT_TRUE(flood.text.isEmpty());
+
+    const QString slow = write("slow.pdf", "%PDF-1.4\n" + QByteArray(2 * 1024 * 1024, ' '));
+    QElapsedTimer timer;
+    timer.start();
+    const Extraction stalled = Extractors::extract(
+        slow, ContentTypes::instance().codeForFileName("slow.pdf", false), 1024, 0); // no time at all
+    EXPECT_TRUE(stalled.failed);
+    EXPECT_LT(timer.elapsed(), 5000);
 }

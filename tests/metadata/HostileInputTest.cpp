@@ -1,5 +1,4 @@
 #include "common/TempHome.h"
-#include "metadata/Extractors.h"
 #include "metadata/MetadataIndex.h"
 
 #include <QDir>
@@ -145,18 +144,4 @@ TEST(MetadataHostileInput, WatcherFollowsMovesInAndOutAndOverwrites)
                      qPrintable(home.filePath(QStringLiteral("in/target.txt")))),
               0);
     eventually(QStringLiteral("kMDItemFSName == \"*.txt\""), {"in/arrived/sub/y1.txt", "in/target.txt"});
-}
-
-TEST(MetadataHostileInput, StalledExtractorIsKilledAndRemembered)
-{
-    TempHome home;
-    QByteArray pdf = "%PDF-1.4\n";
-    pdf += QByteArray(2 * 1024 * 1024, ' ');
-    const QString path = home.writeFile(QStringLiteral("slow.pdf"), pdf);
-    const auto code = ContentTypes::instance().codeForFileName("slow.pdf", false);
-    QElapsedTimer timer;
-    timer.start();
-    const Extraction result = Extractors::extract(path, code, 1024, 0); // no time at all: the child is killed
-    EXPECT_TRUE(result.failed);
-    EXPECT_LT(timer.elapsed(), 5000);
 }
