@@ -264,7 +264,8 @@ void Indexer::loadOrCrawl()
         }
         qCInfo(lcMetadata, "indexing %zu folders from scratch", pending.size());
         crawl(std::move(pending));
-        m_table.replaceAll(std::move(m_bulkRecords));
+        if (m_bulk)
+            m_table.replaceAll(std::move(m_bulkRecords));
         m_bulkRecords = {};
         m_bulk = false;
         m_crawling = false;
@@ -376,6 +377,7 @@ void Indexer::crawl(std::vector<Pending> pending)
         scanFolder(folder, pending);
         ++m_foldersDone;
         m_foldersWaiting = pending.size();
+        takeEventsDuringCrawl();
         if (m_foldersDone % 256 == 0) {
             m_percent = int(m_foldersDone * 100 / (m_foldersDone + pending.size()));
             m_store->setMeta(QStringLiteral("crawl_progress"), QString::number(m_percent.load()));
@@ -387,9 +389,28 @@ void Indexer::crawl(std::vector<Pending> pending)
                 m_table.replaceAll(m_bulkRecords);
                 m_bulkShown = m_bulkRecords.size();
             }
+            if (!m_bulk)
+                m_table.compactIfLarge();
         }
     }
     m_foldersWaiting = 0;
+}
+
+void Indexer::takeEventsDuringCrawl()
+{
+    pollfd fd{m_inotify, POLLIN, 0};
+    if (m_handlingEvents || m_inotify < 0 || poll(&fd, 1, 0) <= 0)
+        return; // a crawl of a folder that events created finishes before the next events
+    // What the user changes now goes before the rest of the crawl. Event handling needs a table that holds
+    // everything read so far, so a first crawl gives up gathering its records and fills the table as it goes.
+    if (m_bulk) {
+        m_table.replaceAll(std::move(m_bulkRecords));
+        m_bulkRecords = {};
+        m_bulk = false;
+    }
+    m_store->commit();
+    handleEvents();
+    m_store->begin();
 }
 
 void Indexer::reportProgress(bool now)
@@ -672,6 +693,7 @@ void Indexer::handleEvents()
     std::unordered_map<std::uint32_t, MoveFrom> movesFrom;
     std::vector<std::pair<std::uint32_t, std::string>> touched;
     alignas(inotify_event) char buffer[64 * 1024];
+    m_handlingEvents = true;
     m_store->begin();
     for (;;) {
         const ssize_t length = read(m_inotify, buffer, sizeof buffer);
@@ -723,6 +745,7 @@ void Indexer::handleEvents()
         refreshEntry(from.parent, from.name);
     noteChange();
     m_store->commit();
+    m_handlingEvents = false;
     m_table.compactIfLarge();
 }
 

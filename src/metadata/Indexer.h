@@ -56,6 +56,7 @@ private:
     void loadOrCrawl();
     void catchUp();
     void crawl(std::vector<Pending> pending);
+    void takeEventsDuringCrawl(); // handles waiting inotify events between two folders of a crawl
     void scanFolder(const Pending &folder, std::vector<Pending> &next);
     void refreshEntry(std::uint32_t parent, const std::string &name);
     void moveEntry(std::uint32_t fromParent, const std::string &fromName, std::uint32_t toParent,
@@ -94,6 +95,7 @@ private:
     bool m_bulk = false; // first crawl: records gather in m_bulkRecords
     std::vector<FileRecord> m_bulkRecords;
     std::size_t m_bulkShown = 0; // of m_bulkRecords, how many the table holds
+    bool m_handlingEvents = false;
     std::size_t m_uncommitted = 0;
     std::size_t m_foldersDone = 0;
     std::uint32_t m_extractCursor = 0; // extraction walks the files by id, a pass at a time

@@ -35,6 +35,26 @@ std::uint32_t trigramKey(const char *p)
            std::uint32_t(static_cast<unsigned char>(p[2]));
 }
 
+// Pairs share the trigram key space above every trigram; a pair starting with NUL marks a name's first byte.
+constexpr std::uint32_t kPairFlag = 1u << 24;
+
+std::uint32_t pairKey(const char *p)
+{
+    return kPairFlag | (std::uint32_t(static_cast<unsigned char>(p[0])) << 8) |
+           std::uint32_t(static_cast<unsigned char>(p[1]));
+}
+
+// The keys a literal's hits must all carry: its pairs when it is short or begins at a name's start, else its
+// trigrams.
+std::vector<std::uint32_t> gramKeys(std::string_view literal)
+{
+    std::vector<std::uint32_t> keys;
+    const bool pairs = literal.size() < 3 || literal.front() == '\0';
+    for (std::size_t i = 0; i + (pairs ? 2 : 3) <= literal.size(); ++i)
+        keys.push_back(pairs ? pairKey(literal.data() + i) : trigramKey(literal.data() + i));
+    return keys;
+}
+
 void putVarint(std::vector<std::uint8_t> &out, std::uint32_t value)
 {
     while (value >= 0x80) {
@@ -87,10 +107,10 @@ struct NameTable::Main
     std::string folded;    // folded last components, each preceded and followed by a NUL, row order
     std::vector<std::uint32_t> idToRow;
     std::vector<std::uint32_t> rootRows;
-    std::vector<std::uint32_t> trigramKeys; // sorted
-    std::vector<std::uint32_t> trigramOffsets;
-    std::vector<std::uint32_t> trigramCounts;
-    std::vector<std::uint8_t> postings;    // per trigram: varint row deltas, ascending
+    std::vector<std::uint32_t> grams; // trigram and pair keys, sorted
+    std::vector<std::uint32_t> gramOffsets;
+    std::vector<std::uint32_t> gramCounts;
+    std::vector<std::uint8_t> postings;    // per gram: varint row deltas, ascending
     std::vector<std::uint32_t> exactNames; // open addressing: row + 1, 0 empty
     std::vector<std::uint32_t> children;   // open addressing over (parent, name): row + 1, 0 empty
 
@@ -103,7 +123,7 @@ struct NameTable::Main
 
     std::size_t memoryBytes() const
     {
-        return rows.capacity() * sizeof(Row) + idToRow.capacity() * 4 + trigramKeys.capacity() * 12 +
+        return rows.capacity() * sizeof(Row) + idToRow.capacity() * 4 + grams.capacity() * 12 +
                postings.capacity() + exactNames.capacity() * 4 + children.capacity() * 4;
     }
 
@@ -138,7 +158,7 @@ NameTable::Main::build(std::vector<std::pair<FileRecord, std::string>> entries)
         std::uint32_t last = 0;
         std::uint32_t count = 0;
     };
-    std::unordered_map<std::uint32_t, Postings> trigrams;
+    std::unordered_map<std::uint32_t, Postings> postingsByGram;
     std::vector<std::uint32_t> keys;
     for (auto &[record, folded] : entries) {
         const auto row = std::uint32_t(main->rows.size());
@@ -163,10 +183,14 @@ NameTable::Main::build(std::vector<std::pair<FileRecord, std::string>> entries)
         keys.clear();
         for (std::size_t i = 0; i + 3 <= r.foldedLength; ++i)
             keys.push_back(trigramKey(folded.data() + i));
+        // The blob puts a NUL before the name, so the first pair tells the name's first byte.
+        const char *start = main->folded.data() + r.foldedOffset - 1;
+        for (std::size_t i = 0; i + 2 <= std::size_t(r.foldedLength) + 1; ++i)
+            keys.push_back(pairKey(start + i));
         std::sort(keys.begin(), keys.end());
         keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
         for (std::uint32_t key : keys) {
-            Postings &postings = trigrams[key];
+            Postings &postings = postingsByGram[key];
             putVarint(postings.bytes, postings.count == 0 ? row : row - postings.last);
             postings.last = row;
             ++postings.count;
@@ -175,20 +199,20 @@ NameTable::Main::build(std::vector<std::pair<FileRecord, std::string>> entries)
         std::string().swap(folded);
     }
 
-    main->trigramKeys.reserve(trigrams.size());
-    for (const auto &entry : trigrams)
-        main->trigramKeys.push_back(entry.first);
-    std::sort(main->trigramKeys.begin(), main->trigramKeys.end());
-    main->trigramOffsets.reserve(trigrams.size());
-    main->trigramCounts.reserve(trigrams.size());
+    main->grams.reserve(postingsByGram.size());
+    for (const auto &entry : postingsByGram)
+        main->grams.push_back(entry.first);
+    std::sort(main->grams.begin(), main->grams.end());
+    main->gramOffsets.reserve(postingsByGram.size());
+    main->gramCounts.reserve(postingsByGram.size());
     std::size_t postingBytes = 0;
-    for (const auto &entry : trigrams)
+    for (const auto &entry : postingsByGram)
         postingBytes += entry.second.bytes.size();
     main->postings.reserve(postingBytes + 8);
-    for (std::uint32_t key : main->trigramKeys) {
-        Postings &postings = trigrams[key];
-        main->trigramOffsets.push_back(std::uint32_t(main->postings.size()));
-        main->trigramCounts.push_back(postings.count);
+    for (std::uint32_t key : main->grams) {
+        Postings &postings = postingsByGram[key];
+        main->gramOffsets.push_back(std::uint32_t(main->postings.size()));
+        main->gramCounts.push_back(postings.count);
         main->postings.insert(main->postings.end(), postings.bytes.begin(), postings.bytes.end());
         std::vector<std::uint8_t>().swap(postings.bytes);
     }
@@ -483,15 +507,13 @@ void NameTable::Reader::scanMainContaining(std::string_view literal, const Visit
     }
     const std::string &blob = m_main->folded;
     const std::vector<Main::Row> &rows = m_main->rows;
-    // A literal that begins with the separator matches at the start of the following name.
-    const std::uint32_t lead = literal.front() == '\0' ? 1 : 0;
     std::size_t position = 0;
     while (position < blob.size()) {
         const void *hit =
             memmem(blob.data() + position, blob.size() - position, literal.data(), literal.size());
         if (!hit)
             return;
-        const auto offset = std::uint32_t(static_cast<const char *>(hit) - blob.data()) + lead;
+        const auto offset = std::uint32_t(static_cast<const char *>(hit) - blob.data());
         const auto it =
             std::upper_bound(rows.begin(), rows.end(), offset,
                              [](std::uint32_t value, const Main::Row &r) { return value < r.foldedOffset; });
@@ -504,47 +526,34 @@ void NameTable::Reader::scanMainContaining(std::string_view literal, const Visit
     }
 }
 
-void NameTable::Reader::scanMainStartingWith(std::string_view prefix, const Visit &visit) const
+std::optional<std::size_t> NameTable::Reader::rarestGram(std::string_view literal) const
 {
-    std::string literal(1, '\0');
-    literal.append(prefix);
-    scanMainContaining(literal, visit);
-}
-
-std::size_t NameTable::Reader::trigramPostingCount(std::string_view literal) const
-{
-    std::size_t best = std::size_t(-1);
-    for (std::size_t i = 0; i + 3 <= literal.size(); ++i) {
-        const auto it = std::lower_bound(m_main->trigramKeys.begin(), m_main->trigramKeys.end(),
-                                         trigramKey(literal.data() + i));
-        if (it == m_main->trigramKeys.end() || *it != trigramKey(literal.data() + i))
-            return 0;
-        best =
-            std::min<std::size_t>(best, m_main->trigramCounts[std::size_t(it - m_main->trigramKeys.begin())]);
+    std::optional<std::size_t> best;
+    for (std::uint32_t key : gramKeys(literal)) {
+        const auto it = std::lower_bound(m_main->grams.begin(), m_main->grams.end(), key);
+        if (it == m_main->grams.end() || *it != key)
+            return std::nullopt;
+        const auto index = std::size_t(it - m_main->grams.begin());
+        if (!best || m_main->gramCounts[index] < m_main->gramCounts[*best])
+            best = index;
     }
     return best;
 }
 
-void NameTable::Reader::scanMainTrigrams(std::string_view literal, const Visit &visit) const
+std::size_t NameTable::Reader::gramPostingCount(std::string_view literal) const
 {
-    std::size_t bestIndex = std::size_t(-1);
-    std::uint32_t bestCount = 0xffffffffu;
-    for (std::size_t i = 0; i + 3 <= literal.size(); ++i) {
-        const std::uint32_t key = trigramKey(literal.data() + i);
-        const auto it = std::lower_bound(m_main->trigramKeys.begin(), m_main->trigramKeys.end(), key);
-        if (it == m_main->trigramKeys.end() || *it != key)
-            return;
-        const auto index = std::size_t(it - m_main->trigramKeys.begin());
-        if (m_main->trigramCounts[index] < bestCount) {
-            bestCount = m_main->trigramCounts[index];
-            bestIndex = index;
-        }
-    }
-    if (bestIndex == std::size_t(-1))
+    const std::optional<std::size_t> index = rarestGram(literal);
+    return index ? m_main->gramCounts[*index] : 0;
+}
+
+void NameTable::Reader::scanMainGrams(std::string_view literal, const Visit &visit) const
+{
+    const std::optional<std::size_t> index = rarestGram(literal);
+    if (!index)
         return;
-    const std::uint8_t *p = m_main->postings.data() + m_main->trigramOffsets[bestIndex];
+    const std::uint8_t *p = m_main->postings.data() + m_main->gramOffsets[*index];
     std::uint32_t row = 0;
-    for (std::uint32_t i = 0; i < bestCount; ++i) {
+    for (std::uint32_t i = 0; i < m_main->gramCounts[*index]; ++i) {
         row = i == 0 ? getVarint(p) : row + getVarint(p);
         if (!m_table.m_tombstones[row] && !visit(mainView(row)))
             return;

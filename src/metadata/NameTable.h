@@ -40,7 +40,8 @@ struct RecordView
     std::uint8_t flags = 0;
 };
 
-// The in-memory name table: every record newest first, trigram postings over folded names, a hash of exact
+// The in-memory name table: every record newest first, trigram and byte-pair postings over folded names (the
+// pairs keep one- and two-character searches off a full scan), a hash of exact
 // names and one of (folder, name) pairs. Changes go to a small delta segment with tombstones over the
 // main segment, which is rebuilt when the delta grows. One writer thread; any number of readers, which
 // hold a shared lock only while they scan.
@@ -105,11 +106,11 @@ public:
     void scanMain(const Visit &visit) const;
     // Rows whose folded name contains `literal` (any length), found with a memmem over the name blob.
     void scanMainContaining(std::string_view literal, const Visit &visit) const;
-    // Rows whose folded name begins with `prefix`, found the same way.
-    void scanMainStartingWith(std::string_view prefix, const Visit &visit) const;
-    // Rows carrying every distinct trigram of `literal` (three bytes or more): the rarest trigram's postings.
-    void scanMainTrigrams(std::string_view literal, const Visit &visit) const;
-    std::size_t trigramPostingCount(std::string_view literal) const; // of the rarest trigram
+    // A superset of the rows whose folded name contains `literal` (two bytes or more): the postings of its
+    // rarest trigram, or of its rarest byte pair when it is two bytes long or begins with a NUL, which stands
+    // for the start of a name ("\0e" covers names starting with "e").
+    void scanMainGrams(std::string_view literal, const Visit &visit) const;
+    std::size_t gramPostingCount(std::string_view literal) const; // of the rarest gram
     void scanMainExactName(std::string_view name, const Visit &visit) const;
     // Every delta record, in no order.
     void scanDelta(const Visit &visit) const;
@@ -119,6 +120,7 @@ private:
     friend class NameTable;
     explicit Reader(const NameTable &table);
     RecordView mainView(std::uint32_t row) const;
+    std::optional<std::size_t> rarestGram(std::string_view literal) const; // an index into the gram keys
     RecordView deltaView(const DeltaRecord &record) const;
     std::optional<std::uint32_t> child(std::uint32_t parent, std::string_view name) const;
 

@@ -221,7 +221,7 @@ bool eval(const Compiled &c, const RecordView &r, const Context &context)
 // A way to enumerate a superset of a clause's hits from the main segment, newest first.
 struct Source
 {
-    enum class Kind { Exact, Trigram, Containing, StartingWith, Ids } kind;
+    enum class Kind { Exact, Grams, Containing, Ids } kind;
     std::string literal;
     std::shared_ptr<QueryEvaluator::IdSet> ids;
     std::size_t cost = 0;
@@ -235,13 +235,14 @@ std::optional<std::vector<Source>> sourcesFor(const Compiled &c, const NameTable
         if (literal.empty())
             return std::nullopt;
         if (pattern.anchoredStart && !pattern.wordBased && literal.size() < 3) {
+            // A short prefix: the NUL before every name in the table makes it a pair lookup.
             const std::string &first = pattern.segments.front();
             const std::string prefix =
-                pattern.folded ? first : Folding::fold(std::string_view(first)).toStdString();
-            return Source{Source::Kind::StartingWith, prefix, nullptr, rows / 8};
+                '\0' + (pattern.folded ? first : Folding::fold(std::string_view(first)).toStdString());
+            return Source{Source::Kind::Grams, prefix, nullptr, reader.gramPostingCount(prefix)};
         }
-        if (literal.size() >= 3)
-            return Source{Source::Kind::Trigram, literal, nullptr, reader.trigramPostingCount(literal)};
+        if (literal.size() >= 2)
+            return Source{Source::Kind::Grams, literal, nullptr, reader.gramPostingCount(literal)};
         return Source{Source::Kind::Containing, literal, nullptr, rows / 4};
     };
     switch (c.kind) {
@@ -428,14 +429,11 @@ std::vector<std::string> QueryEvaluator::run(const NameTable &table, const Query
                 case Source::Kind::Exact:
                     reader.scanMainExactName(source.literal, collect(taken));
                     break;
-                case Source::Kind::Trigram:
-                    reader.scanMainTrigrams(source.literal, collect(taken));
+                case Source::Kind::Grams:
+                    reader.scanMainGrams(source.literal, collect(taken));
                     break;
                 case Source::Kind::Containing:
                     reader.scanMainContaining(source.literal, collect(taken));
-                    break;
-                case Source::Kind::StartingWith:
-                    reader.scanMainStartingWith(source.literal, collect(taken));
                     break;
                 case Source::Kind::Ids: {
                     std::vector<RecordView> records;

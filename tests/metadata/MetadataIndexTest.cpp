@@ -281,3 +281,44 @@ TEST(Volumes, OnlyRealLocalFileSystemsAtUserMountPoints)
     EXPECT_EQ(defaults.roots.first(), QDir::homePath());
     EXPECT_FALSE(defaults.roots.contains(QStringLiteral("/")));
 }
+
+// A file written while the first crawl of a large tree runs is found by name before the crawl ends, not
+// after it.
+TEST_F(MetadataIndexTest, ChangeDuringFirstCrawlGoesBeforeItsBacklog)
+{
+    QDir home(m_home.path());
+    for (int folder = 0; folder < 500; ++folder) {
+        const QString path = QStringLiteral("tree/%1").arg(folder);
+        ASSERT_TRUE(home.mkpath(path));
+        for (int file = 0; file < 100; ++file) {
+            QFile f(home.filePath(QStringLiteral("%1/file %2.txt").arg(path).arg(file)));
+            ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        }
+    }
+    MetadataIndex index(config());
+    index.start();
+    // The crawl shows its first names once it has read a few thousand; by then it watches the home folder.
+    QElapsedTimer timer;
+    timer.start();
+    while (names(index, nameQuery(QStringLiteral("file"))).isEmpty() && timer.elapsed() < 60000)
+        QThread::msleep(1);
+    ASSERT_TRUE(index.status().crawling);
+
+    m_home.writeFile(QStringLiteral("written meanwhile.txt"), "x");
+    bool found = false;
+    qint64 filesWhenFound = 0;
+    while (!found && timer.elapsed() < 120000) {
+        filesWhenFound = index.status().files;
+        found = names(index, nameQuery(QStringLiteral("meanwhile"))) == QStringList{"written meanwhile.txt"};
+        QThread::msleep(5);
+    }
+    EXPECT_TRUE(found);
+
+    // The crawl goes on to the end with the table filled as it goes, and nothing is lost or doubled.
+    ASSERT_TRUE(index.waitUntilIdle(120000));
+    EXPECT_EQ(index.query(nameQuery(QStringLiteral("file"))).paths.size(), 600);
+    EXPECT_EQ(index.status().files, 50001);
+    EXPECT_EQ(names(index, nameQuery(QStringLiteral("meanwhile"))), QStringList{"written meanwhile.txt"});
+    // Found while most of the tree was still unread.
+    EXPECT_LT(filesWhenFound, 45000);
+}

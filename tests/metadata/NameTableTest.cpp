@@ -159,29 +159,33 @@ TEST_F(NameTableQuery, CapKeepsTheNewest)
     }
 }
 
-// Random renames, moves, removals and rebuilds, checked against a plain list after every step.
+// Random renames, moves, removals and rebuilds, checked against a plain list after every step. The terms
+// cover every lookup: one and two bytes (pair postings, a first-byte pair for prefixes), longer (trigrams), a
+// letter no name holds, a prefix whose first character is several bytes, and one byte unanchored.
 TEST_F(NameTableQuery, AgreesWithABruteForceModelUnderRandomChanges)
 {
     std::mt19937 rng(42);
-    const char *const syllables[] = {"ab", "ré", "su", "mé", "zo", "x", "cap", "ÆR", "ﬁ", "a"};
+    const char *const syllables[] = {"ab", "ré", "su", "mé", "zo", "x", "cap", "ÆR", "ﬁ", "a", "жи", "b"};
     auto randomName = [&] {
         std::string name;
         for (int i = 0, n = 1 + int(rng() % 4); i < n; ++i)
-            name += syllables[rng() % 10];
+            name += syllables[rng() % 12];
         return name;
     };
     std::map<std::uint32_t, FileRecord> model;
     const auto root = add(0, "/r", 1, true);
     model[root] = m_records.back();
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 3000; ++i) {
         const auto id = add(root, randomName(), 10 + int(rng() % 500));
         model[id] = m_records.back();
     }
     m_table.replaceAll(m_records);
     const QStringList terms = {QStringLiteral("a"),   QStringLiteral("re"), QStringLiteral("sum"),
-                               QStringLiteral("aeR"), QStringLiteral("fi"), QStringLiteral("zocap")};
+                               QStringLiteral("aeR"), QStringLiteral("fi"), QStringLiteral("zocap"),
+                               QStringLiteral("q"),   QStringLiteral("Ж"),  QStringLiteral("zo"),
+                               QStringLiteral("x"),   QStringLiteral("ba"), QStringLiteral("é")};
     for (int step = 0; step < 40; ++step) {
-        for (int change = 0; change < 30; ++change) {
+        for (int change = 0; change < 120; ++change) {
             auto it = std::next(model.begin(), 1 + long(rng() % (model.size() - 1)));
             if (rng() % 3 == 0) {
                 m_table.remove(it->first);
