@@ -358,8 +358,10 @@ std::optional<QByteArray> runInChild(const std::function<QByteArray()> &work, in
     }
     if (pid == 0) {
         close(fds[0]);
-        const struct rlimit memory = {kChildMemoryLimit, kChildMemoryLimit};
-        setrlimit(RLIMIT_AS, &memory);
+        if (Extractors::childAddressSpaceIsLimited()) {
+            const struct rlimit memory = {kChildMemoryLimit, kChildMemoryLimit};
+            setrlimit(RLIMIT_AS, &memory);
+        }
         // Running out of memory under the limit throws. The child ends here: unwound into the agent's own
         // frames, the copy would run on as a second agent, removing temporary files and writing the index.
         QByteArray out;

@@ -25,6 +25,23 @@ bool wants(ContentTypes::Code code);
 // process that is killed after `timeoutMs`. At most `maxBytes` of text are kept. Never throws.
 Extraction extract(const QString &path, ContentTypes::Code code, qint64 maxBytes, int timeoutMs);
 
+// Whether extraction children run under an address-space limit. AddressSanitizer's shadow memory needs far
+// more address space than any such limit, so sanitizer builds run their children without one.
+constexpr bool childAddressSpaceIsLimited()
+{
+#if defined(__SANITIZE_ADDRESS__)
+    return false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+    return false;
+#else
+    return true;
+#endif
+#else
+    return true;
+#endif
+}
+
 // The tags of the `user.xdg.tags` extended attribute, comma-separated there.
 QStringList tags(const QString &path);
 

@@ -133,10 +133,12 @@ TEST(Extractors, ChildrenAreKilledAtTheirTimeMemoryAndOutputLimits)
     EXPECT_EQ(
         Extractors::extract(write("plain.docx", officeZip(words)), office, textCap, 60000).text.trimmed(),
         QStringLiteral("quarterly words"));
-    const Extraction liar =
-        Extractors::extract(write("liar.docx", officeZip(words, 0x60000000)), office, textCap, 60000);
-    EXPECT_TRUE(liar.failed);
-    EXPECT_TRUE(liar.text.isEmpty());
+    if (Extractors::childAddressSpaceIsLimited()) {
+        const Extraction liar =
+            Extractors::extract(write("liar.docx", officeZip(words, 0x60000000)), office, textCap, 60000);
+        EXPECT_TRUE(liar.failed);
+        EXPECT_TRUE(liar.text.isEmpty());
+    }
 
     // 34 million characters are 68 MB on the way back: the child is killed, nothing is kept.
     const Extraction flood = Extractors::extract(write("wordy.docx", officeZip(QByteArray(34'000'000, 'a'))),
