@@ -12,8 +12,8 @@ namespace ApplicationEntry {
 QString installedPath();
 
 // For a program run from where it was built or unpacked: writes both entries to the user's applications
-// folder ($XDG_DATA_HOME/applications), starting `programPath`, unless the menu entry exists already. Answers the path of the entry in use, or an empty string (with a log line) when none
-// could be written.
+// folder ($XDG_DATA_HOME/applications), starting `programPath`, unless the menu entry exists already. Answers
+// the path of the entry in use, or an empty string (with a log line) when none could be written.
 QString installForUser(const QString &programPath);
 
 } // namespace ApplicationEntry

@@ -6,8 +6,9 @@
 
 #include <map>
 
-// Points $HOME, the XDG base directories and the runtime folder into a fresh temporary folder for the lifetime of the object,
-// and restores the previous environment afterwards. Tests run whole subsystems inside it.
+// Points $HOME, the XDG base directories and the runtime folder into a fresh temporary folder for the
+// lifetime of the object, and restores the previous environment afterwards. Tests run whole subsystems inside
+// it.
 class TempHome
 {
 public:
