@@ -74,7 +74,8 @@ QString helpText()
         stream << "  " << QString::fromLatin1(command.usage) << "\n      " << command.summary << "\n";
     stream << "  vandrel --version       print the version\n"
            << "  vandrel --help          print this help\n\n"
-           << "Environment: VANDREL_RELAY_URL, VANDREL_WEBAPP_URL override the addresses in the settings;\n"
+           << "Environment: VANDREL_RELAY_URL, VANDREL_WEBAPP_URL, VANDREL_LINK_SERVICE_URL override the\n"
+           << "addresses in the settings; "
            << "VANDREL_KEYCHAIN=file keeps secrets in a private file instead of the Secret Service.\n\n"
            << "Settings ($XDG_CONFIG_HOME/vandrel/vandrel.conf): RelayServerURL, WebAppURL, WebSiteURL,\n"
            << "SupportURL, LinkServiceURL, RelayRequestTimeout (seconds), IndexedRoots, IndexExcludes,\n"

@@ -16,7 +16,7 @@ const std::vector<Setting> &all()
         {WebAppURL, QString(), "VANDREL_WEBAPP_URL"},
         {WebSiteURL, QString(), nullptr},
         {SupportURL, QString(), nullptr},
-        {LinkServiceURL, QString(), nullptr},
+        {LinkServiceURL, QString(), "VANDREL_LINK_SERVICE_URL"},
         {RelayRequestTimeout, 60, "VANDREL_RELAY_TIMEOUT"},
         {SecretStoreKind, QString(), nullptr},
         {IndexedRoots, QStringList(), nullptr},

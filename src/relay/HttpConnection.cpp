@@ -1,5 +1,6 @@
 #include "relay/HttpConnection.h"
 
+#include "relay/LinkPage.h"
 #include "relay/RelayEnvelope.h"
 #include "relay/RelayLog.h"
 #include "relay/RelayServer.h"
@@ -222,6 +223,8 @@ void HttpConnection::onRequest(const StringRequest &request)
         return handleApi(request, path);
     if (request.method() != http::verb::get)
         return replyError(405, "method_not_allowed", QStringLiteral("Only GET reaches the WebApp's files."));
+    if (request.target().starts_with("/l/"))
+        return serveLinkPage(request.target());
     serveStatic(path);
 }
 
@@ -411,9 +414,7 @@ void HttpConnection::handleDownload(const QString &target)
 
 void HttpConnection::serveStatic(const QString &path)
 {
-    const QString relative = path == QStringLiteral("/") || path.startsWith(QStringLiteral("/l/"))
-                                 ? QStringLiteral("index.html")
-                                 : path.mid(1);
+    const QString relative = path == QStringLiteral("/") ? QStringLiteral("index.html") : path.mid(1);
     const QString webRoot = m_server.config().webRoot;
     const std::optional<QString> file =
         webRoot.isEmpty() ? std::nullopt : CloudFolders::resolveInside(webRoot, relative);
@@ -440,6 +441,26 @@ void HttpConnection::serveStatic(const QString &path)
     response->keep_alive(m_keepAlive);
     response->prepare_payload();
     send(std::move(response));
+}
+
+void HttpConnection::serveLinkPage(std::string_view target)
+{
+    // The link is read from the address as sent, still encoded, so that an encoded slash stays inside its
+    // name.
+    std::string_view link = target.substr(0, target.find('?'));
+    link.remove_prefix(3);
+    const LinkPage::Reply page = LinkPage::render(link);
+    StringResponse response(http::status(page.status), m_version);
+    response.set(http::field::content_type, "text/html; charset=utf-8");
+    response.set(http::field::cache_control, "no-store");
+    response.set("X-Content-Type-Options", "nosniff");
+    response.set("X-Frame-Options", "DENY");
+    response.set("Referrer-Policy", "no-referrer");
+    response.set("Content-Security-Policy", LinkPage::kContentSecurityPolicy);
+    response.body() = page.html.toStdString();
+    response.keep_alive(m_keepAlive);
+    response.prepare_payload();
+    sendString(std::move(response));
 }
 
 void HttpConnection::startUpload()

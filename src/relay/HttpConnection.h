@@ -42,6 +42,8 @@ private:
     void handleBrowserRequest(const StringRequest &request);
     void handleDownload(const QString &target);
     void serveStatic(const QString &path);
+    // The LinkService page for a GET of "/l/<link>"; needs no login, as the address holds all it shows.
+    void serveLinkPage(std::string_view target);
 
     QString loginOf(const boost::beast::http::fields &fields) const;
     bool sameOrigin(const boost::beast::http::fields &fields) const;

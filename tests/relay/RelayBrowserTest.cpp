@@ -1,4 +1,5 @@
 #include "RunningRelay.h"
+#include "links/qlk_Schema.h"
 #include "support/Encodings.h"
 
 #include <QDate>
@@ -331,11 +332,52 @@ TEST(RelayBrowser, BadInputGetsAClearErrorAndTheRelayCarriesOn)
     EXPECT_EQ(page.status, 200);
     EXPECT_TRUE(page.body.contains("placeholder page"));
     EXPECT_EQ(page.header("content-type"), QByteArray("text/html; charset=utf-8"));
-    EXPECT_EQ(agent.get("/l/abc").status, 200);
     EXPECT_EQ(agent.get("/../state/access_token").status, 404);
     EXPECT_EQ(agent.get("/%2E%2E/state/access_token").status, 404);
 
     // After all that, the relay still serves a normal exchange.
     EXPECT_EQ(RelayClient::requests(agent.poll(QStringLiteral("c"))).size(), 0);
     EXPECT_EQ(browser->get("/api/computers").status, 200);
+}
+
+TEST(RelayBrowser, LinkPageShowsWhatALinkDescribesEscapedAndWithoutLogin)
+{
+    RunningRelay relay;
+    RelayClient stranger(relay.port());
+    const QString base = QStringLiteral("http://127.0.0.1:%1/l").arg(relay.port());
+    const QString name = QStringLiteral("a \"q\" <img src=x onerror=alert(1)> é 🙂 txt\u202Eexe.txt");
+    writeFile(relay.path(QStringLiteral("Docs & <b>/Sub/") + name), QByteArray(1234, 'x'));
+    const std::optional<QUrl> link =
+        qlk_Schema::qlkURLFor(relay.path(QStringLiteral("Docs & <b>/Sub/")) + name, base);
+    ASSERT_TRUE(link);
+    const HttpReply page = stranger.get(link->path(QUrl::FullyEncoded).toStdString());
+    ASSERT_EQ(page.status, 200) << page.body.toStdString();
+    EXPECT_TRUE(page.header("content-security-policy").startsWith("default-src 'none'"));
+    EXPECT_FALSE(page.body.contains("<img") || page.body.contains("<b>") || page.body.contains("\"q\""));
+    EXPECT_TRUE(page.body.contains("&lt;img src=x onerror=alert(1)&gt; é 🙂 txt\uFFFDexe.txt"));
+    EXPECT_TRUE(page.body.contains("A file of 1.2 kB (1,234 bytes)"));
+    EXPECT_TRUE(page.body.contains("<li>Docs &amp; &lt;b&gt;</li><li>Sub</li>"));
+    const QUrl scheme = *qlk_Schema::schemeUrlForServiceLink(*link, base);
+    EXPECT_TRUE(
+        page.body.contains("href=\"" + scheme.toString(QUrl::FullyEncoded).toHtmlEscaped().toUtf8() + '"'));
+    EXPECT_EQ(qlk_Schema::parseQlkUrl(scheme)->fileName, name);
+
+    QDir().mkpath(relay.path(QStringLiteral("Folder/inner")));
+    writeFile(relay.path(QStringLiteral("Folder/.hidden")), "h");
+    const std::optional<QUrl> folder = qlk_Schema::qlkURLFor(relay.path(QStringLiteral("Folder")), base);
+    const HttpReply folderPage = stranger.get(folder->path(QUrl::FullyEncoded).toStdString() + "?utm=x");
+    EXPECT_TRUE(folderPage.body.contains("A folder with 2 items")) << folderPage.body.toStdString();
+    EXPECT_TRUE(stranger.get("/l/p/5/crc///top.txt")
+                    .body.contains("<ol id=\"folders\" class=\"folders\"><li>/</li></ol>"));
+
+    const HttpReply longName = stranger.get("/l/p/1/2/3/4/" + std::string(9000, 'n') + "%3Cscript%3E");
+    EXPECT_EQ(longName.status, 200);
+    EXPECT_TRUE(longName.body.contains("nnn&lt;script&gt;") && !longName.body.contains("<script>"));
+    for (const char *bad :
+         {"/l/", "/l/p", "/l/p/1/crc/name", "/l/p/1/%ZZ/a/b/c", "/l/1x/2/3/4/5/6", "/l/%0A/1/2/a/b"}) {
+        const HttpReply reply = stranger.get(bad);
+        EXPECT_EQ(reply.status, 400) << bad;
+        EXPECT_TRUE(reply.body.contains("Not a file link")) << bad;
+    }
+    EXPECT_EQ(stranger.request(http::verb::post, "/l/p/1/2/a/b/c").status, 405);
 }

@@ -38,6 +38,7 @@ TEST(RelayProcess, MakesAPrivateTokenPrintsTheAddressAndCleansUpOnSignal)
         RelayClient browser(relay.port);
         ASSERT_TRUE(browser.login(relay.token));
         session = browser.openSession();
+        EXPECT_EQ(browser.get("/l/f/2/marker-text/a/b/c/secret-name").status, 200);
         EXPECT_TRUE(QFileInfo::exists(cloud + QStringLiteral("/Apps/vandrel/data.vdldata/sessions/") +
                                       session + QStringLiteral(".json")));
         ::kill(pid_t(relay.process.processId()), SIGINT);
@@ -48,6 +49,7 @@ TEST(RelayProcess, MakesAPrivateTokenPrintsTheAddressAndCleansUpOnSignal)
                                        session + QStringLiteral(".json")));
         const QByteArray log = relay.process.readAllStandardError();
         EXPECT_FALSE(log.contains(session.toLatin1())) << "session ids are not logged";
+        EXPECT_FALSE(log.contains("secret-name") || log.contains("marker-text")) << "links are not logged";
     }
     {
         RelayProcess again(
