@@ -197,6 +197,8 @@ export async function startStack({ relayBinary, agentBinary, password, fill }) {
   const url = `http://127.0.0.1:${relayPort}`;
   const token = await waitFor('the relay to print its address', () => relayLog().match(/#token=([A-Za-z0-9_-]+)/)?.[1], { timeoutMs: 20000 });
 
+  // Links made on this computer open on the relay's LinkService page.
+  home.env.VANDREL_LINK_SERVICE_URL = `${url}/l`;
   const polls = new PollCounter(relayPort);
   const pollPort = await polls.listen();
   const agent = spawn(agentBinary, ['--headless'], {

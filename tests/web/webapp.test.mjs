@@ -1,10 +1,11 @@
 // The web page in a real browser against a real relay and agent, once with signed requests and once with
 // every request sealed: sign in, password, browse, thumbnails, search, preview, copy and download, upload
-// and move, and the agent going quiet when the page closes. Screenshots of each step go to the artifact
-// folder.
+// and move, and the agent going quiet when the page closes; then a link made on the computer, opened on
+// the LinkService page and handed back to the agent. Screenshots of each step go to the artifact folder.
 //   node webapp.test.mjs <vandrel-relay> <vandrel> <artifact folder>
 
 import assert from 'node:assert/strict';
+import { spawnSync } from 'node:child_process';
 import { existsSync, mkdirSync, readdirSync, readFileSync } from 'node:fs';
 import path from 'node:path';
 import { after, before, test } from 'node:test';
@@ -28,6 +29,7 @@ before(async () => {
       home.write('Notes/zebra.txt', `Shopping list\nThe ${WORD} jam is on the top shelf.\n`);
       home.write('Notes/plain.txt', 'Nothing to see here.\n');
       home.write('Inbox/.keep', '');
+      home.write('Shared/Trip & plan <draft>.txt', 'Day one: the coast.\n');
       // 80 items: the computer counts three pages of 40, the last one empty.
       for (let i = 0; i < 80; i++) home.write(`Many/item-${String(i).padStart(2, '0')}.txt`, `${i}\n`);
     },
@@ -253,4 +255,43 @@ test('every request sealed: a phone in dark theme', { timeout: 600000 }, async (
     encrypted: true, tag: 'sealed',
     contextOptions: { viewport: { width: 390, height: 844 }, colorScheme: 'dark', isMobile: true, hasTouch: true },
   });
+});
+
+test('a link made on the computer opens on the LinkService page and back in the agent', { timeout: 300000 }, async () => {
+  const file = stack.home.file('Shared/Trip & plan <draft>.txt');
+  const made = spawnSync(agentBinary, ['link', file], { env: stack.home.env, encoding: 'utf8' });
+  assert.equal(made.status, 0, made.stderr);
+  const link = made.stdout.trim();
+  assert.ok(link.startsWith(`${stack.url}/l/p/20/`), link);
+  let schemeUrl;
+  for (const [tag, options] of [['light', { viewport: { width: 1200, height: 800 }, colorScheme: 'light' }],
+    ['phone-dark', { viewport: { width: 390, height: 844 }, colorScheme: 'dark', isMobile: true }]]) {
+    const context = await browser.newContext(options);
+    await context.grantPermissions(['clipboard-read', 'clipboard-write'], { origin: stack.url });
+    const page = await context.newPage();
+    const problems = [];
+    page.on('pageerror', (e) => problems.push(e.message));
+    page.on('console', (m) => m.type() === 'error' && problems.push(m.text()));
+    await page.goto(link);
+    assert.equal(await page.textContent('#name'), 'Trip & plan <draft>.txt');
+    assert.equal(await page.textContent('#size'), 'A file of 20 bytes');
+    assert.deepEqual(await page.locator('#folders li').allTextContents(), [path.basename(stack.home.root), 'home', 'Shared']);
+    schemeUrl = await page.getAttribute('#open', 'href');
+    assert.equal(schemeUrl, `qlk://${link.slice(`${stack.url}/l/`.length)}`);
+    await page.click('#copy');
+    await page.locator('#copy-status', { hasText: 'Copied.' }).waitFor();
+    assert.equal(await page.evaluate(() => navigator.clipboard.readText()), schemeUrl);
+    await shot(page, `link-page-${tag}`);
+    const bad = await page.goto(`${stack.url}/l/p/20/${'%3Cb%3E/'.repeat(2)}`);
+    assert.equal(bad.status(), 400);
+    assert.equal(await page.textContent('h1'), 'Not a file link');
+    await shot(page, `link-page-${tag}-malformed`);
+    // The browser reports the 400 itself; anything else is a script error or a refusal of the content policy.
+    assert.deepEqual(problems.filter((m) => !m.includes('status of 400')), []);
+    await context.close();
+  }
+  // What the page hands over is what the agent resolves: the running agent finds the file.
+  const opened = spawnSync(agentBinary, ['open', schemeUrl], { env: stack.home.env, encoding: 'utf8' });
+  assert.equal(opened.status, 0, opened.stderr);
+  await waitFor('the agent to reveal the linked file', () => stack.logs().includes(file), { timeoutMs: 60000 });
 });
