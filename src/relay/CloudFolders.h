@@ -16,6 +16,8 @@ class CloudFolders
 public:
     explicit CloudFolders(const QStringList &folders);
 
+    // The synced folders as given.
+    const QStringList &folders() const { return m_folders; }
     // "<folder>/Apps/vandrel" for each folder, in the order given.
     const QStringList &storageRoots() const { return m_roots; }
     int count() const { return int(m_roots.size()); }

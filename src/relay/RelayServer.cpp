@@ -17,7 +17,7 @@ RelayServer::RelayServer(asio::io_context &io, RelayConfig config, QByteArray ac
     , m_clouds(m_config.cloudFolders)
     , m_queues(m_config.maxWaitingPerComputer, m_config.maxRequestsPerReply)
     , m_logins(std::move(accessToken), m_config.maxLogins)
-    , m_sessions(m_clouds.storageRoots(), m_config.sessionStaleAfter, m_config.maxSessionsPerLogin)
+    , m_sessions(m_clouds.folders(), m_config.sessionStaleAfter, m_config.maxSessionsPerLogin)
 {}
 
 bool RelayServer::start()

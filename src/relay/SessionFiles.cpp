@@ -1,34 +1,41 @@
 #include "relay/SessionFiles.h"
 
+#include "relay/NoFollowFolder.h"
 #include "relay/RandomToken.h"
 #include "relay/RelayLog.h"
 
 #include <QDateTime>
-#include <QDir>
-#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
 
 #include <vector>
 
 namespace {
 
-const QString kSessionsFolder = QStringLiteral("data.vdldata/sessions");
-const QString kMarker = QStringLiteral("data.vdldata/sessions_are_here.json");
+const QString kMarker = QStringLiteral("sessions_are_here.json");
 
-void writeDateFile(const QString &path)
+// From the cloud folder down to the data folder, and on to the sessions folder: each opened without
+// following links, since anyone who can write to the synced folder can plant one.
+const QList<NoFollowFolder::Step> kDataFolder = {
+    {QStringLiteral("Apps"), QStringLiteral("Apps folder")},
+    {QStringLiteral("vandrel"), QStringLiteral("StorageRoot folder")},
+    {QStringLiteral("data.vdldata"), QStringLiteral("data folder")},
+};
+const QList<NoFollowFolder::Step> kSessionsFolder =
+    kDataFolder +
+    QList<NoFollowFolder::Step>{{QStringLiteral("sessions"), QStringLiteral("sessions folder")}};
+
+QByteArray dateFileContent()
 {
-    const QJsonObject content{{QStringLiteral("date"), double(QDateTime::currentMSecsSinceEpoch()) / 1000.0}};
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(content).toJson()) < 0 || !file.commit())
-        qCWarning(lcRelay).noquote() << "could not write a session or marker file:" << file.errorString();
+    return QJsonDocument(
+               QJsonObject{{QStringLiteral("date"), double(QDateTime::currentMSecsSinceEpoch()) / 1000.0}})
+        .toJson();
 }
 
 } // namespace
 
-SessionFiles::SessionFiles(QStringList storageRoots, std::chrono::milliseconds staleAfter, int maxPerLogin)
-    : m_roots(std::move(storageRoots))
+SessionFiles::SessionFiles(QStringList cloudFolders, std::chrono::milliseconds staleAfter, int maxPerLogin)
+    : m_folders(std::move(cloudFolders))
     , m_staleAfter(staleAfter)
     , m_maxPerLogin(maxPerLogin)
 {}
@@ -102,23 +109,47 @@ void SessionFiles::closeStale(Clock::time_point now)
 
 void SessionFiles::refreshMarkers() const
 {
-    for (const QString &root : m_roots) {
-        QDir().mkpath(root + u'/' + kSessionsFolder);
-        writeDateFile(root + u'/' + kMarker);
+    for (const QString &folder : m_folders) {
+        QString refusal;
+        if (const std::optional<NoFollowFolder> data =
+                NoFollowFolder::open(folder, kDataFolder, true, refusal)) {
+            // The agent looks for the sessions folder beside the marker.
+            NoFollowFolder::open(folder, kSessionsFolder, true, refusal);
+            if (refusal.isEmpty())
+                data->writeAtomically(kMarker, QStringLiteral("marker file"), dateFileContent(), refusal);
+        }
+        report(refusal);
     }
 }
 
 void SessionFiles::writeSessionFiles(const QString &sessionId) const
 {
-    for (const QString &root : m_roots) {
-        const QString folder = root + u'/' + kSessionsFolder;
-        QDir().mkpath(folder);
-        writeDateFile(folder + u'/' + sessionId + QStringLiteral(".json"));
+    for (const QString &folder : m_folders) {
+        QString refusal;
+        if (const std::optional<NoFollowFolder> sessions =
+                NoFollowFolder::open(folder, kSessionsFolder, true, refusal))
+            sessions->writeAtomically(sessionId + QStringLiteral(".json"), QStringLiteral("session file"),
+                                      dateFileContent(), refusal);
+        report(refusal);
     }
 }
 
 void SessionFiles::removeSessionFiles(const QString &sessionId) const
 {
-    for (const QString &root : m_roots)
-        QFile::remove(root + u'/' + kSessionsFolder + u'/' + sessionId + QStringLiteral(".json"));
+    for (const QString &folder : m_folders) {
+        QString refusal;
+        const std::optional<NoFollowFolder> sessions =
+            NoFollowFolder::open(folder, kSessionsFolder, false, refusal);
+        if (sessions && !sessions->remove(sessionId + QStringLiteral(".json")))
+            refusal = QStringLiteral("a session file could not be deleted");
+        report(refusal);
+    }
+}
+
+void SessionFiles::report(const QString &refusal) const
+{
+    // A planted link stays until someone removes it; one line says so, not one per refresh.
+    if (!refusal.isEmpty() && refusal != m_lastRefusal)
+        qCWarning(lcRelay).noquote() << refusal;
+    m_lastRefusal = refusal;
 }

@@ -9,13 +9,15 @@
 
 // The browser sessions and the files that make agents poll: one
 // "<StorageRoot>/data.vdldata/sessions/<id>.json" per open session in every cloud folder, and the marker
-// "data.vdldata/sessions_are_here.json" with a fresh "date". Not thread-safe: the reactor thread owns it.
+// "data.vdldata/sessions_are_here.json" with a fresh "date". Files are replaced whole, and no symbolic link
+// below a cloud folder is followed for a write or a delete. Not thread-safe: the reactor thread owns it.
 class SessionFiles
 {
 public:
     using Clock = std::chrono::steady_clock;
 
-    SessionFiles(QStringList storageRoots, std::chrono::milliseconds staleAfter, int maxPerLogin);
+    // `cloudFolders` are the synced folders themselves, not their StorageRoots.
+    SessionFiles(QStringList cloudFolders, std::chrono::milliseconds staleAfter, int maxPerLogin);
 
     // Opens a session for the login and writes its files; the oldest of that login's sessions closes
     // beyond the limit.
@@ -41,9 +43,12 @@ private:
 
     void writeSessionFiles(const QString &sessionId) const;
     void removeSessionFiles(const QString &sessionId) const;
+    // Logs a refusal once, not again until something else happened.
+    void report(const QString &refusal) const;
 
-    QStringList m_roots;
+    QStringList m_folders;
     std::chrono::milliseconds m_staleAfter;
     int m_maxPerLogin;
     std::map<QString, Session> m_sessions;
+    mutable QString m_lastRefusal;
 };

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -51,6 +52,19 @@ bool waitFor(const std::function<bool()> &condition, std::chrono::seconds timeou
         std::this_thread::sleep_for(50ms);
     }
     return true;
+}
+
+// Every entry below `folder` with the content of its files.
+QMap<QString, QByteArray> snapshot(const QString &folder)
+{
+    QMap<QString, QByteArray> entries;
+    QDirIterator it(folder, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        entries.insert(path, readFile(path));
+    }
+    return entries;
 }
 
 } // namespace
@@ -380,4 +394,53 @@ TEST(RelayBrowser, LinkPageShowsWhatALinkDescribesEscapedAndWithoutLogin)
         EXPECT_TRUE(reply.body.contains("Not a file link")) << bad;
     }
     EXPECT_EQ(stranger.request(http::verb::post, "/l/p/1/2/a/b/c").status, 405);
+}
+
+TEST(RelayBrowser, SessionFilesNeverFollowALinkPlantedInTheCloudFolder)
+{
+    static std::mutex logLock;
+    static QStringList logged; // guarded by logLock
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &message) {
+        const std::lock_guard lock(logLock);
+        logged << message;
+    });
+    const QString data = QStringLiteral("Apps/vandrel/data.vdldata");
+    for (const auto &[planted, kind] : std::vector<std::pair<QString, QString>>{
+             {QStringLiteral("Apps"), QStringLiteral("Apps folder")},
+             {QStringLiteral("Apps/vandrel"), QStringLiteral("StorageRoot folder")},
+             {data, QStringLiteral("data folder")},
+             {data + QStringLiteral("/sessions"), QStringLiteral("sessions folder")},
+             {data + QStringLiteral("/sessions_are_here.json"), QStringLiteral("marker file")},
+             {QString(), QStringLiteral("session file")}}) {
+        logged.clear();
+        QTemporaryDir outside;
+        writeFile(outside.filePath(QStringLiteral("victim.json")), "victim");
+        const QMap<QString, QByteArray> before = snapshot(outside.path());
+        const QString target =
+            planted.endsWith(u".json") ? outside.filePath(QStringLiteral("victim.json")) : outside.path();
+        RunningRelay relay([&](RelayConfig &config) {
+            if (planted.isEmpty())
+                return;
+            QDir().mkpath(QFileInfo(config.cloudFolders.first() + u'/' + planted).path());
+            ASSERT_TRUE(QFile::link(target, config.cloudFolders.first() + u'/' + planted));
+        });
+        auto browser = relay.browser();
+        const std::string id = browser->openSession().toStdString();
+        const QString sessionFile = relay.storageRoot() + QStringLiteral("/data.vdldata/sessions/") +
+                                    QString::fromStdString(id) + QStringLiteral(".json");
+        if (planted.isEmpty()) {
+            ASSERT_TRUE(QFile::remove(sessionFile));
+            ASSERT_TRUE(QFile::link(target, sessionFile));
+        }
+        EXPECT_EQ(browser->post("/api/session/" + id + "/alive", {}).status, 200);
+        EXPECT_EQ(browser->post("/api/session/" + id + "/alive", {}).status, 200);
+        EXPECT_EQ(browser->post("/api/session/" + id + "/close", {}).status, 200);
+        relay.stop();
+        EXPECT_EQ(snapshot(outside.path()), before) << kind.toStdString();
+        const std::lock_guard lock(logLock);
+        EXPECT_EQ(logged.filter(QStringLiteral("symbolic link stands in place of the ") + kind).size(), 1)
+            << kind.toStdString() << logged.join(u'\n').toStdString();
+        EXPECT_TRUE(logged.filter(outside.path()).isEmpty());
+    }
+    qInstallMessageHandler(nullptr);
 }
