@@ -29,14 +29,19 @@ bool FileLinkHandler::putOnClipboard(const QStringList &links)
     auto *app = qobject_cast<QGuiApplication *>(QCoreApplication::instance());
     if (links.isEmpty() || !app || QGuiApplication::platformName() == u"offscreen")
         return false;
+    QGuiApplication::clipboard()->setMimeData(clipboardContent(links));
+    return true;
+}
+
+QMimeData *FileLinkHandler::clipboardContent(const QStringList &links)
+{
     auto *data = new QMimeData;
     QList<QUrl> urls;
     for (const QString &link : links)
         urls << QUrl(link);
     data->setUrls(urls);
     data->setText(links.join(u'\n'));
-    QGuiApplication::clipboard()->setMimeData(data);
-    return true;
+    return data;
 }
 
 std::optional<QUrl> FileLinkHandler::linkSchemeUrl(const QString &text)

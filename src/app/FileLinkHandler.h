@@ -6,6 +6,7 @@
 #include <QStringList>
 
 class MetadataIndex;
+class QMimeData;
 
 // The application's side of file links: files handed to it become links, link URLs are resolved through
 // the metadata index and revealed. Lives on the main thread.
@@ -19,6 +20,8 @@ public:
     // Replaces the clipboard's content with the links; false (clipboard untouched) when there are none or
     // the process has no clipboard.
     static bool putOnClipboard(const QStringList &links);
+    // What the clipboard holds for the links: one URL each, and their text a line each.
+    static QMimeData *clipboardContent(const QStringList &links);
     // The link-scheme URL for a text given to `vandrel open`: a link-scheme URL as it is, or a link as
     // shared under the LinkService converted to that form. Nothing for any other text.
     static std::optional<QUrl> linkSchemeUrl(const QString &text);

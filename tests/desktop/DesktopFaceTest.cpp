@@ -3,6 +3,7 @@
 #include "app/desktop/vd_AppDelegate.h"
 #include "common/LogCapture.h"
 #include "common/TempHome.h"
+#include "links/qlk_Schema.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
 #include "support/ls_Keychain.h"
@@ -10,7 +11,9 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QClipboard>
 #include <QDir>
+#include <QDropEvent>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -18,6 +21,7 @@
 #include <QLineEdit>
 #include <QMainWindow>
 #include <QMenu>
+#include <QMimeData>
 #include <QSystemTrayIcon>
 #include <QTest>
 
@@ -246,4 +250,41 @@ TEST(DesktopFace, DropboxNoticeComesUpWhenDropboxIsNotRunningAndGoesAgain)
     ASSERT_TRUE(QTest::qWaitFor([&] { return notice->isVisible(); }, 10000));
     EXPECT_TRUE(notice->windowFlags().testFlag(Qt::WindowStaysOnTopHint));
     EXPECT_TRUE(QTest::qWaitFor([&] { return !notice->isVisible(); }, 10000));
+}
+
+TEST(DesktopFace, FilesDroppedOnTheWindowBecomeLinksOnTheClipboardInDropOrder)
+{
+    DesktopHome desktop;
+    const QString base = QStringLiteral("https://links.example/l");
+    qputenv("VANDREL_LINK_SERVICE_URL", base.toUtf8());
+    vd_AppDelegate delegate(nullptr, desktop.options());
+    const QString first = desktop.home.writeFile(QStringLiteral("Docs/first file.txt"), "one");
+    const QString gone = desktop.home.writeFile(QStringLiteral("Docs/gone.txt"), "two");
+    const QString folder = desktop.home.filePath(QStringLiteral("Docs"));
+    const auto drop = [&](const QList<QUrl> &urls) {
+        QMimeData data;
+        data.setUrls(urls);
+        QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(delegate.window(), &enter);
+        QDropEvent dropped(QPointF(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(delegate.window(), &dropped);
+        return enter.isAccepted() && dropped.isAccepted();
+    };
+    QFile::remove(gone);
+    QGuiApplication::clipboard()->setText(QStringLiteral("before"));
+    ASSERT_TRUE(drop({QUrl::fromLocalFile(folder), QUrl::fromLocalFile(gone), QUrl::fromLocalFile(first)}));
+    const QStringList links{qlk_Schema::qlkURLFor(folder, base)->toString(QUrl::FullyEncoded),
+                            qlk_Schema::qlkURLFor(first, base)->toString(QUrl::FullyEncoded)};
+    EXPECT_TRUE(links[0].startsWith(base + QStringLiteral("/f/1/FOLDER/")));
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), links.join(u'\n'));
+    EXPECT_EQ(QGuiApplication::clipboard()->mimeData()->urls(),
+              (QList<QUrl>{QUrl(links[0]), QUrl(links[1])}));
+
+    QGuiApplication::clipboard()->setText(QStringLiteral("kept"));
+    EXPECT_TRUE(drop({QUrl::fromLocalFile(gone)}));
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), QStringLiteral("kept"))
+        << "only a vanished file: untouched";
+    EXPECT_FALSE(drop({QUrl(QStringLiteral("https://example.org/page"))})) << "only local files are taken";
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), QStringLiteral("kept"));
+    qunsetenv("VANDREL_LINK_SERVICE_URL");
 }

@@ -4,6 +4,7 @@
 #include "app/AppLog.h"
 #include "app/DPOpenAtLogin.h"
 #include "app/desktop/DropboxNotice.h"
+#include "app/desktop/LinkDropTarget.h"
 #include "app/desktop/PreferencesWindow.h"
 #include "app/desktop/StatusIcons.h"
 #include "platform/ApplicationEntry.h"
@@ -53,7 +54,9 @@ vd_AppDelegate::vd_AppDelegate(AgentEngine *engine, Options options)
     auto *central = new QWidget(m_window);
     auto *layout = new QVBoxLayout(central);
     auto *heading =
-        new QLabel(tr("Vandrel is running. Reach this computer's files from the web app."), central);
+        new QLabel(tr("Vandrel is running. Reach this computer's files from the web app. Drop files here to "
+                      "put links to them on the clipboard."),
+                   central);
     heading->setWordWrap(true);
     m_status = new QLabel(central);
     m_status->setObjectName(QStringLiteral("status"));
@@ -64,6 +67,7 @@ vd_AppDelegate::vd_AppDelegate(AgentEngine *engine, Options options)
     m_mainMenu->setTitle(QStringLiteral("&Vandrel"));
     m_window->menuBar()->addMenu(m_mainMenu);
     m_window->resize(420, 160);
+    new LinkDropTarget(m_window);
 
     m_statusMenu = buildMenu(nullptr);
     m_statusMenu->setObjectName(QStringLiteral("statusMenu"));
