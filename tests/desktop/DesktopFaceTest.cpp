@@ -102,7 +102,7 @@ QAction *action(QMenu *menu, const QString &text)
 
 } // namespace
 
-TEST(DesktopFace, StartsInTheWindowWithoutATrayAndShowsTheStatus)
+TEST(DesktopFace, StartsInTheWindowWithoutATrayShowsTheStatusAndTakesDroppedFiles)
 {
     DesktopHome desktop;
     LogCapture log;
@@ -176,6 +176,35 @@ TEST(DesktopFace, StartsInTheWindowWithoutATrayAndShowsTheStatus)
     desktop.opened.clear();
     action(menu, QStringLiteral("Open Vandrel Web App"))->trigger();
     EXPECT_EQ(desktop.opened, QList<QUrl>{QUrl(QStringLiteral("https://app.vandrel.test/"))});
+
+    // Files dropped on the window become links on the clipboard, in drop order, vanished ones left out.
+    const QString base = QStringLiteral("https://links.example/l");
+    qputenv("VANDREL_LINK_SERVICE_URL", base.toUtf8());
+    const QString first = desktop.home.writeFile(QStringLiteral("Docs/first file.txt"), "one");
+    const QString gone = desktop.home.filePath(QStringLiteral("Docs/gone.txt"));
+    const QString folder = desktop.home.filePath(QStringLiteral("Docs"));
+    const auto drop = [&](const QList<QUrl> &urls) {
+        QMimeData data;
+        data.setUrls(urls);
+        QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(delegate.window(), &enter);
+        QDropEvent dropped(QPointF(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(delegate.window(), &dropped);
+        return enter.isAccepted() && dropped.isAccepted();
+    };
+    ASSERT_TRUE(drop({QUrl::fromLocalFile(folder), QUrl::fromLocalFile(gone), QUrl::fromLocalFile(first)}));
+    const QStringList links{qlk_Schema::qlkURLFor(folder, base)->toString(QUrl::FullyEncoded),
+                            qlk_Schema::qlkURLFor(first, base)->toString(QUrl::FullyEncoded)};
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), links.join(u'\n'));
+    EXPECT_EQ(QGuiApplication::clipboard()->mimeData()->urls(),
+              (QList<QUrl>{QUrl(links[0]), QUrl(links[1])}));
+
+    QGuiApplication::clipboard()->setText(QStringLiteral("kept"));
+    EXPECT_TRUE(drop({QUrl::fromLocalFile(gone)}));
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), QStringLiteral("kept"))
+        << "only a vanished file: untouched";
+    EXPECT_FALSE(drop({QUrl(QStringLiteral("https://example.org/page"))})) << "only local files are taken";
+    qunsetenv("VANDREL_LINK_SERVICE_URL");
 }
 
 TEST(DesktopFace, PreferencesTwiceLeaveOneFreshWindowAndEverySaveRewritesTheInfoFiles)
@@ -250,41 +279,4 @@ TEST(DesktopFace, DropboxNoticeComesUpWhenDropboxIsNotRunningAndGoesAgain)
     ASSERT_TRUE(QTest::qWaitFor([&] { return notice->isVisible(); }, 10000));
     EXPECT_TRUE(notice->windowFlags().testFlag(Qt::WindowStaysOnTopHint));
     EXPECT_TRUE(QTest::qWaitFor([&] { return !notice->isVisible(); }, 10000));
-}
-
-TEST(DesktopFace, FilesDroppedOnTheWindowBecomeLinksOnTheClipboardInDropOrder)
-{
-    DesktopHome desktop;
-    const QString base = QStringLiteral("https://links.example/l");
-    qputenv("VANDREL_LINK_SERVICE_URL", base.toUtf8());
-    vd_AppDelegate delegate(nullptr, desktop.options());
-    const QString first = desktop.home.writeFile(QStringLiteral("Docs/first file.txt"), "one");
-    const QString gone = desktop.home.writeFile(QStringLiteral("Docs/gone.txt"), "two");
-    const QString folder = desktop.home.filePath(QStringLiteral("Docs"));
-    const auto drop = [&](const QList<QUrl> &urls) {
-        QMimeData data;
-        data.setUrls(urls);
-        QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
-        QApplication::sendEvent(delegate.window(), &enter);
-        QDropEvent dropped(QPointF(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
-        QApplication::sendEvent(delegate.window(), &dropped);
-        return enter.isAccepted() && dropped.isAccepted();
-    };
-    QFile::remove(gone);
-    QGuiApplication::clipboard()->setText(QStringLiteral("before"));
-    ASSERT_TRUE(drop({QUrl::fromLocalFile(folder), QUrl::fromLocalFile(gone), QUrl::fromLocalFile(first)}));
-    const QStringList links{qlk_Schema::qlkURLFor(folder, base)->toString(QUrl::FullyEncoded),
-                            qlk_Schema::qlkURLFor(first, base)->toString(QUrl::FullyEncoded)};
-    EXPECT_TRUE(links[0].startsWith(base + QStringLiteral("/f/1/FOLDER/")));
-    EXPECT_EQ(QGuiApplication::clipboard()->text(), links.join(u'\n'));
-    EXPECT_EQ(QGuiApplication::clipboard()->mimeData()->urls(),
-              (QList<QUrl>{QUrl(links[0]), QUrl(links[1])}));
-
-    QGuiApplication::clipboard()->setText(QStringLiteral("kept"));
-    EXPECT_TRUE(drop({QUrl::fromLocalFile(gone)}));
-    EXPECT_EQ(QGuiApplication::clipboard()->text(), QStringLiteral("kept"))
-        << "only a vanished file: untouched";
-    EXPECT_FALSE(drop({QUrl(QStringLiteral("https://example.org/page"))})) << "only local files are taken";
-    EXPECT_EQ(QGuiApplication::clipboard()->text(), QStringLiteral("kept"));
-    qunsetenv("VANDREL_LINK_SERVICE_URL");
 }
