@@ -29,7 +29,7 @@ before(async () => {
       home.write('Notes/zebra.txt', `Shopping list\nThe ${WORD} jam is on the top shelf.\n`);
       home.write('Notes/plain.txt', 'Nothing to see here.\n');
       home.write('Inbox/.keep', '');
-      home.write('Shared/Trip & plan <draft>.txt', 'Day one: the coast.\n');
+      home.write('Maps/Trip & plan <draft>.txt', 'Day one: the coast.\n');
       // 80 items: the computer counts three pages of 40, the last one empty.
       for (let i = 0; i < 80; i++) home.write(`Many/item-${String(i).padStart(2, '0')}.txt`, `${i}\n`);
     },
@@ -258,7 +258,7 @@ test('every request sealed: a phone in dark theme', { timeout: 600000 }, async (
 });
 
 test('a link made on the computer opens on the LinkService page and back in the agent', { timeout: 300000 }, async () => {
-  const file = stack.home.file('Shared/Trip & plan <draft>.txt');
+  const file = stack.home.file('Maps/Trip & plan <draft>.txt');
   const made = spawnSync(agentBinary, ['link', file], { env: stack.home.env, encoding: 'utf8' });
   assert.equal(made.status, 0, made.stderr);
   const link = made.stdout.trim();
@@ -275,7 +275,7 @@ test('a link made on the computer opens on the LinkService page and back in the 
     await page.goto(link);
     assert.equal(await page.textContent('#name'), 'Trip & plan <draft>.txt');
     assert.equal(await page.textContent('#size'), 'A file of 20 bytes');
-    assert.deepEqual(await page.locator('#folders li').allTextContents(), [path.basename(stack.home.root), 'home', 'Shared']);
+    assert.deepEqual(await page.locator('#folders li').allTextContents(), [path.basename(stack.home.root), 'home', 'Maps']);
     schemeUrl = await page.getAttribute('#open', 'href');
     assert.equal(schemeUrl, `qlk://${link.slice(`${stack.url}/l/`.length)}`);
     await page.click('#copy');
