@@ -4,7 +4,7 @@
 // per 1,000 agents. A second part measures how long a browser request takes to come back answered, with the
 // relay's long poll on and off. Everything stays on loopback and is bounded in time.
 //
-//   relay_load_bench [--agents 1000,2500,...] [--seconds 10] [--budget 600] [--threads 2] [--relay PATH]
+//   relay_load_bench [--agents 1000,2500,...] [--seconds 10] [--budget 600] [--threads 1] [--relay PATH]
 
 #include "support/Encodings.h"
 
@@ -32,6 +32,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -85,8 +86,16 @@ public:
         , m_computerId(std::move(computerId))
         , m_figures(figures)
     {
-        m_pollBody = "computer_id=" + formField(m_computerId) +
-                     "&os_sessions=" + formField(pack(QJsonDocument(QJsonArray{QStringLiteral("bench")})));
+        // The poll never changes: it is put into HTTP once, and every tick writes the same bytes.
+        http::request<http::string_body> poll(http::verb::post, "/result", 11);
+        poll.set(http::field::host, "127.0.0.1");
+        poll.set(http::field::content_type, "application/x-www-form-urlencoded");
+        poll.body() = "computer_id=" + formField(m_computerId) +
+                      "&os_sessions=" + formField(pack(QJsonDocument(QJsonArray{QStringLiteral("bench")})));
+        poll.prepare_payload();
+        std::ostringstream text;
+        text << poll;
+        m_pollBytes = text.str();
     }
 
     void start(Clock::duration phase)
@@ -122,12 +131,24 @@ private:
                 ++self->m_figures.late;
                 self->m_owed = true;
             } else
-                self->send(self->m_pollBody, true);
+                self->sendPoll();
             self->schedule();
         });
     }
 
-    void send(std::string body, bool poll)
+    void sendPoll()
+    {
+        m_busy = true;
+        m_sent = Clock::now();
+        asio::async_write(m_stream, asio::buffer(m_pollBytes),
+                          [self = shared_from_this()](beast::error_code error, std::size_t) {
+                              if (error)
+                                  return self->fail();
+                              self->readReply(true);
+                          });
+    }
+
+    void sendResult(std::string body)
     {
         m_busy = true;
         m_request = {http::verb::post, "/result", 11};
@@ -135,19 +156,23 @@ private:
         m_request.set(http::field::content_type, "application/x-www-form-urlencoded");
         m_request.body() = std::move(body);
         m_request.prepare_payload();
-        m_sent = Clock::now();
         http::async_write(m_stream, m_request,
-                          [self = shared_from_this(), poll](beast::error_code error, std::size_t) {
+                          [self = shared_from_this()](beast::error_code error, std::size_t) {
                               if (error)
                                   return self->fail();
-                              self->m_response = {};
-                              http::async_read(self->m_stream, self->m_buffer, self->m_response,
-                                               [self, poll](beast::error_code readError, std::size_t) {
-                                                   if (readError)
-                                                       return self->fail();
-                                                   self->onReply(poll);
-                                               });
+                              self->readReply(false);
                           });
+    }
+
+    void readReply(bool poll)
+    {
+        m_response = {};
+        http::async_read(m_stream, m_buffer, m_response,
+                         [self = shared_from_this(), poll](beast::error_code error, std::size_t) {
+                             if (error)
+                                 return self->fail();
+                             self->onReply(poll);
+                         });
     }
 
     void onReply(bool poll)
@@ -175,10 +200,10 @@ private:
         if (!m_results.empty()) {
             std::string next = std::move(m_results.front());
             m_results.pop_front();
-            send(std::move(next), false);
+            sendResult(std::move(next));
         } else if (m_owed) {
             m_owed = false;
-            send(m_pollBody, true);
+            sendPoll();
         }
     }
 
@@ -194,7 +219,7 @@ private:
     tcp::endpoint m_relay;
     std::string m_computerId;
     Figures &m_figures;
-    std::string m_pollBody;
+    std::string m_pollBytes;
     beast::flat_buffer m_buffer;
     http::request<http::string_body> m_request;
     http::response<http::string_body> m_response;
@@ -456,7 +481,7 @@ int main(int argc, char **argv)
     std::vector<int> steps{1000, 2500, 5000, 7500, 10000, 12500, 15000, 17500};
     int seconds = 10;
     int budget = 600;
-    int threads = 2;
+    int threads = 1;
     QString binary = QStringLiteral(VANDREL_RELAY_BINARY);
     const QStringList arguments = app.arguments();
     for (int i = 1; i + 1 < arguments.size(); i += 2) {
