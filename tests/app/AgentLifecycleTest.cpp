@@ -1,6 +1,6 @@
 #include "app/AgentLifecycle.h"
 
-#include "common/TempHome.h"
+#include "common/DropboxHome.h"
 #include "engine/UserActivityNotifier.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
@@ -21,16 +21,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-
-// A home with one Dropbox StorageRoot; answers the root's path.
-QString dropboxHome(const TempHome &home)
-{
-    home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
-    home.writeFile(QStringLiteral(".dropbox/info.json"),
-                   QStringLiteral("{\"personal\": {\"path\": \"%1/Dropbox\"}}").arg(home.path()).toUtf8());
-    vd_FileUtils::resetVandrelFolderCache();
-    return home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
-}
 
 QString infoFile(const QString &root)
 {
@@ -63,9 +53,8 @@ LifecycleTimes shortTimes()
 
 TEST(AgentLifecycle, TimersFireNoEarlierThanScheduledAndTheWelcomePauseLeavesTheLoopRunning)
 {
-    TempHome home;
-    qputenv("VANDREL_KEYCHAIN", "file");
-    const QString root = dropboxHome(home);
+    DropboxHome home;
+    const QString root = home.root();
     UserDefaults::setValue(SettingsKeys::WebSiteURL, QStringLiteral("http://vandrel.test/any?x=1"));
 
     AgentLifecycle lifecycle(shortTimes());
@@ -121,7 +110,6 @@ TEST(AgentLifecycle, TimersFireNoEarlierThanScheduledAndTheWelcomePauseLeavesThe
     UserDefaults::setValue(SettingsKeys::LastBestPath, root);
     std::thread([] { Q_EMIT UserActivityNotifier::instance().UserCameOnline(); }).join();
     EXPECT_TRUE(QTest::qWaitFor([] { return !UserDefaults::contains(SettingsKeys::LastBestPath); }, 10000));
-    qunsetenv("VANDREL_KEYCHAIN");
 }
 
 TEST(AgentLifecycle, WelcomePageOpensOnTheFirstFourLaunchesOnly)

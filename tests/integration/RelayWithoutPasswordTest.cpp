@@ -4,7 +4,6 @@
 #include "platform/FileSecretStore.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
-#include "support/ls_Keychain.h"
 #include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
 
@@ -189,7 +188,7 @@ TEST_F(AgentWithUnreadablePassword, KeepsTheComputerClosed)
             .value(QStringLiteral("auth_error")),
         QStringLiteral("auth_pword_failed"));
     QFile::remove(FileSecretStore::defaultPath());
-    ls_Keychain::setString(QStringLiteral("pw"), vd_FileUtils::keyForComputerPassword());
+    home.setPassword(QStringLiteral("pw"));
     EXPECT_FALSE(ask(record({{"request_type", "search"}, {"search_dir", folder}}))
                      .contains(QStringLiteral("auth_error")));
     EXPECT_TRUE(agent->log().contains(QStringLiteral("the computer password can be read again")));
@@ -206,15 +205,9 @@ protected:
     {
         UserDefaults::setValue(SettingsKeys::SecretStoreKind, QStringLiteral("secret-service"));
         qunsetenv("VANDREL_KEYCHAIN");
-        m_bus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
-        qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + QFile::encodeName(home.filePath("no-bus")));
+        home.setEnvironment("DBUS_SESSION_BUS_ADDRESS",
+                            "unix:path=" + QFile::encodeName(home.filePath("no-bus")));
     }
-    void TearDown() override
-    {
-        AgentWithSession::TearDown();
-        qputenv("DBUS_SESSION_BUS_ADDRESS", m_bus);
-    }
-    QByteArray m_bus;
 };
 
 } // namespace

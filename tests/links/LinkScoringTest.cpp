@@ -38,11 +38,6 @@ TEST(LinkScoring, EachRuleAddsItsPointsForFiles)
     const LinkCandidate record = qlk_Schema::fileInfoDict(moved, link);
     EXPECT_EQ(record.score, 12500);
     EXPECT_EQ(record.path, moved);
-    EXPECT_EQ(record.url, QUrl::fromLocalFile(moved));
-    EXPECT_EQ(record.display, QStringLiteral("report.txt"));
-    EXPECT_EQ(record.dir, false);
-    EXPECT_EQ(record.size, 13);
-    EXPECT_TRUE(record.modDate.has_value());
 
     // Decoys where the original was: another size (no checksum read), then the same size.
     home.writeFile(QStringLiteral("Users/ann/Documents/report.txt"), "short");
@@ -77,15 +72,4 @@ TEST(LinkScoring, FoldersScoreOnTheirEntryCount)
     // A same-named file in the same folders is of the wrong kind.
     const QString file = home.writeFile(QStringLiteral("Work/Projects/Other/Box"), "x");
     EXPECT_EQ(score(file, link), 10000);
-}
-
-TEST(LinkScoring, QueryPutsTheNameInAsItStands)
-{
-    EXPECT_EQ(qlk_Schema::currentQueryString(QStringLiteral("report.txt")),
-              QStringLiteral("( kMDItemFSName == \"report.txt\" )"));
-    EXPECT_EQ(qlk_Schema::currentQueryString(QStringLiteral("say \"hi\".txt")),
-              QStringLiteral("( kMDItemFSName == \"say \"hi\".txt\" )"));
-    EXPECT_EQ(qlk_Schema::currentQueryString(QStringLiteral("%1 %2")),
-              QStringLiteral("( kMDItemFSName == \"%1 %2\" )"));
-    EXPECT_TRUE(qlk_Schema::currentQueryString(QString()).isEmpty());
 }

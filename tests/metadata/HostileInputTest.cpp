@@ -2,9 +2,7 @@
 #include "metadata/MetadataIndex.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
-#include <QThread>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -104,44 +102,4 @@ TEST(MetadataHostileInput, SettingsOddNamesAndLinksAreHonoured)
     ASSERT_TRUE(index.updateNow());
     EXPECT_EQ(relative(home, index.query(QStringLiteral("kMDItemFSName == \"*.txt\"")).paths),
               QStringList{"work/src/d.txt"});
-}
-
-TEST(MetadataHostileInput, WatcherFollowsMovesInAndOutAndOverwrites)
-{
-    TempHome home;
-    QTemporaryDir outside;
-    home.writeFile(QStringLiteral("in/leaving/x1.txt"), "x");
-    home.writeFile(QStringLiteral("in/target.txt"), "old");
-    home.writeFile(QStringLiteral("in/source.txt"), "new");
-    QDir(outside.path()).mkpath(QStringLiteral("arriving/sub"));
-    QFile(outside.filePath(QStringLiteral("arriving/sub/y1.txt"))).open(QIODevice::WriteOnly);
-    MetadataIndex index(configFor(home));
-    index.start();
-    ASSERT_TRUE(index.waitUntilIdle(10000));
-    auto eventually = [&](const QString &query, const QStringList &expected) {
-        QElapsedTimer timer;
-        timer.start();
-        QStringList got;
-        while (timer.elapsed() < 2000) {
-            got = relative(home, index.query(query).paths);
-            if (got == expected)
-                return true;
-            QThread::msleep(20);
-        }
-        ADD_FAILURE() << query.toStdString() << " gave " << got.join(u',').toStdString();
-        return false;
-    };
-
-    ASSERT_EQ(rename(qPrintable(home.filePath(QStringLiteral("in/leaving"))),
-                     qPrintable(outside.filePath(QStringLiteral("left")))),
-              0);
-    eventually(QStringLiteral("kMDItemFSName == \"x1.txt\""), {});
-    ASSERT_EQ(rename(qPrintable(outside.filePath(QStringLiteral("arriving"))),
-                     qPrintable(home.filePath(QStringLiteral("in/arrived")))),
-              0);
-    eventually(QStringLiteral("kMDItemFSName == \"y1.txt\""), {"in/arrived/sub/y1.txt"});
-    ASSERT_EQ(rename(qPrintable(home.filePath(QStringLiteral("in/source.txt"))),
-                     qPrintable(home.filePath(QStringLiteral("in/target.txt")))),
-              0);
-    eventually(QStringLiteral("kMDItemFSName == \"*.txt\""), {"in/arrived/sub/y1.txt", "in/target.txt"});
 }

@@ -1,4 +1,4 @@
-#include "common/TempHome.h"
+#include "common/DropboxHome.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
 #include "utils/vd_FileUtils.h"
@@ -10,23 +10,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-namespace {
-
-// A marker file whose "date" lies the given number of seconds before now.
-void writeMarker(const TempHome &home, const QString &appFolder, double ageSeconds, const QDateTime &now)
-{
-    home.writeFile(
-        appFolder + QStringLiteral("/data.vdldata/sessions_are_here.json"),
-        QStringLiteral("{\"date\": %1}").arg(vd_FileUtils::JSONDate(now) - ageSeconds, 0, 'f', 3).toUtf8());
-}
-
-void writeAccounts(const TempHome &home, const QByteArray &json)
-{
-    home.writeFile(QStringLiteral(".dropbox/info.json"), json);
-}
-
-} // namespace
-
 TEST(StorageFolders, AccountsKeepFileOrderAndGoogleDriveComesLast)
 {
     TempHome home;
@@ -36,8 +19,8 @@ TEST(StorageFolders, AccountsKeepFileOrderAndGoogleDriveComesLast)
     QDir(home.path()).mkpath(QStringLiteral("GDrive"));
     QDir(home.path()).mkpath(QStringLiteral("Dropbox (Old)")); // only the legacy branch scans the home folder
     // Saved with a byte-order mark, as editors on other systems do.
-    writeAccounts(
-        home,
+    home.writeFile(
+        QStringLiteral(".dropbox/info.json"),
         QStringLiteral("\uFEFF{\"zeta\": {\"path\": \"%1/Personal\"}, \"alpha\": {\"path\": \"%1/Work\"},"
                        " \"other\": {\"host\": 5}}")
             .arg(home.path())
@@ -61,7 +44,7 @@ TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
 {
     TempHome home;
     // Accounts without a path count as no account file.
-    writeAccounts(home, "{\"personal\": {\"host\": 1}}");
+    home.writeFile(QStringLiteral(".dropbox/info.json"), "{\"personal\": {\"host\": 1}}");
     QDir(home.path()).mkpath(QStringLiteral("Legacy"));
     QDir(home.path()).mkpath(QStringLiteral("Dropbox (Team)"));
     QDir(home.path()).mkpath(QStringLiteral("Dropbox"));
