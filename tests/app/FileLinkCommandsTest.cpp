@@ -3,17 +3,33 @@
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
 
+#include <QCoreApplication>
+#include <QDBusConnection>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QLocalSocket>
 #include <QThread>
+#include <QUrl>
 
 #include <gtest/gtest.h>
 
 namespace {
 
 const QString kService = QStringLiteral("https://links.example.test/l");
+
+// Answers as the desktop's file manager does, on a private session bus, and remembers what it was shown.
+class FileManagerService : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.FileManager1")
+
+public:
+    QStringList shown;
+
+public Q_SLOTS:
+    void ShowItems(const QStringList &uris, const QString &) { shown << uris; }
+};
 
 // A temporary home (its runtime folder keeps the instance socket private to the test) with the LinkService
 // address set and a small indexed tree, without a display.
@@ -177,3 +193,38 @@ TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunning
         return VandrelRun{xdgOpen.exitCode(), {}, QString::fromUtf8(xdgOpen.readAllStandardError())};
     }));
 }
+
+TEST_F(FileLinkCommandsTest, OpenAsksTheFileManagerToShowTheFoundFileSelected)
+{
+    QProcess bus;
+    bus.start(QStringLiteral("dbus-daemon"),
+              {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+    ASSERT_TRUE(bus.waitForReadyRead(30000));
+    const QString address = QString::fromUtf8(bus.readLine()).trimmed();
+    QDBusConnection connection = QDBusConnection::connectToBus(address, QStringLiteral("file-manager"));
+    FileManagerService service;
+    ASSERT_TRUE(connection.registerObject(QStringLiteral("/org/freedesktop/FileManager1"), &service,
+                                          QDBusConnection::ExportAllSlots));
+    ASSERT_TRUE(connection.registerService(QStringLiteral("org.freedesktop.FileManager1")));
+
+    const QString file = m_home.writeFile(QStringLiteral("tree/a/b/c/Straße 1.txt"), "content");
+    m_environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), address);
+    m_environment.insert(QStringLiteral("DISPLAY"), QStringLiteral(":97"));
+    QProcess open;
+    open.setProcessEnvironment(m_environment);
+    open.start(QStringLiteral(VANDREL_BINARY),
+               {QStringLiteral("open"), vandrel({QStringLiteral("link"), file}).out.trimmed()});
+    // The file manager answers from this thread's event loop while `vandrel open` resolves and waits for it.
+    QElapsedTimer timer;
+    timer.start();
+    while (open.state() != QProcess::NotRunning && timer.elapsed() < 60000)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    EXPECT_EQ(open.exitCode(), 0) << open.readAllStandardError().toStdString();
+    EXPECT_EQ(service.shown, QStringList{QUrl::fromLocalFile(file).toString(QUrl::FullyEncoded)});
+    EXPECT_TRUE(open.readAllStandardOutput().isEmpty()); // shown, not printed
+    QDBusConnection::disconnectFromBus(QStringLiteral("file-manager"));
+    bus.kill();
+    bus.waitForFinished();
+}
+
+#include "FileLinkCommandsTest.moc"
