@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 #include <vips/vips.h>
 
 namespace {
@@ -39,13 +40,18 @@ protected:
         return config;
     }
 
-    QStringList names(const MetadataIndex &index, const QString &query, const QString &scope = {}) const
+    // Paths below the home, sorted.
+    QStringList relative(const QStringList &paths) const
     {
         QStringList result;
-        for (const QString &path : index.query(query, scope).paths)
+        for (const QString &path : paths)
             result.append(path.mid(m_home.path().size() + 1));
         result.sort();
         return result;
+    }
+    QStringList names(const MetadataIndex &index, const QString &query, const QString &scope = {}) const
+    {
+        return relative(index.query(query, scope).paths);
     }
 
     // Polls until `query` gives `expected`, for at most two seconds.
@@ -77,6 +83,7 @@ protected:
         return QStringLiteral("( * == \"%1*\"cdw || kMDItemTextContent == \"%1*\"cdw )").arg(term);
     }
 
+    const QString everything = QStringLiteral("kMDItemFSName == \"*\"");
     TempHome m_home;
 };
 
@@ -335,4 +342,76 @@ TEST_F(MetadataIndexTest, ChangeDuringFirstCrawlGoesBeforeItsBacklog)
     EXPECT_EQ(names(index, nameQuery(QStringLiteral("meanwhile"))), QStringList{"written meanwhile.txt"});
     // Found while most of the tree was still unread.
     EXPECT_LT(filesWhenFound, 45000);
+}
+
+TEST_F(MetadataIndexTest, BadQueriesScopesAndCountsFailCleanly)
+{
+    m_home.writeFile(QStringLiteral("a/one.txt"), "x");
+    const QString file = m_home.writeFile(QStringLiteral("a/two.txt"), "x");
+    MetadataIndex index(config());
+    ASSERT_TRUE(index.updateNow());
+
+    for (const QString &bad :
+         {QString(), QStringLiteral("   "), QStringLiteral("(((("), QStringLiteral("kMDItemFSName =="),
+          QStringLiteral("kMDItemFSName == \"a\" &&"), QString(200000, u'('),
+          QString::fromUtf16(u"a == \"\0\"", 9), QStringLiteral("x == \"") + QChar(0xdc00) + QChar(0xd800),
+          QStringLiteral("* == 'unclosed")}) {
+        const MetadataQueryResult result = index.query(bad);
+        EXPECT_FALSE(result.ok) << bad.left(40).toStdString();
+        EXPECT_TRUE(result.paths.isEmpty());
+    }
+    // Well-formed but odd: answered, never loosely.
+    EXPECT_TRUE(index.query(QStringLiteral("kMDItemFSName == \"\"")).paths.isEmpty());
+    EXPECT_TRUE(index.query(QStringLiteral("kMDItemDisplayName == \"*\\0*\"cd")).paths.isEmpty());
+    EXPECT_EQ(index.query(QStringLiteral("* == \"\"cdw")).paths.size(), 4u); // every word begins with ""
+    EXPECT_TRUE(index.query(QStringLiteral("kMDItemTextContent == \"***\"cdw")).ok);
+
+    // Counts and scopes.
+    EXPECT_TRUE(index.query(everything, {}, {}, true, 0).paths.isEmpty());
+    EXPECT_TRUE(index.query(everything, {}, {}, true, -5).paths.isEmpty());
+    EXPECT_EQ(index.query(everything, {}, {}, true, std::numeric_limits<int>::max()).paths.size(), 4u);
+    EXPECT_EQ(index.query(everything, {}, {}, false, 1).paths.size(), 1u);
+    EXPECT_EQ(relative(index.query(everything, m_home.filePath(QStringLiteral("a/../a/./"))).paths),
+              (QStringList{"a/one.txt", "a/two.txt"}));
+    EXPECT_TRUE(index.query(everything, m_home.filePath(QStringLiteral("missing"))).paths.isEmpty());
+    EXPECT_TRUE(index.query(everything, file).paths.isEmpty()); // a file is no scope
+    EXPECT_TRUE(index.query(everything, QStringLiteral("relative/path")).ok);
+    // "/" and an ancestor of every root both mean the whole index.
+    EXPECT_EQ(index.query(everything, QStringLiteral("/")).paths.size(), 4u);
+    EXPECT_EQ(index.query(everything, QFileInfo(m_home.path()).absolutePath()).paths.size(), 4u);
+}
+
+TEST_F(MetadataIndexTest, SettingsOddNamesAndLinksAreHonoured)
+{
+    m_home.writeFile(QStringLiteral("keep/a.txt"), "x");
+    m_home.writeFile(QStringLiteral("private/b.txt"), "x");
+    m_home.writeFile(QStringLiteral("work/build/c.txt"), "x");
+    m_home.writeFile(QStringLiteral("work/src/d.txt"), "x");
+    m_home.writeFile(QStringLiteral("nested/e.txt"), "x");
+    // A name that is not UTF-8, and a link back up the tree that must not be followed.
+    const QByteArray rawName = QFile::encodeName(m_home.path()) + "/keep/caf\xe9.txt";
+    QFile raw(QFile::decodeName(rawName));
+    ASSERT_TRUE(raw.open(QIODevice::WriteOnly));
+    raw.close();
+    ASSERT_EQ(symlink(qPrintable(m_home.path()), qPrintable(m_home.filePath(QStringLiteral("keep/loop")))),
+              0);
+
+    MetadataConfig settings = config();
+    settings.excludes = {m_home.filePath(QStringLiteral("private")), QStringLiteral("build")};
+    settings.roots.append(m_home.filePath(QStringLiteral("nested"))); // inside the home: indexed once
+    {
+        MetadataIndex index(settings);
+        ASSERT_TRUE(index.updateNow());
+        EXPECT_EQ(relative(index.query(QStringLiteral("kMDItemFSName == \"*.txt\"")).paths),
+                  (QStringList{"keep/a.txt", QFile::decodeName("keep/caf\xe9.txt"), "nested/e.txt",
+                               "work/src/d.txt"}));
+        EXPECT_EQ(index.query(QStringLiteral("kMDItemFSName == \"loop\"")).paths.size(), 1u);
+        EXPECT_TRUE(index.item(QFile::decodeName(rawName)));
+    }
+    // A root taken out of the settings leaves the index at the next start.
+    settings.roots = {m_home.filePath(QStringLiteral("work"))};
+    MetadataIndex index(settings);
+    ASSERT_TRUE(index.updateNow());
+    EXPECT_EQ(relative(index.query(QStringLiteral("kMDItemFSName == \"*.txt\"")).paths),
+              QStringList{"work/src/d.txt"});
 }
