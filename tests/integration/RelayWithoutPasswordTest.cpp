@@ -43,17 +43,17 @@ TEST_F(AgentWithSession, TheComputerListMarkerOpensOnlyTheComputerList)
     const QString pdf = home.writeFile(QStringLiteral("Documents/page.pdf"), makePdf("page"));
     const QString uploads = root + QStringLiteral("/uploads");
     const QJsonValue open = QStringLiteral("root_folders");
-    EXPECT_TRUE(
-        unanswered(record({{"request_type", "preview"}, {"search_dir", open}, {"path", pdf + ".jpg"}})));
-    EXPECT_TRUE(unanswered(
-        record({{"request_type", "thumb"}, {"search_dir", open}, {"path", pdf + ".1.64.64.jpg"}})));
-    EXPECT_TRUE(unanswered(record({{"request_type", "info"}, {"search_dir", open}, {"path", secret}})));
-    EXPECT_TRUE(
-        unanswered(record({{"request_type", "copy_to_dropbox"}, {"search_dir", open}, {"path", secret}})));
-    EXPECT_TRUE(unanswered(record({{"request_type", "move_from_dropbox"},
-                                   {"search_dir", open},
-                                   {"path", secret},
-                                   {"dest_path", home.filePath(QStringLiteral("Moved"))}})));
+    const std::pair<const char *, QString> requests[] = {{"preview", pdf + ".jpg"},
+                                                         {"thumb", pdf + ".1.64.64.jpg"},
+                                                         {"info", secret},
+                                                         {"copy_to_dropbox", secret},
+                                                         {"move_from_dropbox", secret}};
+    for (const auto &[type, path] : requests)
+        EXPECT_TRUE(unanswered(record({{"request_type", type},
+                                       {"search_dir", open},
+                                       {"path", path},
+                                       {"dest_path", home.filePath(QStringLiteral("Moved"))}})))
+            << type;
     // A thumbnail with a wrong hash is no different.
     EXPECT_TRUE(unanswered(record({{"request_type", "thumb"},
                                    {"path", pdf + ".1.64.64.jpg"},
