@@ -1,6 +1,7 @@
 #include "AgentWithSession.h"
 #include "common/JsonRecord.h"
 #include "common/TestPdf.h"
+#include "common/VandrelCommand.h"
 #include "platform/FileSecretStore.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
@@ -225,24 +226,17 @@ TEST_F(AgentWhoseSecretServiceIsGone, NeitherFallsBackToTheFileNorOpens)
             .value(QStringLiteral("auth_error")),
         QStringLiteral("auth_pword_failed"));
 
-    QProcess status;
-    status.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("password"), QStringLiteral("status")});
-    ASSERT_TRUE(status.waitForFinished(30000));
-    EXPECT_TRUE(status.readAllStandardOutput().startsWith(
-        "The computer password cannot be read from the Secret Service"));
+    const QStringList status{QStringLiteral("password"), QStringLiteral("status")};
+    EXPECT_TRUE(
+        runVandrel(status).out.startsWith(u"The computer password cannot be read from the Secret Service"));
 
     // Setting the password again is what moves it: here into the file, and later launches read it there.
-    qputenv("VANDREL_KEYCHAIN", "file");
-    QProcess set;
-    set.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("password"), QStringLiteral("set")});
-    set.write("new one\n");
-    set.closeWriteChannel();
-    ASSERT_TRUE(set.waitForFinished(30000));
-    qunsetenv("VANDREL_KEYCHAIN");
+    QProcessEnvironment fileStore = QProcessEnvironment::systemEnvironment();
+    fileStore.insert(QStringLiteral("VANDREL_KEYCHAIN"), QStringLiteral("file"));
+    ASSERT_EQ(
+        runVandrel({QStringLiteral("password"), QStringLiteral("set")}, "new one\n", fileStore).exitCode, 0);
     EXPECT_EQ(UserDefaults::stringValue(SettingsKeys::SecretStoreKind), QStringLiteral("file"));
-    status.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("password"), QStringLiteral("status")});
-    ASSERT_TRUE(status.waitForFinished(30000));
-    EXPECT_TRUE(status.readAllStandardOutput().startsWith("A computer password is set in the file"));
+    EXPECT_TRUE(runVandrel(status).out.startsWith(u"A computer password is set in the file"));
 }
 
 namespace {
