@@ -1,5 +1,4 @@
-#include "FakeRelay.h"
-#include "common/DropboxHome.h"
+#include "AgentWithSession.h"
 #include "common/JsonRecord.h"
 
 #include <QDir>
@@ -15,13 +14,14 @@ using Reply = TestHttpServer::Reply;
 
 namespace {
 
-// A Dropbox home with a second StorageRoot in Google Drive and a relay; the agent is started by the test.
-struct RelayHome : DropboxHome
+// A second StorageRoot in Google Drive beside the Dropbox one, and a relay deadline of two seconds.
+class AgentWithTwoRoots : public AgentWithSession
 {
-    RelayHome()
+protected:
+    void prepareHome() override
     {
-        setEnvironment("VANDREL_RELAY_URL", relay.baseUrl().toUtf8());
         QDir().mkpath(drive);
+        home.setEnvironment("VANDREL_RELAY_TIMEOUT", "2");
     }
     qsizetype polls(const QStringList &sessions) const
     {
@@ -29,8 +29,7 @@ struct RelayHome : DropboxHome
         return std::count_if(all.begin(), all.end(),
                              [&](const Poll &poll) { return poll.sessions == sessions; });
     }
-    FakeRelay relay;
-    const QString drive = filePath(QStringLiteral("GDrive/Apps/vandrel"));
+    const QString drive = home.filePath(QStringLiteral("GDrive/Apps/vandrel"));
 };
 
 auto withResult(const char *marker)
@@ -42,26 +41,18 @@ auto withResult(const char *marker)
 
 } // namespace
 
-TEST(RelayLoop, PollsOnlyWhileSessionsExistOncePerSecondPerStorageRoot)
+TEST_F(AgentWithTwoRoots, PollsOnlyWhileSessionsExistOncePerSecondPerStorageRoot)
 {
-    RelayHome home;
-    AgentProcess agent(home);
-    ASSERT_TRUE(agent.running());
-    QThread::sleep(2);
-    EXPECT_EQ(home.relay.server().requestCount(), 0) << "an idle agent made network traffic";
-
-    home.addSession(QStringLiteral("s-box"));
-    home.addSession(QStringLiteral("s-drive"), home.drive);
-    ASSERT_TRUE(
-        home.relay.waitForPoll([](const Poll &poll) { return poll.sessions.contains(u"s-drive"); }, 3s));
-    const QStringList box{QStringLiteral("s-box")}, drive{QStringLiteral("s-drive")};
-    const qsizetype boxBefore = home.polls(box), driveBefore = home.polls(drive);
+    home.addSession(QStringLiteral("s-drive"), drive);
+    ASSERT_TRUE(relay.waitForPoll([](const Poll &poll) { return poll.sessions.contains(u"s-drive"); }, 3s));
+    const QStringList box{QStringLiteral("web")}, gdrive{QStringLiteral("s-drive")};
+    const qsizetype boxBefore = polls(box), driveBefore = polls(gdrive);
     QThread::sleep(4);
-    for (const qsizetype polled : {home.polls(box) - boxBefore, home.polls(drive) - driveBefore}) {
+    for (const qsizetype polled : {polls(box) - boxBefore, polls(gdrive) - driveBefore}) {
         EXPECT_GE(polled, 3);
         EXPECT_LE(polled, 5);
     }
-    for (const Poll &poll : home.relay.polls()) {
+    for (const Poll &poll : relay.polls()) {
         EXPECT_EQ(poll.path, "/result");
         EXPECT_EQ(poll.computerId.size(), 32);
         EXPECT_EQ(QStringList(poll.form.keys()),
@@ -69,32 +60,27 @@ TEST(RelayLoop, PollsOnlyWhileSessionsExistOncePerSecondPerStorageRoot)
     }
 
     // Sessions gone: the traffic stops.
-    QDir(home.root() + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
-    QDir(home.drive + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
+    QDir(root + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
+    QDir(drive + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
     QThread::msleep(1500);
-    const int settled = home.relay.server().requestCount();
+    const int settled = relay.server().requestCount();
     QThread::sleep(2);
-    EXPECT_EQ(home.relay.server().requestCount(), settled);
+    EXPECT_EQ(relay.server().requestCount(), settled) << "an idle agent made network traffic";
 
-    EXPECT_EQ(agent.stop(SIGINT), 0);
-    EXPECT_TRUE(agent.log().contains(QStringLiteral("vandrel stopping")));
+    EXPECT_EQ(agent->stop(SIGINT), 0);
+    EXPECT_TRUE(agent->log().contains(QStringLiteral("vandrel stopping")));
 }
 
-TEST(RelayLoop, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain)
+TEST_F(AgentWithTwoRoots, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain)
 {
-    RelayHome home;
-    home.setEnvironment("VANDREL_RELAY_TIMEOUT", "2");
-    home.addSession(QStringLiteral("s1"));
-    AgentProcess agent(home);
-    ASSERT_TRUE(home.relay.waitForPoll([](const Poll &) { return true; }));
-    const qint64 baseline = agent.residentKb();
-    TestHttpServer &server = home.relay.server();
+    const qint64 baseline = agent->residentKb();
+    TestHttpServer &server = relay.server();
 
     // A 500 whose body holds requests still runs them.
-    home.relay.setMisbehaviour(Reply::json(
+    relay.setMisbehaviour(Reply::json(
         500,
-        R"({"requests":[{"request_type":"search","os_session":"s1","search_dir":"root_folders","n":"a"}]})"));
-    EXPECT_TRUE(home.relay.waitForPoll(withResult("a")));
+        R"({"requests":[{"request_type":"search","os_session":"web","search_dir":"root_folders","n":"a"}]})"));
+    EXPECT_TRUE(relay.waitForPoll(withResult("a")));
 
     // Half a million tiny records: each would become a queued operation.
     const QByteArray flood = "{\"requests\":[" + QByteArray("{},").repeated(500'000) + "{}]}";
@@ -102,18 +88,18 @@ TEST(RelayLoop, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain)
          {Reply::text(200, "garbage{"), Reply::json(200, "[1,2]"), Reply::json(200, "{\"requests\":7}"),
           Reply::huge(50 * 1024 * 1024), Reply::huge(50 * 1024 * 1024, false), Reply::hangUp(),
           Reply::drip("{\"requests\":[]}", 300ms), Reply::json(200, flood)}) {
-        home.relay.setMisbehaviour(bad);
+        relay.setMisbehaviour(bad);
         const int before = server.requestCount();
         QThread::sleep(3);
-        EXPECT_TRUE(agent.running());
+        EXPECT_TRUE(agent->running());
         EXPECT_GE(server.requestCount() - before, 2) << "polling stalled";
         EXPECT_LE(server.openConnections(), 8) << "connections pile up";
-        EXPECT_LT(agent.residentKb() - baseline, 150 * 1024) << "memory grew without bound";
+        EXPECT_LT(agent->residentKb() - baseline, 150 * 1024) << "memory grew without bound";
     }
 
     // A relay that never answers: each post is given up at the deadline (2 s here), so the polls keep
     // coming long after silent posts would have filled the transport's six connections to the relay.
-    home.relay.setMisbehaviour(Reply::silent());
+    relay.setMisbehaviour(Reply::silent());
     QThread::sleep(6);
     const int lateStart = server.requestCount();
     QThread::sleep(3);
@@ -121,10 +107,12 @@ TEST(RelayLoop, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain)
     EXPECT_LE(server.openConnections(), 8) << "connections pile up";
 
     // Recovery: within 2 s the agent polls normally and runs what it gets.
-    home.relay.setMisbehaviour(std::nullopt);
-    home.relay.queueRequests(QJsonArray{record(
-        {{"request_type", "search"}, {"os_session", "s1"}, {"search_dir", "root_folders"}, {"n", "after"}})});
-    EXPECT_TRUE(home.relay.waitForPoll(withResult("after"), 2s));
-    EXPECT_TRUE(agent.log().contains(QStringLiteral("Error status code: 200")));
-    EXPECT_EQ(agent.stop(SIGTERM), 0);
+    relay.setMisbehaviour(std::nullopt);
+    relay.queueRequests(QJsonArray{record({{"request_type", "search"},
+                                           {"os_session", "web"},
+                                           {"search_dir", "root_folders"},
+                                           {"n", "after"}})});
+    EXPECT_TRUE(relay.waitForPoll(withResult("after"), 2s));
+    EXPECT_TRUE(agent->log().contains(QStringLiteral("Error status code: 200")));
+    EXPECT_EQ(agent->stop(SIGTERM), 0);
 }

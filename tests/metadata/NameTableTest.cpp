@@ -64,13 +64,9 @@ TEST_F(NameTableQuery, NamesTypesScopesAndOrder)
     add(pics, "a.out~", 40, false, FileRecord::System);
     m_table.replaceAll(m_records);
 
+    // Substring and prefix matching are checked against a model below; here accents and case fold.
     EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*resume*\"cd")),
               (std::vector<std::string>{"/home/u/Documents/Résumé.pdf", "/home/u/Documents/resume-old.PDF"}));
-    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*ZURICH*\"cd")),
-              std::vector<std::string>{"/home/u/Documents/zürich.txt"});
-    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"n*\"cd")),
-              std::vector<std::string>{"/home/u/Documents/notes.txt"});
-    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*ch*\"cd")).size(), 2u); // 2-byte substring
     // Without modifiers a name match is exact and case-sensitive on the unfolded name.
     EXPECT_EQ(query(QStringLiteral("kMDItemFSName == \"Résumé.pdf\"")).size(), 1u);
     EXPECT_TRUE(query(QStringLiteral("kMDItemFSName == \"resume.pdf\"")).empty());
@@ -91,10 +87,6 @@ TEST_F(NameTableQuery, NamesTypesScopesAndOrder)
     EXPECT_EQ(
         query(QStringLiteral("kMDItemDisplayName == \"*.*\"cd"), "/home/u/Pictures", 600, false).front(),
         "/home/u/Pictures/a.out~");
-    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*e*\"cd || kMDItemDisplayName == \"*z*\"cd"),
-                    "/home/u/Documents")
-                  .size(),
-              4u);
     EXPECT_EQ(query(QStringLiteral("kMDItemPath == \"*/pictures/*\"cd")).size(), 3u);
     EXPECT_TRUE(query(QStringLiteral("kMDItemNoSuchThing == \"*\"")).empty());
 }

@@ -4,11 +4,8 @@
 
 #include <QDir>
 #include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 // Objects are read (after a byte-order mark too); other text is logged and read as empty; so is a file too
 // large to be one of ours.
@@ -65,45 +62,8 @@ TEST(FileUtils, WritesIndentedJsonAtomicallyAndRoundTrips)
     EXPECT_EQ(QDir(home.path()).entryList(QDir::Files), QStringList({QStringLiteral("out.json")}));
 }
 
-TEST(FileUtils, EnvelopeUndoesWithZlibAndBase64)
+TEST(FileUtils, JsonDatesRoundTrip)
 {
-    for (const QJsonValue &value :
-         {QJsonValue(QJsonObject()), QJsonValue(QJsonArray({QStringLiteral("s1"), QStringLiteral("s2")})),
-          QJsonValue(QJsonObject{{QStringLiteral("items"), QString(5000, u'\u00e9')}})}) {
-        const std::optional<QString> envelope = vd_FileUtils::base64URLSafeZlibJSON(value);
-        ASSERT_TRUE(envelope.has_value());
-        EXPECT_FALSE(envelope->contains(u'+') || envelope->contains(u'/'));
-        EXPECT_EQ(envelope->size() % 4, 0);
-        const QByteArray compressed =
-            QByteArray::fromBase64(envelope->toLatin1(), QByteArray::Base64UrlEncoding);
-        QByteArray json(1 << 20, '\0');
-        uLongf length = uLongf(json.size());
-        ASSERT_EQ(uncompress(reinterpret_cast<Bytef *>(json.data()), &length,
-                             reinterpret_cast<const Bytef *>(compressed.constData()),
-                             uLong(compressed.size())),
-                  Z_OK);
-        json.truncate(qsizetype(length));
-        EXPECT_FALSE(json.contains('\n')); // compact on the wire
-        const QJsonDocument document = QJsonDocument::fromJson(json);
-        EXPECT_EQ(document.isObject() ? QJsonValue(document.object()) : QJsonValue(document.array()), value);
-    }
-    EXPECT_EQ(vd_FileUtils::base64URLSafeZlibJSON(QJsonValue()), std::nullopt);
-    EXPECT_EQ(vd_FileUtils::base64URLSafeZlibJSON(QJsonValue(QJsonValue::Undefined)), std::nullopt);
-}
-
-TEST(FileUtils, LayoutFoldersAndDates)
-{
-    TempHome home;
-    const QString root = home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
-    EXPECT_EQ(vd_FileUtils::getRootsPath(root), root + QStringLiteral("/data.vdldata/computers"));
-    EXPECT_TRUE(QFileInfo(root + QStringLiteral("/data.vdldata/computers")).isDir());
-
-    const QDateTime march(QDate(2014, 3, 2), QTime(12, 0), Qt::LocalTime);
-    const QDateTime november(QDate(2014, 11, 30), QTime(23, 59, 59), Qt::LocalTime);
-    EXPECT_EQ(vd_FileUtils::getFileByDatePath(QStringLiteral("/u"), march), QStringLiteral("/u/2014/3"));
-    EXPECT_EQ(vd_FileUtils::getFileByDatePath(QStringLiteral("/u"), november), QStringLiteral("/u/2014/11"));
-    EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/u/2014")));
-
     const QDateTime moment = QDateTime::fromMSecsSinceEpoch(1400000000250, Qt::UTC);
     EXPECT_DOUBLE_EQ(vd_FileUtils::JSONDate(moment), 1400000000.25);
     EXPECT_EQ(vd_FileUtils::dateFromJSON(1400000000.25), moment);

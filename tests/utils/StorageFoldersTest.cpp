@@ -125,10 +125,12 @@ TEST(StorageFolders, MonthFoldersForUploadsAndDownloads)
     EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolder(QString(), march), QString());
     EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/2014/3")));
 
+    // Month numbers are not padded.
+    const QDateTime november(QDate(2014, 11, 30), QTime(23, 59, 59), Qt::LocalTime);
     home.writeFile(QStringLiteral(".config/user-dirs.dirs"), "XDG_DOWNLOAD_DIR=\"$HOME/T\xc3\xa9l\xc3\xa9"
                                                              "chargements\"\n");
-    EXPECT_EQ(vd_FileUtils::getDefaultMoveFromFolder(march),
-              home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/3")));
+    EXPECT_EQ(vd_FileUtils::getDefaultMoveFromFolder(november),
+              home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/11")));
     EXPECT_TRUE(
-        QFileInfo(home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/3"))).isDir());
+        QFileInfo(home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/11"))).isDir());
 }
