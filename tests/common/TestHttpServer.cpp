@@ -11,10 +11,54 @@
 #include <cstdlib>
 #include <mutex>
 
-namespace {
-
 using Request = TestHttpServer::Request;
 using Reply = TestHttpServer::Reply;
+
+struct TestHttpServer::Private
+{
+    mutable std::mutex lock;
+    Handler handler;
+    QList<Request> requests; // guarded by lock
+    int openConnections = 0; // guarded by lock
+    QThread thread;
+    QObject context;              // lives on thread
+    QTcpServer *server = nullptr; // lives on thread
+    quint16 port = 0;
+
+    // Records the request and answers it, on the server thread (the handler is set before it starts).
+    Reply take(const Request &request)
+    {
+        {
+            std::lock_guard guard(lock);
+            requests.append(request);
+        }
+        return handler ? handler(request) : Reply::text(200, {});
+    }
+    void countConnection(int delta)
+    {
+        std::lock_guard guard(lock);
+        openConnections += delta;
+    }
+
+    bool waitFor(const std::function<bool()> &condition, std::chrono::milliseconds timeout) const
+    {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        for (;;) {
+            {
+                std::lock_guard guard(lock);
+                if (condition())
+                    return true;
+            }
+            if (std::chrono::steady_clock::now() >= deadline)
+                return false;
+            if (QThread::currentThread()->eventDispatcher())
+                QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+            QThread::msleep(5);
+        }
+    }
+};
+
+namespace {
 
 constexpr qint64 kChunk = 64 * 1024;
 
@@ -72,13 +116,12 @@ void parseMultipart(const QByteArray &body, const QByteArray &boundary, QMap<QSt
 class Connection : public QObject
 {
 public:
-    Connection(QTcpSocket *socket, std::function<Reply(const Request &)> take, std::function<void(int)> count)
+    Connection(QTcpSocket *socket, TestHttpServer::Private *server)
         : QObject(socket)
         , m_socket(socket)
-        , m_take(std::move(take))
-        , m_count(std::move(count))
+        , m_server(server)
     {
-        m_count(+1);
+        m_server->countConnection(+1);
         connect(socket, &QTcpSocket::readyRead, this, [this] {
             m_buffer += m_socket->readAll();
             serveBuffered();
@@ -87,7 +130,7 @@ public:
         connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
         connect(&m_dripTimer, &QTimer::timeout, this, [this] { feed(true); });
     }
-    ~Connection() override { m_count(-1); }
+    ~Connection() override { m_server->countConnection(-1); }
 
 private:
     void serveBuffered()
@@ -121,7 +164,7 @@ private:
             else if (contentType.startsWith("multipart/form-data"))
                 parseMultipart(request.body, headerParameter(request.header("Content-Type"), "boundary"),
                                request.form);
-            answer(m_take(request));
+            answer(m_server->take(request));
         }
     }
 
@@ -186,8 +229,7 @@ private:
     }
 
     QTcpSocket *m_socket;
-    const std::function<Reply(const Request &)> m_take;
-    const std::function<void(int)> m_count;
+    TestHttpServer::Private *const m_server;
     QByteArray m_buffer;
     bool m_busy = false;
     Reply m_reply;
@@ -196,35 +238,6 @@ private:
 };
 
 } // namespace
-
-struct TestHttpServer::Private
-{
-    mutable std::mutex lock;
-    Handler handler;
-    QList<Request> requests; // guarded by lock
-    int openConnections = 0; // guarded by lock
-    QThread thread;
-    QObject context;              // lives on thread
-    QTcpServer *server = nullptr; // lives on thread
-    quint16 port = 0;
-
-    bool waitFor(const std::function<bool()> &condition, std::chrono::milliseconds timeout) const
-    {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            {
-                std::lock_guard guard(lock);
-                if (condition())
-                    return true;
-            }
-            if (std::chrono::steady_clock::now() >= deadline)
-                return false;
-            if (QThread::currentThread()->eventDispatcher())
-                QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-            QThread::msleep(5);
-        }
-    }
-};
 
 QByteArray TestHttpServer::Request::header(const QByteArray &name) const
 {
@@ -254,21 +267,8 @@ TestHttpServer::TestHttpServer(Handler handler)
         [p] {
             p->server = new QTcpServer;
             QObject::connect(p->server, &QTcpServer::newConnection, p->server, [p] {
-                while (QTcpSocket *socket = p->server->nextPendingConnection()) {
-                    const auto take = [p](const Request &request) {
-                        Handler handler;
-                        {
-                            std::lock_guard guard(p->lock);
-                            p->requests.append(request);
-                            handler = p->handler;
-                        }
-                        return handler ? handler(request) : Reply::text(200, {});
-                    };
-                    new Connection(socket, take, [p](int delta) {
-                        std::lock_guard guard(p->lock);
-                        p->openConnections += delta;
-                    });
-                }
+                while (QTcpSocket *socket = p->server->nextPendingConnection())
+                    new Connection(socket, p);
             });
             if (p->server->listen(QHostAddress::LocalHost, 0))
                 p->port = p->server->serverPort();

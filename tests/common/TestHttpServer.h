@@ -92,7 +92,9 @@ public:
     bool waitForOpenConnections(int count,
                                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
-private:
+    // The server's state, which its connections share.
     struct Private;
+
+private:
     std::unique_ptr<Private> d;
 };
