@@ -9,8 +9,6 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QTest>
 
@@ -30,10 +28,7 @@ QString infoFile(const QString &root)
 
 double lastUpdated(const QString &path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return 0;
-    return QJsonDocument::fromJson(file.readAll()).object().value(QStringLiteral("last_updated")).toDouble();
+    return vd_FileUtils::readJsonFileMutableDictionary(path).value(QStringLiteral("last_updated")).toDouble();
 }
 
 // Times a hundred times shorter than the agent's, the welcome pause kept at its full second.

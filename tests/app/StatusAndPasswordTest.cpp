@@ -1,8 +1,8 @@
 #include "common/DropboxHome.h"
 #include "common/VandrelCommand.h"
+#include "utils/vd_FileUtils.h"
 
 #include <QDir>
-#include <QJsonDocument>
 #include <QJsonObject>
 
 #include <gtest/gtest.h>
@@ -20,10 +20,8 @@ QJsonObject onlyComputerFile(const QString &root)
 {
     const QDir computers(root + QStringLiteral("/data.vdldata/computers"));
     const QStringList files = computers.entryList(QDir::Files);
-    QFile file(computers.filePath(files.value(0)));
-    return files.size() == 1 && file.open(QIODevice::ReadOnly)
-               ? QJsonDocument::fromJson(file.readAll()).object()
-               : QJsonObject();
+    return files.size() == 1 ? vd_FileUtils::readJsonFileMutableDictionary(computers.filePath(files.first()))
+                             : QJsonObject();
 }
 
 } // namespace
