@@ -13,7 +13,7 @@
 
 namespace {
 
-// The computer files folder of a Dropbox home, a file written into it, and what went to the trash.
+// The computer files folder of a Dropbox home, and a file written into it.
 struct InfoHome : DropboxHome
 {
     QString computers() const { return root() + QStringLiteral("/data.vdldata/computers"); }
@@ -22,11 +22,6 @@ struct InfoHome : DropboxHome
         QDir().mkpath(computers());
         vd_FileUtils::writeJsonFile(object, computers() + u'/' + name);
         return computers() + u'/' + name;
-    }
-    QStringList trashed() const
-    {
-        return QDir(filePath(QStringLiteral(".local/share/Trash/files")))
-            .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
     }
 };
 
@@ -82,7 +77,8 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
     remaining.sort();
     EXPECT_EQ(remaining, expected);
     // Nothing was deleted: every removed item is in the trash with its restore record.
-    const QStringList trashed = info.trashed();
+    const QStringList trashed = QDir(info.filePath(QStringLiteral(".local/share/Trash/files")))
+                                    .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
     EXPECT_EQ(trashed.size(), 6) << trashed.join(u',').toStdString();
     for (const QString &name : trashed)
         EXPECT_GT(QFileInfo(info.filePath(QStringLiteral(".local/share/Trash/info/") + name +

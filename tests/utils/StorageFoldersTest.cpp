@@ -50,26 +50,25 @@ TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
     QDir(home.path()).mkpath(QStringLiteral("Dropbox"));
     home.writeFile(QStringLiteral("Dropbox Notes"), "a file, not a folder");
     const QByteArray encoded = home.filePath(QStringLiteral("Legacy")).toUtf8().toBase64();
-    home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\r\n" + encoded.left(8) + '\n' + encoded.mid(8));
-    // "\r\n" is two line breaks, so the second line is empty: no legacy folder.
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
-
     home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\n" + encoded + "\nmore");
     EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(),
               QStringList({home.filePath(QStringLiteral("Legacy")),
                            home.filePath(QStringLiteral("Dropbox (Team)"))}));
 
-    home.writeFile(QStringLiteral(".dropbox/host.db"), "just one line");
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
-
-    // Pipes in the client files' places are not read (reading would wait for ever); a huge file neither.
+    // "\r\n" is two line breaks, so the second line is empty; one line names nothing; a huge file is not
+    // read: no legacy folder, so the standard one.
+    for (const QByteArray &hostDb :
+         {"1234\r\n" + encoded.left(8) + '\n' + encoded.mid(8), QByteArray("just one line"),
+          "1234\n" + encoded + '\n' + QByteArray(2 << 20, ' ')}) {
+        home.writeFile(QStringLiteral(".dropbox/host.db"), hostDb);
+        EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(),
+                  QStringList({home.filePath(QStringLiteral("Dropbox"))}));
+    }
+    // Pipes in the client files' places are not read (reading would wait for ever).
     for (const char *name : {".dropbox/host.db", ".dropbox/info.json"}) {
         QFile::remove(home.filePath(QLatin1String(name)));
         ASSERT_EQ(::mkfifo(QFile::encodeName(home.filePath(QLatin1String(name))).constData(), 0600), 0);
     }
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
-    QFile::remove(home.filePath(QStringLiteral(".dropbox/host.db")));
-    home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\n" + encoded + '\n' + QByteArray(2 << 20, ' '));
     EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
     QDir(home.filePath(QStringLiteral("Dropbox"))).removeRecursively();
     EXPECT_TRUE(vd_FileUtils::dropBoxFolderGETAll().isEmpty());
