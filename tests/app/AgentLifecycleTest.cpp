@@ -1,6 +1,6 @@
 #include "app/AgentLifecycle.h"
 
-#include "common/TempHome.h"
+#include "common/DropboxHome.h"
 #include "engine/UserActivityNotifier.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
@@ -9,8 +9,6 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QTest>
 
@@ -22,16 +20,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A home with one Dropbox StorageRoot; answers the root's path.
-QString dropboxHome(const TempHome &home)
-{
-    home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
-    home.writeFile(QStringLiteral(".dropbox/info.json"),
-                   QStringLiteral("{\"personal\": {\"path\": \"%1/Dropbox\"}}").arg(home.path()).toUtf8());
-    vd_FileUtils::resetVandrelFolderCache();
-    return home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
-}
-
 QString infoFile(const QString &root)
 {
     return root + QStringLiteral("/data.vdldata/computers/") + vd_FileUtils::getComputerUUID() +
@@ -40,10 +28,7 @@ QString infoFile(const QString &root)
 
 double lastUpdated(const QString &path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return 0;
-    return QJsonDocument::fromJson(file.readAll()).object().value(QStringLiteral("last_updated")).toDouble();
+    return vd_FileUtils::readJsonFileMutableDictionary(path).value(QStringLiteral("last_updated")).toDouble();
 }
 
 // Times a hundred times shorter than the agent's, the welcome pause kept at its full second.
@@ -63,9 +48,8 @@ LifecycleTimes shortTimes()
 
 TEST(AgentLifecycle, TimersFireNoEarlierThanScheduledAndTheWelcomePauseLeavesTheLoopRunning)
 {
-    TempHome home;
-    qputenv("VANDREL_KEYCHAIN", "file");
-    const QString root = dropboxHome(home);
+    DropboxHome home;
+    const QString root = home.root();
     UserDefaults::setValue(SettingsKeys::WebSiteURL, QStringLiteral("http://vandrel.test/any?x=1"));
 
     AgentLifecycle lifecycle(shortTimes());
@@ -121,7 +105,6 @@ TEST(AgentLifecycle, TimersFireNoEarlierThanScheduledAndTheWelcomePauseLeavesThe
     UserDefaults::setValue(SettingsKeys::LastBestPath, root);
     std::thread([] { Q_EMIT UserActivityNotifier::instance().UserCameOnline(); }).join();
     EXPECT_TRUE(QTest::qWaitFor([] { return !UserDefaults::contains(SettingsKeys::LastBestPath); }, 10000));
-    qunsetenv("VANDREL_KEYCHAIN");
 }
 
 TEST(AgentLifecycle, WelcomePageOpensOnTheFirstFourLaunchesOnly)

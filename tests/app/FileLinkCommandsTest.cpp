@@ -1,13 +1,16 @@
 #include "common/TempHome.h"
+#include "common/VandrelCommand.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
 
+#include <QCoreApplication>
+#include <QDBusConnection>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QLocalSocket>
-#include <QProcess>
 #include <QThread>
+#include <QUrl>
 
 #include <gtest/gtest.h>
 
@@ -15,14 +18,26 @@ namespace {
 
 const QString kService = QStringLiteral("https://links.example.test/l");
 
+// Answers as the desktop's file manager does, on a private session bus, and remembers what it was shown.
+class FileManagerService : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.FileManager1")
+
+public:
+    QStringList shown;
+
+public Q_SLOTS:
+    void ShowItems(const QStringList &uris, const QString &) { shown << uris; }
+};
+
 // A temporary home (its runtime folder keeps the instance socket private to the test) with the LinkService
-// address set and a small indexed tree.
+// address set and a small indexed tree, without a display.
 class FileLinkCommandsTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
-        m_environment = QProcessEnvironment::systemEnvironment();
         m_environment.insert(QStringLiteral("VANDREL_KEYCHAIN"), QStringLiteral("file"));
         m_environment.insert(QStringLiteral("VANDREL_RELAY_URL"), QStringLiteral("http://127.0.0.1:9"));
         for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
@@ -34,55 +49,27 @@ protected:
 
     void TearDown() override
     {
-        if (m_agent.state() != QProcess::NotRunning) {
-            m_agent.terminate();
-            if (!m_agent.waitForFinished(30000))
-                m_agent.kill();
-        }
+        m_agent.terminate();
+        if (!m_agent.waitForFinished(30000))
+            m_agent.kill();
     }
 
     QString tree() const { return m_home.filePath(QStringLiteral("tree")); }
-
-    struct Run
+    VandrelRun vandrel(const QStringList &args, const QProcessEnvironment &environment) const
     {
-        int exitCode = -1;
-        QString out;
-        QString err;
-    };
-    Run vandrel(const QStringList &args, const QProcessEnvironment &environment) const
-    {
-        QProcess process;
-        process.setProcessEnvironment(environment);
-        process.setWorkingDirectory(tree());
-        process.start(QStringLiteral(VANDREL_BINARY), args);
-        process.waitForFinished(60000);
-        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-                QString::fromUtf8(process.readAllStandardOutput()),
-                QString::fromUtf8(process.readAllStandardError())};
+        return runVandrel(args, {}, environment, tree());
     }
-    Run vandrel(const QStringList &args) const { return vandrel(args, m_environment); }
-
-    void startAgent()
-    {
-        m_agent.setProcessEnvironment(m_environment);
-        m_agent.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("--headless")});
-        ASSERT_TRUE(m_agent.waitForStarted());
-        QElapsedTimer timer;
-        timer.start();
-        while (!QFile::exists(m_home.filePath(QStringLiteral(".run/vandrel.socket"))) &&
-               timer.elapsed() < 30000)
-            QThread::msleep(20);
-    }
+    VandrelRun vandrel(const QStringList &args) const { return vandrel(args, m_environment); }
 
     // Runs `open` until the agent prints the expected path (its index may still be catching up with the
-    // moves), then returns how many times the agent has printed it.
-    bool agentReveals(const QString &path, const std::function<Run()> &open)
+    // moves).
+    bool agentReveals(const QString &path, const std::function<VandrelRun()> &open)
     {
         QElapsedTimer timer;
         timer.start();
         const qsizetype before = m_agentOut.count(path + u'\n');
         while (timer.elapsed() < 60000) {
-            const Run run = open();
+            const VandrelRun run = open();
             if (run.exitCode != 0) {
                 ADD_FAILURE() << run.err.toStdString();
                 return false;
@@ -100,7 +87,7 @@ protected:
     }
 
     TempHome m_home;
-    QProcessEnvironment m_environment;
+    QProcessEnvironment m_environment = QProcessEnvironment::systemEnvironment();
     QProcess m_agent;
     QString m_agentOut;
 };
@@ -111,7 +98,7 @@ TEST_F(FileLinkCommandsTest, LinksSkipVanishedPathsInOrderAndForeignUrlsAreDecli
 {
     const QString first = m_home.writeFile(QStringLiteral("tree/b first.txt"), "1");
     const QString second = m_home.writeFile(QStringLiteral("tree/a second.txt"), "22");
-    const Run made =
+    const VandrelRun made =
         vandrel({QStringLiteral("link"), QStringLiteral("b first.txt"), QStringLiteral("gone.txt"), second});
     EXPECT_EQ(made.exitCode, 0) << made.err.toStdString();
     const QStringList links = made.out.split(u'\n', Qt::SkipEmptyParts);
@@ -123,16 +110,15 @@ TEST_F(FileLinkCommandsTest, LinksSkipVanishedPathsInOrderAndForeignUrlsAreDecli
     // A display that cannot be reached costs the clipboard, not the links.
     QProcessEnvironment unreachable = m_environment;
     unreachable.insert(QStringLiteral("DISPLAY"), QStringLiteral(":97"));
-    const Run withoutX = vandrel({QStringLiteral("link"), second}, unreachable);
+    const VandrelRun withoutX = vandrel({QStringLiteral("link"), second}, unreachable);
     EXPECT_EQ(withoutX.exitCode, 0);
     EXPECT_EQ(withoutX.out.trimmed(), links[1]);
-    QFile::remove(first);
 
-    const Run none = vandrel({QStringLiteral("link"), first});
+    QFile::remove(first);
+    const VandrelRun none = vandrel({QStringLiteral("link"), first});
     EXPECT_EQ(none.exitCode, 1);
     EXPECT_TRUE(none.out.isEmpty());
-
-    const Run upper =
+    const VandrelRun upper =
         vandrel({QStringLiteral("open"), QString(links[1]).replace(kService, QStringLiteral("QLK://"))});
     EXPECT_EQ(upper.exitCode, 64);
     EXPECT_TRUE(upper.err.contains(QStringLiteral("not a link")));
@@ -140,36 +126,19 @@ TEST_F(FileLinkCommandsTest, LinksSkipVanishedPathsInOrderAndForeignUrlsAreDecli
         vandrel({QStringLiteral("open"), QStringLiteral("https://elsewhere.test/p/1/2/a/b/c")}).exitCode, 64);
 }
 
-TEST_F(FileLinkCommandsTest, OpenWithoutARunningInstanceResolvesByItself)
-{
-    const QString original =
-        m_home.writeFile(QStringLiteral("tree/Users/ann/Documents/report.txt"), "figures");
-    const QString link = vandrel({QStringLiteral("link"), original}).out.trimmed();
-    const QString moved = tree() + QStringLiteral("/Archive/Old/report.txt");
-    QDir().mkpath(QFileInfo(moved).absolutePath());
-    ASSERT_TRUE(QFile::rename(original, moved));
-    m_home.writeFile(QStringLiteral("tree/Users/ann/Documents/report.txt"), "FIGURES");
-
-    const Run open = vandrel({QStringLiteral("open"), link});
-    EXPECT_EQ(open.exitCode, 0) << open.err.toStdString();
-    EXPECT_EQ(open.out, moved + u'\n');
-    EXPECT_TRUE(open.err.contains(QStringLiteral("resolved in")));
-
-    QFile::remove(moved);
-    QFile::remove(tree() + QStringLiteral("/Users/ann/Documents/report.txt"));
-    const Run nothing = vandrel({QStringLiteral("open"), link});
-    EXPECT_EQ(nothing.exitCode, 0);
-    EXPECT_TRUE(nothing.out.isEmpty());
-    EXPECT_TRUE(nothing.err.contains(QStringLiteral("tell user nothing found")));
-}
-
 TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunningAgent)
 {
     const QString original =
         m_home.writeFile(QStringLiteral("tree/Users/ann/Documents/plan.odt"), "the plan");
-    startAgent();
+    m_agent.setProcessEnvironment(m_environment);
+    m_agent.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("--headless")});
+    const QString socketPath = m_home.filePath(QStringLiteral(".run/vandrel.socket"));
+    QElapsedTimer started;
+    started.start();
+    while (!QFile::exists(socketPath) && started.elapsed() < 30000)
+        QThread::msleep(20);
 
-    const Run made = vandrel({QStringLiteral("link"), original});
+    const VandrelRun made = vandrel({QStringLiteral("link"), original});
     ASSERT_EQ(made.exitCode, 0) << made.err.toStdString();
     const QString link = made.out.trimmed();
     const QString moved = tree() + QStringLiteral("/Archive/2026/plan.odt");
@@ -203,7 +172,6 @@ TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunning
     ASSERT_TRUE(mime.waitForFinished(30000) && mime.exitCode() == 0);
 
     // Garbage, an endless line and a silent client on the socket cost the agent nothing.
-    const QString socketPath = m_home.filePath(QStringLiteral(".run/vandrel.socket"));
     QLocalSocket garbage, endless, silent;
     for (QLocalSocket *socket : {&garbage, &endless, &silent}) {
         socket->connectToServer(socketPath);
@@ -222,6 +190,41 @@ TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunning
         xdgOpen.setProcessEnvironment(desktop);
         xdgOpen.start(QStringLiteral("xdg-open"), {schemeUrl});
         xdgOpen.waitForFinished(60000);
-        return Run{xdgOpen.exitCode(), {}, QString::fromUtf8(xdgOpen.readAllStandardError())};
+        return VandrelRun{xdgOpen.exitCode(), {}, QString::fromUtf8(xdgOpen.readAllStandardError())};
     }));
 }
+
+TEST_F(FileLinkCommandsTest, OpenAsksTheFileManagerToShowTheFoundFileSelected)
+{
+    QProcess bus;
+    bus.start(QStringLiteral("dbus-daemon"),
+              {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+    ASSERT_TRUE(bus.waitForReadyRead(30000));
+    const QString address = QString::fromUtf8(bus.readLine()).trimmed();
+    QDBusConnection connection = QDBusConnection::connectToBus(address, QStringLiteral("file-manager"));
+    FileManagerService service;
+    ASSERT_TRUE(connection.registerObject(QStringLiteral("/org/freedesktop/FileManager1"), &service,
+                                          QDBusConnection::ExportAllSlots));
+    ASSERT_TRUE(connection.registerService(QStringLiteral("org.freedesktop.FileManager1")));
+
+    const QString file = m_home.writeFile(QStringLiteral("tree/a/b/c/Straße 1.txt"), "content");
+    m_environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), address);
+    m_environment.insert(QStringLiteral("DISPLAY"), QStringLiteral(":97"));
+    QProcess open;
+    open.setProcessEnvironment(m_environment);
+    open.start(QStringLiteral(VANDREL_BINARY),
+               {QStringLiteral("open"), vandrel({QStringLiteral("link"), file}).out.trimmed()});
+    // The file manager answers from this thread's event loop while `vandrel open` resolves and waits for it.
+    QElapsedTimer timer;
+    timer.start();
+    while (open.state() != QProcess::NotRunning && timer.elapsed() < 60000)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    EXPECT_EQ(open.exitCode(), 0) << open.readAllStandardError().toStdString();
+    EXPECT_EQ(service.shown, QStringList{QUrl::fromLocalFile(file).toString(QUrl::FullyEncoded)});
+    EXPECT_TRUE(open.readAllStandardOutput().isEmpty()); // shown, not printed
+    QDBusConnection::disconnectFromBus(QStringLiteral("file-manager"));
+    bus.kill();
+    bus.waitForFinished();
+}
+
+#include "FileLinkCommandsTest.moc"

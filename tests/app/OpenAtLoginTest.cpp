@@ -75,27 +75,22 @@ TEST(OpenAtLogin, ToggleOffRemovesEveryEntryOfOursAndNothingElse)
     const QString other = installProgram(home, QStringLiteral("opt/vandre/bin/other"));
 
     const QString dir = QStringLiteral(".config/autostart/");
-    // Ours: the program itself, through a symbolic link with arguments, a program inside it by prefix,
-    // and a switched-off one (present, yet not counted as on).
-    home.writeFile(dir + QStringLiteral("vandrel.desktop"), entry(program).toUtf8());
-    home.writeFile(dir + QStringLiteral("old.desktop"),
-                   entry(QStringLiteral("\"%1\" --headless").arg(link)).toUtf8());
-    home.writeFile(dir + QStringLiteral("relay.desktop"), entry(program + QStringLiteral("-relay")).toUtf8());
-    home.writeFile(dir + QStringLiteral("hidden.desktop"),
-                   entry(program, QStringLiteral("Hidden=true\n")).toUtf8());
-    // Not ours, or not readable as ours: all must stay.
-    home.writeFile(dir + QStringLiteral("other.desktop"), entry(other).toUtf8());
-    home.writeFile(dir + QStringLiteral("path.desktop"), entry(QStringLiteral("true")).toUtf8());
-    home.writeFile(dir + QStringLiteral("quote.desktop"),
-                   entry(QStringLiteral("\"%1").arg(program)).toUtf8());
-    home.writeFile(dir + QStringLiteral("group.desktop"),
-                   QStringLiteral("[Other Group]\nExec=%1\n").arg(program).toUtf8());
-    home.writeFile(dir + QStringLiteral("relative.desktop"),
-                   entry(QStringLiteral("bin/vandrel-link")).toUtf8());
-    home.writeFile(dir + QStringLiteral("binary.desktop"),
-                   QByteArray("\xff\xfe[Desktop Entry]\nExec=") + QByteArray(3, '\0'));
-    home.writeFile(dir + QStringLiteral("huge.desktop"),
-                   entry(program).toUtf8() + QByteArray(200 * 1024, 'x'));
+    // Ours: the program itself, through a symbolic link with arguments, a program inside it by prefix, and a
+    // switched-off one (present, yet not counted as on). Then what is not ours, or not readable as ours.
+    const std::pair<const char *, QByteArray> files[] = {
+        {"vandrel.desktop", entry(program).toUtf8()},
+        {"old.desktop", entry(QStringLiteral("\"%1\" --headless").arg(link)).toUtf8()},
+        {"relay.desktop", entry(program + QStringLiteral("-relay")).toUtf8()},
+        {"hidden.desktop", entry(program, QStringLiteral("Hidden=true\n")).toUtf8()},
+        {"other.desktop", entry(other).toUtf8()},
+        {"path.desktop", entry(QStringLiteral("true")).toUtf8()},
+        {"quote.desktop", entry(QStringLiteral("\"%1").arg(program)).toUtf8()},
+        {"group.desktop", QStringLiteral("[Other Group]\nExec=%1\n").arg(program).toUtf8()},
+        {"relative.desktop", entry(QStringLiteral("bin/vandrel-link")).toUtf8()},
+        {"binary.desktop", QByteArray("\xff\xfe[Desktop Entry]\nExec=") + QByteArray(3, '\0')},
+        {"huge.desktop", entry(program).toUtf8() + QByteArray(200 * 1024, 'x')}};
+    for (const auto &[name, content] : files)
+        home.writeFile(dir + QLatin1String(name), content);
     const Autostart list;
     const qsizetype before = entries(list).size();
 

@@ -6,13 +6,13 @@
 
 TempHome::TempHome()
 {
-    set("HOME", m_dir.path());
-    set("XDG_CONFIG_HOME", m_dir.filePath(QStringLiteral(".config")));
-    set("XDG_DATA_HOME", m_dir.filePath(QStringLiteral(".local/share")));
-    set("XDG_CACHE_HOME", m_dir.filePath(QStringLiteral(".cache")));
-    set("XDG_STATE_HOME", m_dir.filePath(QStringLiteral(".local/state")));
+    setEnvironment("HOME", QFile::encodeName(m_dir.path()));
+    setEnvironment("XDG_CONFIG_HOME", QFile::encodeName(m_dir.filePath(QStringLiteral(".config"))));
+    setEnvironment("XDG_DATA_HOME", QFile::encodeName(m_dir.filePath(QStringLiteral(".local/share"))));
+    setEnvironment("XDG_CACHE_HOME", QFile::encodeName(m_dir.filePath(QStringLiteral(".cache"))));
+    setEnvironment("XDG_STATE_HOME", QFile::encodeName(m_dir.filePath(QStringLiteral(".local/state"))));
     // Agents started by tests listen for hand-overs here, each home its own (hidden, so no index sees it).
-    set("XDG_RUNTIME_DIR", m_dir.filePath(QStringLiteral(".run")));
+    setEnvironment("XDG_RUNTIME_DIR", QFile::encodeName(m_dir.filePath(QStringLiteral(".run"))));
     for (const char *sub : {".config", ".local/share", ".cache", ".local/state", ".run"})
         QDir(m_dir.path()).mkpath(QString::fromLatin1(sub));
     QFile::setPermissions(m_dir.filePath(QStringLiteral(".run")),
@@ -29,10 +29,10 @@ TempHome::~TempHome()
     }
 }
 
-void TempHome::set(const char *name, const QString &value)
+void TempHome::setEnvironment(const char *name, const QByteArray &value)
 {
     m_saved.emplace(QByteArray(name), std::make_pair(qEnvironmentVariableIsSet(name), qgetenv(name)));
-    qputenv(name, QFile::encodeName(value));
+    qputenv(name, value);
 }
 
 QString TempHome::writeFile(const QString &relative, const QByteArray &content) const

@@ -23,9 +23,10 @@ public:
     // Writes bytes to a file below the home, creating parent folders. Returns the absolute path.
     QString writeFile(const QString &relative, const QByteArray &content) const;
 
-private:
-    void set(const char *name, const QString &value);
+    // Sets an environment variable until the home goes.
+    void setEnvironment(const char *name, const QByteArray &value);
 
+private:
     QTemporaryDir m_dir;
     std::map<QByteArray, std::pair<bool, QByteArray>> m_saved;
 };

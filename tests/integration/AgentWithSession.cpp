@@ -1,11 +1,9 @@
 #include "AgentWithSession.h"
 
+#include "support/AesCipher.h"
 #include "support/Encodings.h"
-#include "support/ls_Keychain.h"
-#include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
 
-#include <QDateTime>
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -15,15 +13,10 @@ using namespace std::chrono_literals;
 
 void AgentWithSession::SetUp()
 {
-    qputenv("VANDREL_RELAY_URL", relay.baseUrl().toUtf8());
-    qputenv("VANDREL_KEYCHAIN", "file");
-    home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
-    root = home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
-    home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions/web.json"),
-                   QStringLiteral("{\"date\": %1}")
-                       .arg(vd_FileUtils::JSONDate(QDateTime::currentDateTimeUtc()), 0, 'f', 3)
-                       .toUtf8());
-    ls_Keychain::setString(QStringLiteral("pw"), vd_FileUtils::keyForComputerPassword());
+    home.setEnvironment("VANDREL_RELAY_URL", relay.baseUrl().toUtf8());
+    root = home.root();
+    home.addSession(QStringLiteral("web"));
+    home.setPassword(QStringLiteral("pw"));
     prepareHome();
     agent = std::make_unique<AgentProcess>(home);
     const auto first = relay.waitForPoll([](const FakeRelay::Poll &) { return true; });
@@ -35,8 +28,6 @@ void AgentWithSession::SetUp()
 void AgentWithSession::TearDown()
 {
     agent->stop(SIGTERM);
-    qunsetenv("VANDREL_RELAY_URL");
-    qunsetenv("VANDREL_KEYCHAIN");
 }
 
 QString AgentWithSession::mark(QJsonObject &request, bool withHash)
@@ -69,8 +60,9 @@ bool AgentWithSession::unanswered(QJsonObject request, bool withHash)
 
 QJsonObject AgentWithSession::sealed(const QJsonObject &inner, const QString &cacheKey) const
 {
-    const QByteArray cipher = testEncrypt(QJsonDocument(inner).toJson(QJsonDocument::Compact),
-                                          computerId + QStringLiteral("___pw"));
+    const QByteArray cipher = encryptWithString(QJsonDocument(inner).toJson(QJsonDocument::Compact),
+                                                computerId + QStringLiteral("___pw"))
+                                  .value_or(QByteArray());
     return {{QStringLiteral("request_type"), QStringLiteral("encrypted")},
             {QStringLiteral("os_session"), QStringLiteral("web")},
             {QStringLiteral("cache_key"), cacheKey},
@@ -89,7 +81,7 @@ std::optional<QByteArray> AgentWithSession::openedResult(const QString &cacheKey
         return std::nullopt;
     const std::optional<QByteArray> cipher = dataWithBase64EncodedString_URL_SAFE(
         QString::fromLatin1(poll->form.value(QStringLiteral("result_encrypted"))));
-    return cipher ? testDecrypt(*cipher, computerId + QStringLiteral("___pw")) : std::nullopt;
+    return cipher ? decryptWithString(*cipher, computerId + QStringLiteral("___pw")) : std::nullopt;
 }
 
 QStringList AgentWithSession::itemPaths(const QJsonObject &result)

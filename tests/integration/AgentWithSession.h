@@ -1,6 +1,7 @@
 #pragma once
 
 #include "FakeRelay.h"
+#include "common/DropboxHome.h"
 
 #include <QJsonObject>
 #include <QStringList>
@@ -9,8 +10,8 @@
 
 #include <memory>
 
-// One agent in a temporary home with a Dropbox StorageRoot holding an open session "web", the computer
-// password "pw" in the file store, and a way to send it requests through the relay and read their results.
+// One agent in a Dropbox home whose StorageRoot holds an open session "web", with the computer password
+// "pw", and a way to send it requests through the relay and read their results.
 // A fixture that needs a different home overrides prepareHome, which runs before the agent starts.
 class AgentWithSession : public ::testing::Test
 {
@@ -31,7 +32,7 @@ protected:
 
     static QStringList itemPaths(const QJsonObject &result);
 
-    TempHome home;
+    DropboxHome home;
     FakeRelay relay;
     QString root;
     QString computerId;

@@ -3,16 +3,11 @@
 #include "common/Envelope.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
-#include "support/Encodings.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
 #include <QThread>
-
-#include <openssl/evp.h>
-#include <openssl/sha.h>
-#include <zlib.h>
 
 #include <csignal>
 
@@ -81,43 +76,6 @@ std::optional<FakeRelay::Poll> FakeRelay::waitForPoll(const std::function<bool(c
         QThread::msleep(50);
     } while (clock.elapsed() < timeout.count());
     return std::nullopt;
-}
-
-namespace {
-
-std::optional<QByteArray> runAes(const QByteArray &input, const QString &keyText, bool encrypt)
-{
-    const QByteArray keyBytes = keyText.toUtf8();
-    unsigned char key[SHA256_DIGEST_LENGTH];
-    SHA256(reinterpret_cast<const unsigned char *>(keyBytes.constData()), size_t(keyBytes.size()), key);
-    const unsigned char iv[16] = {};
-    EVP_CIPHER_CTX *context = EVP_CIPHER_CTX_new();
-    QByteArray out(input.size() + 32, Qt::Uninitialized);
-    int length = 0;
-    int tail = 0;
-    const bool ok =
-        EVP_CipherInit_ex(context, EVP_aes_256_cbc(), nullptr, key, iv, encrypt ? 1 : 0) == 1 &&
-        EVP_CipherUpdate(context, reinterpret_cast<unsigned char *>(out.data()), &length,
-                         reinterpret_cast<const unsigned char *>(input.constData()),
-                         int(input.size())) == 1 &&
-        EVP_CipherFinal_ex(context, reinterpret_cast<unsigned char *>(out.data()) + length, &tail) == 1;
-    EVP_CIPHER_CTX_free(context);
-    if (!ok)
-        return std::nullopt;
-    out.truncate(length + tail);
-    return out;
-}
-
-} // namespace
-
-QByteArray testEncrypt(const QByteArray &plain, const QString &keyText)
-{
-    return runAes(plain, keyText, true).value_or(QByteArray());
-}
-
-std::optional<QByteArray> testDecrypt(const QByteArray &cipher, const QString &keyText)
-{
-    return runAes(cipher, keyText, false);
 }
 
 AgentProcess::AgentProcess(const TempHome &home)

@@ -51,11 +51,6 @@ private:
     TestHttpServer m_server;
 };
 
-// AES-256-CBC with the SHA-256 of the key text as key and a zero IV, written here on OpenSSL directly so
-// the agent's cipher is checked against an independent one.
-QByteArray testEncrypt(const QByteArray &plain, const QString &keyText);
-std::optional<QByteArray> testDecrypt(const QByteArray &cipher, const QString &keyText);
-
 // `vandrel --headless` in the current (temporary) home, its output collected in a file there.
 class AgentProcess
 {

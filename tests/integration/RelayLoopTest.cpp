@@ -1,10 +1,7 @@
-#include "FakeRelay.h"
+#include "AgentWithSession.h"
 #include "common/JsonRecord.h"
-#include "utils/vd_FileUtils.h"
 
-#include <QDateTime>
 #include <QDir>
-#include <QFile>
 #include <QThread>
 
 #include <gtest/gtest.h>
@@ -13,48 +10,26 @@
 
 using namespace std::chrono_literals;
 using Poll = FakeRelay::Poll;
+using Reply = TestHttpServer::Reply;
 
 namespace {
 
-// A temporary home with a Dropbox StorageRoot and a Google Drive one, a relay, and the agent's settings
-// pointing at it. The agent itself is started by the test.
-struct AgentHome
+// A second StorageRoot in Google Drive beside the Dropbox one, and a relay deadline of two seconds.
+class AgentWithTwoRoots : public AgentWithSession
 {
-    AgentHome()
+protected:
+    void prepareHome() override
     {
-        qputenv("VANDREL_RELAY_URL", relay.baseUrl().toUtf8());
-        qputenv("VANDREL_KEYCHAIN", "file");
-        qunsetenv("VANDREL_RELAY_TIMEOUT");
-        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
-        QDir().mkpath(home.filePath(QStringLiteral("GDrive/Apps/vandrel")));
-        box = home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
-        drive = home.filePath(QStringLiteral("GDrive/Apps/vandrel"));
+        QDir().mkpath(drive);
+        home.setEnvironment("VANDREL_RELAY_TIMEOUT", "2");
     }
-    ~AgentHome()
+    qsizetype polls(const QStringList &sessions) const
     {
-        qunsetenv("VANDREL_RELAY_URL");
-        qunsetenv("VANDREL_KEYCHAIN");
-        qunsetenv("VANDREL_RELAY_TIMEOUT");
+        const QList<Poll> all = relay.polls();
+        return std::count_if(all.begin(), all.end(),
+                             [&](const Poll &poll) { return poll.sessions == sessions; });
     }
-    void addSession(const QString &root, const QString &id) const
-    {
-        QFile file(root + QStringLiteral("/data.vdldata/sessions/") + id + QStringLiteral(".json"));
-        QDir().mkpath(root + QStringLiteral("/data.vdldata/sessions"));
-        if (file.open(QIODevice::WriteOnly))
-            file.write(QStringLiteral("{\"date\": %1}")
-                           .arg(vd_FileUtils::JSONDate(QDateTime::currentDateTimeUtc()), 0, 'f', 3)
-                           .toUtf8());
-    }
-    qsizetype countPolls(const std::function<bool(const Poll &)> &condition) const
-    {
-        const QList<Poll> polls = relay.polls();
-        return std::count_if(polls.begin(), polls.end(), condition);
-    }
-
-    TempHome home;
-    FakeRelay relay;
-    QString box;
-    QString drive;
+    const QString drive = home.filePath(QStringLiteral("GDrive/Apps/vandrel"));
 };
 
 auto withResult(const char *marker)
@@ -66,32 +41,18 @@ auto withResult(const char *marker)
 
 } // namespace
 
-TEST(RelayLoop, PollsOnlyWhileSessionsExistOncePerSecondPerStorageRoot)
+TEST_F(AgentWithTwoRoots, PollsOnlyWhileSessionsExistOncePerSecondPerStorageRoot)
 {
-    AgentHome setup;
-    AgentProcess agent(setup.home);
-    ASSERT_TRUE(agent.running());
-    QThread::sleep(2);
-    EXPECT_EQ(setup.relay.server().requestCount(), 0) << "an idle agent made network traffic";
-
-    setup.addSession(setup.box, QStringLiteral("s-box"));
-    setup.addSession(setup.drive, QStringLiteral("s-drive"));
-    ASSERT_TRUE(
-        setup.relay.waitForPoll([](const Poll &poll) { return poll.sessions.contains(u"s-drive"); }, 3s));
-    const auto fromBox = [](const Poll &poll) {
-        return poll.sessions == QStringList{QStringLiteral("s-box")};
-    };
-    const auto fromDrive = [](const Poll &poll) {
-        return poll.sessions == QStringList{QStringLiteral("s-drive")};
-    };
-    const qsizetype boxBefore = setup.countPolls(fromBox);
-    const qsizetype driveBefore = setup.countPolls(fromDrive);
+    home.addSession(QStringLiteral("s-drive"), drive);
+    ASSERT_TRUE(relay.waitForPoll([](const Poll &poll) { return poll.sessions.contains(u"s-drive"); }, 3s));
+    const QStringList box{QStringLiteral("web")}, gdrive{QStringLiteral("s-drive")};
+    const qsizetype boxBefore = polls(box), driveBefore = polls(gdrive);
     QThread::sleep(4);
-    EXPECT_GE(setup.countPolls(fromBox) - boxBefore, 3);
-    EXPECT_LE(setup.countPolls(fromBox) - boxBefore, 5);
-    EXPECT_GE(setup.countPolls(fromDrive) - driveBefore, 3);
-    EXPECT_LE(setup.countPolls(fromDrive) - driveBefore, 5);
-    for (const Poll &poll : setup.relay.polls()) {
+    for (const qsizetype polled : {polls(box) - boxBefore, polls(gdrive) - driveBefore}) {
+        EXPECT_GE(polled, 3);
+        EXPECT_LE(polled, 5);
+    }
+    for (const Poll &poll : relay.polls()) {
         EXPECT_EQ(poll.path, "/result");
         EXPECT_EQ(poll.computerId.size(), 32);
         EXPECT_EQ(QStringList(poll.form.keys()),
@@ -99,62 +60,59 @@ TEST(RelayLoop, PollsOnlyWhileSessionsExistOncePerSecondPerStorageRoot)
     }
 
     // Sessions gone: the traffic stops.
-    QDir(setup.box + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
-    QDir(setup.drive + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
+    QDir(root + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
+    QDir(drive + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
     QThread::msleep(1500);
-    const int settled = setup.relay.server().requestCount();
+    const int settled = relay.server().requestCount();
     QThread::sleep(2);
-    EXPECT_EQ(setup.relay.server().requestCount(), settled);
+    EXPECT_EQ(relay.server().requestCount(), settled) << "an idle agent made network traffic";
 
-    EXPECT_EQ(agent.stop(SIGINT), 0);
-    EXPECT_TRUE(agent.log().contains(QStringLiteral("vandrel stopping")));
+    EXPECT_EQ(agent->stop(SIGINT), 0);
+    EXPECT_TRUE(agent->log().contains(QStringLiteral("vandrel stopping")));
 }
 
-TEST(RelayLoop, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain)
+TEST_F(AgentWithTwoRoots, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain)
 {
-    AgentHome setup;
-    qputenv("VANDREL_RELAY_TIMEOUT", "2");
-    setup.addSession(setup.box, QStringLiteral("s1"));
-    AgentProcess agent(setup.home);
-    ASSERT_TRUE(setup.relay.waitForPoll([](const Poll &) { return true; }));
-    const qint64 baseline = agent.residentKb();
+    const qint64 baseline = agent->residentKb();
+    TestHttpServer &server = relay.server();
 
     // A 500 whose body holds requests still runs them.
-    setup.relay.setMisbehaviour(TestHttpServer::Reply::json(
+    relay.setMisbehaviour(Reply::json(
         500,
-        R"({"requests":[{"request_type":"search","os_session":"s1","search_dir":"root_folders","n":"from500"}]})"));
-    EXPECT_TRUE(setup.relay.waitForPoll(withResult("from500")));
+        R"({"requests":[{"request_type":"search","os_session":"web","search_dir":"root_folders","n":"a"}]})"));
+    EXPECT_TRUE(relay.waitForPoll(withResult("a")));
 
-    using Reply = TestHttpServer::Reply;
     // Half a million tiny records: each would become a queued operation.
     const QByteArray flood = "{\"requests\":[" + QByteArray("{},").repeated(500'000) + "{}]}";
     for (const Reply &bad :
          {Reply::text(200, "garbage{"), Reply::json(200, "[1,2]"), Reply::json(200, "{\"requests\":7}"),
           Reply::huge(50 * 1024 * 1024), Reply::huge(50 * 1024 * 1024, false), Reply::hangUp(),
           Reply::drip("{\"requests\":[]}", 300ms), Reply::json(200, flood)}) {
-        setup.relay.setMisbehaviour(bad);
-        const int before = setup.relay.server().requestCount();
+        relay.setMisbehaviour(bad);
+        const int before = server.requestCount();
         QThread::sleep(3);
-        EXPECT_TRUE(agent.running());
-        EXPECT_GE(setup.relay.server().requestCount() - before, 2) << "polling stalled";
-        EXPECT_LE(setup.relay.server().openConnections(), 8) << "connections pile up";
-        EXPECT_LT(agent.residentKb() - baseline, 150 * 1024) << "memory grew without bound";
+        EXPECT_TRUE(agent->running());
+        EXPECT_GE(server.requestCount() - before, 2) << "polling stalled";
+        EXPECT_LE(server.openConnections(), 8) << "connections pile up";
+        EXPECT_LT(agent->residentKb() - baseline, 150 * 1024) << "memory grew without bound";
     }
 
     // A relay that never answers: each post is given up at the deadline (2 s here), so the polls keep
     // coming long after silent posts would have filled the transport's six connections to the relay.
-    setup.relay.setMisbehaviour(Reply::silent());
+    relay.setMisbehaviour(Reply::silent());
     QThread::sleep(6);
-    const int lateStart = setup.relay.server().requestCount();
+    const int lateStart = server.requestCount();
     QThread::sleep(3);
-    EXPECT_GE(setup.relay.server().requestCount() - lateStart, 2) << "polling stalled behind silent posts";
-    EXPECT_LE(setup.relay.server().openConnections(), 8) << "connections pile up";
+    EXPECT_GE(server.requestCount() - lateStart, 2) << "polling stalled behind silent posts";
+    EXPECT_LE(server.openConnections(), 8) << "connections pile up";
 
     // Recovery: within 2 s the agent polls normally and runs what it gets.
-    setup.relay.setMisbehaviour(std::nullopt);
-    setup.relay.queueRequests(QJsonArray{record(
-        {{"request_type", "search"}, {"os_session", "s1"}, {"search_dir", "root_folders"}, {"n", "after"}})});
-    EXPECT_TRUE(setup.relay.waitForPoll(withResult("after"), 2s));
-    EXPECT_TRUE(agent.log().contains(QStringLiteral("Error status code: 200")));
-    EXPECT_EQ(agent.stop(SIGTERM), 0);
+    relay.setMisbehaviour(std::nullopt);
+    relay.queueRequests(QJsonArray{record({{"request_type", "search"},
+                                           {"os_session", "web"},
+                                           {"search_dir", "root_folders"},
+                                           {"n", "after"}})});
+    EXPECT_TRUE(relay.waitForPoll(withResult("after"), 2s));
+    EXPECT_TRUE(agent->log().contains(QStringLiteral("Error status code: 200")));
+    EXPECT_EQ(agent->stop(SIGTERM), 0);
 }

@@ -57,28 +57,20 @@ QString writeIn(const QTemporaryDir &dir, const char *name, const QByteArray &by
 TEST(ContentTypes, MapsMimeTypesOntoTheUniformTypeTree)
 {
     EXPECT_EQ(treeOf("Holiday", true), (QStringList{"public.folder", "public.directory", "public.item"}));
-    EXPECT_TRUE(treeOf("a.JPG").contains(u"public.image"));
-    EXPECT_EQ(treeOf("a.jpg").front(), QStringLiteral("public.jpeg"));
-    EXPECT_TRUE(treeOf("clip.mp4").contains(u"public.movie"));
-    EXPECT_TRUE(treeOf("song.mp3").contains(u"public.audio"));
+    // Each name's tree starts with the first type and holds the second.
+    const std::pair<const char *, std::pair<const char *, const char *>> files[] = {
+        {"a.JPG", {"public.jpeg", "public.image"}},
+        {"backup.tar.gz", {"", "public.archive"}},
+        {"clip.mp4", {"", "public.movie"}},
+        {"message.emlx", {"com.apple.mail.emlx", "public.email-message"}},
+        {"blob.qqqzzz", {"dyn.", "public.data"}}};
+    for (const auto &[name, types] : files) {
+        const QStringList tree = treeOf(name);
+        EXPECT_TRUE(tree.front().startsWith(QLatin1String(types.first))) << name;
+        EXPECT_TRUE(tree.contains(QLatin1String(types.second))) << name;
+    }
     EXPECT_FALSE(treeOf("song.mp3").contains(u"public.movie"));
-    const QStringList source = treeOf("main.c");
-    EXPECT_TRUE(source.contains(u"public.source-code") && source.contains(u"public.plain-text") &&
-                source.contains(u"public.text") && source.contains(u"public.data"));
-    EXPECT_EQ(treeOf("doc.pdf").front(), QStringLiteral("com.adobe.pdf"));
-    EXPECT_TRUE(treeOf("backup.tar.gz").contains(u"public.archive"));
-    EXPECT_TRUE(treeOf("a.zip").contains(u"public.archive"));
-    EXPECT_TRUE(treeOf("sheet.xlsx").contains(u"public.spreadsheet"));
-    EXPECT_TRUE(treeOf("deck.pptx").contains(u"public.presentation"));
-    EXPECT_TRUE(treeOf("deck.odp").contains(u"public.presentation"));
-    EXPECT_TRUE(treeOf("message.eml").contains(u"public.email-message"));
-    EXPECT_EQ(treeOf("message.emlx").front(), QStringLiteral("com.apple.mail.emlx"));
-    EXPECT_TRUE(treeOf("message.emlx").contains(u"public.email-message"));
-    const QStringList unknown = treeOf("blob.qqqzzz");
-    EXPECT_TRUE(unknown.front().startsWith(u"dyn."));
-    EXPECT_TRUE(unknown.contains(u"public.data"));
-    EXPECT_FALSE(unknown.contains(u"public.content"));
-    EXPECT_FALSE(treeOf("x", true).contains(u"public.data"));
+    EXPECT_FALSE(treeOf("blob.qqqzzz").contains(u"public.content"));
 }
 
 TEST(Extractors, ReadsOfficeMailAndTextAndSkipsBinaries)

@@ -64,13 +64,9 @@ TEST_F(NameTableQuery, NamesTypesScopesAndOrder)
     add(pics, "a.out~", 40, false, FileRecord::System);
     m_table.replaceAll(m_records);
 
+    // Substring and prefix matching are checked against a model below; here accents and case fold.
     EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*resume*\"cd")),
               (std::vector<std::string>{"/home/u/Documents/Résumé.pdf", "/home/u/Documents/resume-old.PDF"}));
-    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*ZURICH*\"cd")),
-              std::vector<std::string>{"/home/u/Documents/zürich.txt"});
-    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"n*\"cd")),
-              std::vector<std::string>{"/home/u/Documents/notes.txt"});
-    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*ch*\"cd")).size(), 2u); // 2-byte substring
     // Without modifiers a name match is exact and case-sensitive on the unfolded name.
     EXPECT_EQ(query(QStringLiteral("kMDItemFSName == \"Résumé.pdf\"")).size(), 1u);
     EXPECT_TRUE(query(QStringLiteral("kMDItemFSName == \"resume.pdf\"")).empty());
@@ -91,15 +87,11 @@ TEST_F(NameTableQuery, NamesTypesScopesAndOrder)
     EXPECT_EQ(
         query(QStringLiteral("kMDItemDisplayName == \"*.*\"cd"), "/home/u/Pictures", 600, false).front(),
         "/home/u/Pictures/a.out~");
-    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*e*\"cd || kMDItemDisplayName == \"*z*\"cd"),
-                    "/home/u/Documents")
-                  .size(),
-              4u);
     EXPECT_EQ(query(QStringLiteral("kMDItemPath == \"*/pictures/*\"cd")).size(), 3u);
     EXPECT_TRUE(query(QStringLiteral("kMDItemNoSuchThing == \"*\"")).empty());
 }
 
-TEST_F(NameTableQuery, ChangesShowBeforeAndAfterCompaction)
+TEST_F(NameTableQuery, MovesRenamesAndRemovalsShowAtOnce)
 {
     const auto root = add(0, "/r", 1, true);
     const auto a = add(root, "a", 2, true);
@@ -127,41 +119,12 @@ TEST_F(NameTableQuery, ChangesShowBeforeAndAfterCompaction)
         EXPECT_EQ(reader.idForPath("/r/b/annual report.txt"), std::optional<std::uint32_t>(report));
         EXPECT_FALSE(reader.idForPath("/r/a/report.txt"));
     }
-
-    // Enough changes to force a rebuild of the main segment; the answers stay the same.
-    for (std::uint32_t i = 0; i < 2000; ++i)
-        m_table.upsert(FileRecord{1000 + i, b, "bulk" + std::to_string(i), 5 * 1000000000ll, 0, 0, 0});
-    m_table.compactIfLarge();
-    EXPECT_EQ(query(QStringLiteral("kMDItemDisplayName == \"*report*\"cd")), expected);
-    EXPECT_EQ(m_table.size(), 2005u);
 }
 
-TEST_F(NameTableQuery, CapKeepsTheNewest)
-{
-    const auto root = add(0, "/r", 1, true);
-    for (int i = 0; i < 1000; ++i)
-        add(root, "photo " + std::to_string(i) + ".jpg", 1000 + (i * 7919) % 1000);
-    m_table.replaceAll(m_records);
-    for (const QString &text : {QStringLiteral("kMDItemDisplayName == \"*photo*\"cd"),
-                                QStringLiteral("kMDItemDisplayName == \"p*\"cd"),
-                                QStringLiteral("kMDItemContentTypeTree == \"public.image\"")}) {
-        const auto paths = query(text);
-        ASSERT_EQ(paths.size(), 600u) << text.toStdString();
-        // The mtimes are a permutation of 1000..1999, so the newest 600 are 1400 and above.
-        const NameTable::Reader reader = m_table.read();
-        std::int64_t previous = INT64_MAX;
-        for (const std::string &path : paths) {
-            const auto record = reader.byId(*reader.idForPath(path));
-            EXPECT_LE(record->mtimeNs, previous);
-            EXPECT_GE(record->mtimeNs, 1400ll * 1000000000);
-            previous = record->mtimeNs;
-        }
-    }
-}
-
-// Random renames, moves, removals and rebuilds, checked against a plain list after every step. The terms
-// cover every lookup: one and two bytes (pair postings, a first-byte pair for prefixes), longer (trigrams), a
-// letter no name holds, a prefix whose first character is several bytes, and one byte unanchored.
+// Random renames, removals and rebuilds of the main segment, checked against a plain list after every step,
+// the newest 20 in order. The terms cover every lookup: one and two bytes (pair postings, a first-byte pair
+// for prefixes), longer (trigrams), a letter no name holds, a prefix whose first character is several bytes,
+// and one byte unanchored.
 TEST_F(NameTableQuery, AgreesWithABruteForceModelUnderRandomChanges)
 {
     std::mt19937 rng(42);

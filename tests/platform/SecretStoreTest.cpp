@@ -1,20 +1,141 @@
-#include "PrivateKeyring.h"
 #include "common/TempHome.h"
 #include "platform/FileSecretStore.h"
 #include "platform/LibsecretSecretStore.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QThread>
 
 #include <gtest/gtest.h>
 #include <libsecret/secret.h>
 #include <sys/stat.h>
 
+#include <memory>
+#include <utility>
+
 namespace {
 
 const QString kService = QStringLiteral("VandrelOSX");
 const QString kAccount = QStringLiteral("computer_password_test");
+
+// A private D-Bus session bus for one test with a Secret Service on it: a real gnome-keyring-daemon, or an
+// activation that never registers. The bus address is exported to this process before anything talks to
+// D-Bus, and everything is stopped again when the object goes.
+class PrivateKeyring
+{
+public:
+    enum class Service {
+        Hanging,                 // activating the Secret Service starts a program that never registers
+        GnomeKeyring,            // a real gnome-keyring-daemon with an unlocked login keyring
+        GnomeKeyringWithoutLogin // a real daemon that never got a password, so it has no default keyring
+    };
+
+    explicit PrivateKeyring(Service service)
+    {
+        // GIO keeps the first session bus connection for the process, closed or not, so a second private bus
+        // would never be reached; ctest runs each case in a process of its own.
+        static bool busUsed = false;
+        if (std::exchange(busUsed, true)) {
+            problem = QStringLiteral("this process already used a private bus; run each case on its own "
+                                     "(ctest does)");
+            return;
+        }
+        const QString dir = m_dir.path();
+        QDir(dir).mkpath(QStringLiteral("services"));
+        QDir(dir).mkpath(QStringLiteral("runtime"));
+        QFile::setPermissions(dir + QStringLiteral("/runtime"),
+                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        if (service == Service::Hanging) {
+            QFile activation(dir + QStringLiteral("/services/org.freedesktop.secrets.service"));
+            activation.open(QIODevice::WriteOnly);
+            activation.write("[D-BUS Service]\nName=org.freedesktop.secrets\nExec=/bin/sleep 10\n");
+        }
+        QFile config(dir + QStringLiteral("/bus.conf"));
+        config.open(QIODevice::WriteOnly);
+        config.write(QStringLiteral(
+                         "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
+                         "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                         "<busconfig><type>session</type><listen>unix:path=%1/bus</listen>"
+                         "<servicedir>%1/services</servicedir><policy context=\"default\">"
+                         "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
+                         "<allow own=\"*\"/></policy></busconfig>\n")
+                         .arg(dir)
+                         .toUtf8());
+        config.close();
+
+        m_bus = std::make_unique<QProcess>();
+        m_bus->start(QStringLiteral("dbus-daemon"),
+                     {QStringLiteral("--config-file=") + config.fileName(), QStringLiteral("--nofork"),
+                      QStringLiteral("--print-address")});
+        if (!m_bus->waitForReadyRead(10000)) {
+            problem = QStringLiteral("no session bus could be started: ") +
+                      QString::fromUtf8(m_bus->readAllStandardError());
+            return;
+        }
+        qputenv("DBUS_SESSION_BUS_ADDRESS", m_bus->readLine().trimmed());
+        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(dir + QStringLiteral("/runtime")));
+        if (service == Service::Hanging)
+            return;
+
+        const bool unlock = service == Service::GnomeKeyring;
+        QStringList arguments{QStringLiteral("--foreground"), QStringLiteral("--components=secrets")};
+        if (unlock)
+            arguments << QStringLiteral("--unlock");
+        m_keyring = std::make_unique<QProcess>();
+        m_keyring->start(QStringLiteral("gnome-keyring-daemon"), arguments);
+        if (!m_keyring->waitForStarted(10000)) {
+            problem = QStringLiteral("gnome-keyring-daemon could not be started");
+            return;
+        }
+        // The password must really reach the daemon before the pipe closes: nothing runs an event loop here.
+        if (unlock) {
+            m_keyring->write("keyring-test-password");
+            m_keyring->waitForBytesWritten(5000);
+        }
+        m_keyring->closeWriteChannel();
+        // The daemon owns its bus name a moment after start; wait until it answers (and, with a password,
+        // until its login keyring is ready).
+        LibsecretSecretStore store(std::chrono::seconds(2));
+        const auto ready = [&] {
+            return unlock ? store.probe()
+                          : store.exists(QStringLiteral("VandrelOSX"), QStringLiteral("~ready"));
+        };
+        QElapsedTimer waited;
+        waited.start();
+        SecretStore::Outcome probe;
+        while ((probe = ready()).status != (unlock ? SecretStore::Success : SecretStore::ItemNotFound)) {
+            if (waited.elapsed() > 15000) {
+                problem = QStringLiteral("gnome-keyring-daemon did not answer (%1): %2")
+                              .arg(probe.message, QString::fromUtf8(m_keyring->readAllStandardError()));
+                return;
+            }
+            QThread::msleep(100);
+        }
+    }
+
+    ~PrivateKeyring()
+    {
+        for (QProcess *process : {m_keyring.get(), m_bus.get()}) {
+            if (process && process->state() != QProcess::NotRunning) {
+                process->terminate();
+                if (!process->waitForFinished(5000))
+                    process->kill();
+            }
+        }
+    }
+
+    // Empty when everything started; else why not (the test then skips).
+    QString problem;
+
+private:
+    QTemporaryDir m_dir;
+    std::unique_ptr<QProcess> m_bus;
+    std::unique_ptr<QProcess> m_keyring;
+};
 
 mode_t modeOf(const QString &path)
 {
@@ -92,8 +213,8 @@ TEST(SecretStore, RealGnomeKeyringRoundTripAndLockedKeyring)
 {
     TempHome home;
     PrivateKeyring keyring(PrivateKeyring::Service::GnomeKeyring);
-    if (!keyring.problem().isEmpty())
-        GTEST_SKIP() << keyring.problem().toStdString();
+    if (!keyring.problem.isEmpty())
+        GTEST_SKIP() << keyring.problem.toStdString();
     LibsecretSecretStore store;
     EXPECT_EQ(store.probe().status, SecretStore::Success);
     exerciseStore(store);
@@ -114,8 +235,8 @@ TEST(SecretStore, KeyringWithoutDefaultCollectionLeavesSecretsToTheFile)
 {
     TempHome home;
     PrivateKeyring keyring(PrivateKeyring::Service::GnomeKeyringWithoutLogin);
-    if (!keyring.problem().isEmpty())
-        GTEST_SKIP() << keyring.problem().toStdString();
+    if (!keyring.problem.isEmpty())
+        GTEST_SKIP() << keyring.problem.toStdString();
     // Such a daemon answers searches but fails every store: it must not be chosen.
     LibsecretSecretStore secretService;
     EXPECT_EQ(secretService.probe().status, SecretStore::NotAvailable);
@@ -130,8 +251,8 @@ TEST(SecretStore, UnansweredSecretServiceFallsBackToTheFileWithinSeconds)
 {
     TempHome home;
     PrivateKeyring keyring(PrivateKeyring::Service::Hanging);
-    if (!keyring.problem().isEmpty())
-        GTEST_SKIP() << keyring.problem().toStdString();
+    if (!keyring.problem.isEmpty())
+        GTEST_SKIP() << keyring.problem.toStdString();
     LibsecretSecretStore store(std::chrono::milliseconds(1500));
     QElapsedTimer timer;
     timer.start();

@@ -1,6 +1,5 @@
-#include "common/TempHome.h"
+#include "common/DropboxHome.h"
 #include "platform/FileSecretStore.h"
-#include "support/ls_Keychain.h"
 #include "utils/vd_FileUtils.h"
 
 #include <QDir>
@@ -14,28 +13,16 @@
 
 namespace {
 
-struct InfoHome
+// The computer files folder of a Dropbox home, and a file written into it.
+struct InfoHome : DropboxHome
 {
-    InfoHome()
-    {
-        qputenv("VANDREL_KEYCHAIN", "file");
-        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
-    }
-    QString root() const { return home.filePath(QStringLiteral("Dropbox/Apps/vandrel")); }
     QString computers() const { return root() + QStringLiteral("/data.vdldata/computers"); }
     QString computerFile(const QString &name, const QJsonObject &object) const
     {
-        const QString path = computers() + u'/' + name;
         QDir().mkpath(computers());
-        vd_FileUtils::writeJsonFile(object, path);
-        return path;
+        vd_FileUtils::writeJsonFile(object, computers() + u'/' + name);
+        return computers() + u'/' + name;
     }
-    QStringList trashed() const
-    {
-        return QDir(home.filePath(QStringLiteral(".local/share/Trash/files")))
-            .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDir::Name);
-    }
-    TempHome home;
 };
 
 QJsonObject machine(const QString &name, double lastUpdated)
@@ -70,9 +57,8 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
                                               {{QStringLiteral("computer_name"), QStringLiteral("u")}});
     const struct timespec longAgo[2] = {{0, UTIME_OMIT}, {qint64(t) - 300000, 0}};
     ::utimensat(AT_FDCWD, QFile::encodeName(undated).constData(), longAgo, 0);
-    info.home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/computers/junk.json"),
-                        "[not an object");
-    info.home.writeFile(
+    info.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/computers/junk.json"), "[not an object");
+    info.writeFile(
         QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here (conflicted copy).json"), "{}");
 
     vd_FileUtils::writeComputerInfoFileTo(info.root(), false, now);
@@ -91,11 +77,12 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
     remaining.sort();
     EXPECT_EQ(remaining, expected);
     // Nothing was deleted: every removed item is in the trash with its restore record.
-    const QStringList trashed = info.trashed();
+    const QStringList trashed = QDir(info.filePath(QStringLiteral(".local/share/Trash/files")))
+                                    .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
     EXPECT_EQ(trashed.size(), 6) << trashed.join(u',').toStdString();
     for (const QString &name : trashed)
-        EXPECT_GT(QFileInfo(info.home.filePath(QStringLiteral(".local/share/Trash/info/") + name +
-                                               QStringLiteral(".trashinfo")))
+        EXPECT_GT(QFileInfo(info.filePath(QStringLiteral(".local/share/Trash/info/") + name +
+                                          QStringLiteral(".trashinfo")))
                       .size(),
                   0);
     EXPECT_TRUE(QFileInfo::exists(info.root() + QStringLiteral("/data.vdldata/sessions_are_here.json")));
@@ -104,7 +91,7 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
     EXPECT_EQ(written.value(QStringLiteral("platform")).toString(), QStringLiteral("osx"));
     EXPECT_EQ(written.value(QStringLiteral("computer_id")).toString() + QStringLiteral(".json"), own);
     EXPECT_EQ(written.value(QStringLiteral("dropbox_path")).toString(),
-              info.home.filePath(QStringLiteral("Dropbox")));
+              info.filePath(QStringLiteral("Dropbox")));
     EXPECT_TRUE(QFileInfo(written.value(QStringLiteral("uploads_folder")).toString()).isDir());
     EXPECT_DOUBLE_EQ(written.value(QStringLiteral("last_updated")).toDouble(), t);
     EXPECT_FALSE(written.contains(QStringLiteral("pword_required")));
@@ -123,7 +110,7 @@ TEST(ComputerInfo, PasswordFlagAndCheckOnlyWrites)
     // With the file present a check changes nothing, not even the clean-up.
     const QString conflict =
         info.computerFile(QString(60, u'x') + QStringLiteral(".j"), machine(QStringLiteral("c"), 0));
-    ls_Keychain::setString(QStringLiteral("secret"), vd_FileUtils::keyForComputerPassword());
+    info.setPassword(QStringLiteral("secret"));
     vd_FileUtils::ensureComputerInfo();
     EXPECT_TRUE(QFileInfo::exists(conflict));
     EXPECT_FALSE(vd_FileUtils::readJsonFileMutableDictionary(own).contains(QStringLiteral("pword_required")));
@@ -141,7 +128,7 @@ TEST(ComputerInfo, PasswordFlagAndCheckOnlyWrites)
               QJsonValue(true));
     ::chmod(keychain.constData(), 0600);
 
-    ls_Keychain::setString(QStringLiteral(""), vd_FileUtils::keyForComputerPassword());
+    info.setPassword(QStringLiteral(""));
     vd_FileUtils::updateComputerInfo();
     EXPECT_FALSE(vd_FileUtils::readJsonFileMutableDictionary(own).contains(QStringLiteral("pword_required")));
     ::chmod(keychain.constData(), 0644);
@@ -164,11 +151,7 @@ TEST(ComputerInfo, OneComputerIdForManyThreadsAndVersionRule)
     EXPECT_EQ(ids.first().size(), 32);
     EXPECT_FALSE(ids.first().contains(u'+') || ids.first().contains(u'/') || ids.first().contains(u'='));
     EXPECT_EQ(vd_FileUtils::getComputerUUID(), ids.first());
-    EXPECT_TRUE(vd_FileUtils::prefsKeyForComputerID().startsWith(QStringLiteral("ComputerUUID_")));
-
-    EXPECT_EQ(vd_FileUtils::appVersionString(QStringLiteral("1.4.2"), QStringLiteral("142")),
-              QStringLiteral("1.4.2"));
+    // A version too long for the WebApp's field gives way to the build number.
     EXPECT_EQ(vd_FileUtils::appVersionString(QString(21, u'9'), QStringLiteral("142")),
               QStringLiteral("142"));
-    EXPECT_EQ(vd_FileUtils::UUIDString().size(), 36);
 }

@@ -1,4 +1,4 @@
-#include "common/TempHome.h"
+#include "common/DropboxHome.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
 #include "utils/vd_FileUtils.h"
@@ -10,23 +10,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-namespace {
-
-// A marker file whose "date" lies the given number of seconds before now.
-void writeMarker(const TempHome &home, const QString &appFolder, double ageSeconds, const QDateTime &now)
-{
-    home.writeFile(
-        appFolder + QStringLiteral("/data.vdldata/sessions_are_here.json"),
-        QStringLiteral("{\"date\": %1}").arg(vd_FileUtils::JSONDate(now) - ageSeconds, 0, 'f', 3).toUtf8());
-}
-
-void writeAccounts(const TempHome &home, const QByteArray &json)
-{
-    home.writeFile(QStringLiteral(".dropbox/info.json"), json);
-}
-
-} // namespace
-
 TEST(StorageFolders, AccountsKeepFileOrderAndGoogleDriveComesLast)
 {
     TempHome home;
@@ -36,8 +19,8 @@ TEST(StorageFolders, AccountsKeepFileOrderAndGoogleDriveComesLast)
     QDir(home.path()).mkpath(QStringLiteral("GDrive"));
     QDir(home.path()).mkpath(QStringLiteral("Dropbox (Old)")); // only the legacy branch scans the home folder
     // Saved with a byte-order mark, as editors on other systems do.
-    writeAccounts(
-        home,
+    home.writeFile(
+        QStringLiteral(".dropbox/info.json"),
         QStringLiteral("\uFEFF{\"zeta\": {\"path\": \"%1/Personal\"}, \"alpha\": {\"path\": \"%1/Work\"},"
                        " \"other\": {\"host\": 5}}")
             .arg(home.path())
@@ -61,32 +44,31 @@ TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
 {
     TempHome home;
     // Accounts without a path count as no account file.
-    writeAccounts(home, "{\"personal\": {\"host\": 1}}");
+    home.writeFile(QStringLiteral(".dropbox/info.json"), "{\"personal\": {\"host\": 1}}");
     QDir(home.path()).mkpath(QStringLiteral("Legacy"));
     QDir(home.path()).mkpath(QStringLiteral("Dropbox (Team)"));
     QDir(home.path()).mkpath(QStringLiteral("Dropbox"));
     home.writeFile(QStringLiteral("Dropbox Notes"), "a file, not a folder");
     const QByteArray encoded = home.filePath(QStringLiteral("Legacy")).toUtf8().toBase64();
-    home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\r\n" + encoded.left(8) + '\n' + encoded.mid(8));
-    // "\r\n" is two line breaks, so the second line is empty: no legacy folder.
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
-
     home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\n" + encoded + "\nmore");
     EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(),
               QStringList({home.filePath(QStringLiteral("Legacy")),
                            home.filePath(QStringLiteral("Dropbox (Team)"))}));
 
-    home.writeFile(QStringLiteral(".dropbox/host.db"), "just one line");
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
-
-    // Pipes in the client files' places are not read (reading would wait for ever); a huge file neither.
+    // "\r\n" is two line breaks, so the second line is empty; one line names nothing; a huge file is not
+    // read: no legacy folder, so the standard one.
+    for (const QByteArray &hostDb :
+         {"1234\r\n" + encoded.left(8) + '\n' + encoded.mid(8), QByteArray("just one line"),
+          "1234\n" + encoded + '\n' + QByteArray(2 << 20, ' ')}) {
+        home.writeFile(QStringLiteral(".dropbox/host.db"), hostDb);
+        EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(),
+                  QStringList({home.filePath(QStringLiteral("Dropbox"))}));
+    }
+    // Pipes in the client files' places are not read (reading would wait for ever).
     for (const char *name : {".dropbox/host.db", ".dropbox/info.json"}) {
         QFile::remove(home.filePath(QLatin1String(name)));
         ASSERT_EQ(::mkfifo(QFile::encodeName(home.filePath(QLatin1String(name))).constData(), 0600), 0);
     }
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
-    QFile::remove(home.filePath(QStringLiteral(".dropbox/host.db")));
-    home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\n" + encoded + '\n' + QByteArray(2 << 20, ' '));
     EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
     QDir(home.filePath(QStringLiteral("Dropbox"))).removeRecursively();
     EXPECT_TRUE(vd_FileUtils::dropBoxFolderGETAll().isEmpty());
@@ -142,10 +124,12 @@ TEST(StorageFolders, MonthFoldersForUploadsAndDownloads)
     EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolder(QString(), march), QString());
     EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/2014/3")));
 
+    // Month numbers are not padded.
+    const QDateTime november(QDate(2014, 11, 30), QTime(23, 59, 59), Qt::LocalTime);
     home.writeFile(QStringLiteral(".config/user-dirs.dirs"), "XDG_DOWNLOAD_DIR=\"$HOME/T\xc3\xa9l\xc3\xa9"
                                                              "chargements\"\n");
-    EXPECT_EQ(vd_FileUtils::getDefaultMoveFromFolder(march),
-              home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/3")));
+    EXPECT_EQ(vd_FileUtils::getDefaultMoveFromFolder(november),
+              home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/11")));
     EXPECT_TRUE(
-        QFileInfo(home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/3"))).isDir());
+        QFileInfo(home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/11"))).isDir());
 }
