@@ -1,5 +1,7 @@
 #pragma once
 
+#include "handlers/ExternalThumbnailer.h"
+
 #include <QByteArray>
 #include <QString>
 
@@ -14,7 +16,7 @@ public:
     // The pseudo-path of the computer item, whose picture is the computer icon.
     static inline const QString kComputerPath = QStringLiteral("xxxx_COMPUTER_xxxx");
     // Pixel limits: larger images are refused before decoding, larger drawings are not made.
-    static constexpr qint64 kMaxSourcePixels = 100'000'000;
+    static constexpr qint64 kMaxSourcePixels = ExternalThumbnailer::kMaxSourcePixels;
     static constexpr qint64 kMaxDrawPixels = 25'000'000;
 
     // The encoded picture of the path in a width × height box, or none when not even an icon can be had.
