@@ -31,13 +31,13 @@ void setUp()
             file.write("{}");
     }
     QLoggingCategory::setFilterRules(QStringLiteral("vd.*=false"));
-    using Slot = vd_Searcher::HandlerSlot;
-    for (Slot slot : {Slot::Search, Slot::Preview, Slot::Thumb, Slot::CopyToDropbox, Slot::MoveFromDropbox,
-                      Slot::ItemInfo})
-        vd_Searcher::registerHandler(slot, [](vd_Searcher &operation, QJsonObject &request) {
+    vd_Searcher::HandlerTable handlers;
+    for (const char *type : {"search", "preview", "thumb", "copy_to_dropbox", "move_from_dropbox", "info"})
+        handlers[QString::fromLatin1(type)] = [](vd_Searcher &operation, QJsonObject &request) {
             request.insert(QStringLiteral("handled"), request.size());
             operation.setOutRawData(request.value(QStringLiteral("path")).toString().toUtf8());
-        });
+        };
+    vd_Searcher::setHandlers(std::move(handlers));
 }
 
 } // namespace

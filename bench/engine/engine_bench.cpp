@@ -153,8 +153,12 @@ int main(int argc, char **argv)
     MiniRelay relay;
     qputenv("VANDREL_RELAY_URL", QStringLiteral("http://127.0.0.1:%1").arg(relay.port()).toUtf8());
     writeFile(box + QStringLiteral("/data.vdldata/sessions/s1.json"), "{}");
+    // With the password's hash, so that the request is answered rather than refused unanswered.
+    const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey().value());
     const QByteArray body =
-        R"({"requests":[{"request_type":"unknown","os_session":"s1","search_dir":"root_folders"}]})";
+        QStringLiteral(R"({"requests":[{"request_type":"unknown","os_session":"s1","pword_hash":"%1"}]})")
+            .arg(hash)
+            .toUtf8();
     std::vector<double> micros;
     for (int i = 0; i < rounds; ++i) {
         const int before = relay.results();
@@ -182,7 +186,6 @@ int main(int argc, char **argv)
      vips::VImage::gaussnoise(6000, 4000).cast(VIPS_FORMAT_UCHAR))
         .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB))
         .jpegsave(QFile::encodeName(photo).constData(), vips::VImage::option()->set("Q", 90));
-    const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey().value());
     const auto picture = [&](const char *type, const QString &path, bool cold, int count) {
         const QByteArray request =
             QStringLiteral(

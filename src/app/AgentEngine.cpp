@@ -7,6 +7,7 @@
 #include "app/RequestHandlerRegistry.h"
 #include "engine/vd_Searcher.h"
 #include "handlers/SearchIndex.h"
+#include "handlers/vd_FileCompareCache.h"
 #include "metadata/MetadataIndex.h"
 #include "support/FSNConnection.h"
 
@@ -28,6 +29,8 @@ void AgentEngine::start()
     m_index->start();
     SearchIndex::setCurrent(m_index.get());
     registerRequestHandlers();
+    // The first page polished after start finds the uploads already being indexed.
+    vd_FileCompareCache::refreshMatchedFilesCache(false);
     vd_Searcher::initializeThings();
 
     m_links = std::make_unique<FileLinkHandler>(*m_index, m_headless);

@@ -18,8 +18,8 @@ public:
     AgentEngine(const AgentEngine &) = delete;
     AgentEngine &operator=(const AgentEngine &) = delete;
 
-    // Loads the index on its own thread, registers the request handlers, starts the relay loop and becomes
-    // the running instance.
+    // Loads the index on its own thread, registers the request handlers, starts indexing the uploads for
+    // matched files, starts the relay loop and becomes the running instance.
     void start();
     // Cancels relay traffic, lets running operations finish and stops the index.
     void stop();

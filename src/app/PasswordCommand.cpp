@@ -3,7 +3,6 @@
 #include "app/vd_PreferencesController.h"
 #include "platform/FileSecretStore.h"
 #include "platform/SecretStore.h"
-#include "support/ls_Keychain.h"
 #include "utils/vd_FileUtils.h"
 
 #include <QFile>
@@ -75,14 +74,15 @@ void describePassword(QTextStream &out)
     const QString store = SecretStore::instanceKind() == u"file"
                               ? QStringLiteral("the file %1").arg(FileSecretStore::defaultPath())
                               : QStringLiteral("the Secret Service");
-    const ls_Keychain::Read read = ls_Keychain::readStringForKey(vd_FileUtils::keyForComputerPassword());
-    if (read.failure) {
-        out << "The computer password cannot be read from " << store << " (" << *read.failure
+    QString failure;
+    const std::optional<bool> isSet = vd_FileUtils::computerPasswordIsSet(&failure);
+    if (!isSet) {
+        out << "The computer password cannot be read from " << store << " (" << failure
             << "): the computer refuses every request until it can. Unlock the keyring, or set the password "
                "again with 'vandrel password set'.\n";
         return;
     }
-    if (read.value.value_or(QString()).isEmpty())
+    if (!*isSet)
         out << "No computer password is set (store: " << store << ").\n";
     else
         out << "A computer password is set in " << store << ": the web app must give it for every request.\n";

@@ -6,30 +6,33 @@
 #include "handlers/ThumbnailHandler.h"
 #include "handlers/TransferHandler.h"
 
+namespace {
+
+// The picture goes both into the record and, for an encrypted reply, out as the raw bytes.
+vd_Searcher::Handler picture(void (*handler)(QJsonObject &, QByteArray *))
+{
+    return [handler](vd_Searcher &operation, QJsonObject &request) {
+        QByteArray raw;
+        handler(request, &raw);
+        if (!raw.isEmpty())
+            operation.setOutRawData(raw);
+    };
+}
+
+} // namespace
+
 void registerRequestHandlers()
 {
-    using Slot = vd_Searcher::HandlerSlot;
-    // The picture goes both into the record and, for an encrypted reply, out as the raw bytes.
-    const auto picture = [](void (*handler)(QJsonObject &, QByteArray *)) {
-        return [handler](vd_Searcher &operation, QJsonObject &request) {
-            QByteArray raw;
-            handler(request, &raw);
-            if (!raw.isEmpty())
-                operation.setOutRawData(raw);
-        };
-    };
-    vd_Searcher::registerHandler(Slot::Search, [](vd_Searcher &, QJsonObject &request) {
-        SearchHandler::handleSearchRequest(request);
-    });
-    vd_Searcher::registerHandler(Slot::Thumb, picture(&ThumbnailHandler::handleThumbRequest));
-    vd_Searcher::registerHandler(Slot::Preview, picture(&ThumbnailHandler::handlePreviewRequest));
-    vd_Searcher::registerHandler(Slot::CopyToDropbox, [](vd_Searcher &, QJsonObject &request) {
-        TransferHandler::handleCopyToDropboxRequest(request);
-    });
-    vd_Searcher::registerHandler(Slot::MoveFromDropbox, [](vd_Searcher &, QJsonObject &request) {
-        TransferHandler::handleMoveFromDropboxRequest(request);
-    });
-    vd_Searcher::registerHandler(Slot::ItemInfo, [](vd_Searcher &, QJsonObject &request) {
-        ItemInfoHandler::handleItemInfoRequest(request);
+    vd_Searcher::setHandlers({
+        {QStringLiteral("search"),
+         [](vd_Searcher &, QJsonObject &request) { SearchHandler::handleSearchRequest(request); }},
+        {QStringLiteral("preview"), picture(&ThumbnailHandler::handlePreviewRequest)},
+        {QStringLiteral("thumb"), picture(&ThumbnailHandler::handleThumbRequest)},
+        {QStringLiteral("copy_to_dropbox"),
+         [](vd_Searcher &, QJsonObject &request) { TransferHandler::handleCopyToDropboxRequest(request); }},
+        {QStringLiteral("move_from_dropbox"),
+         [](vd_Searcher &, QJsonObject &request) { TransferHandler::handleMoveFromDropboxRequest(request); }},
+        {QStringLiteral("info"),
+         [](vd_Searcher &, QJsonObject &request) { ItemInfoHandler::handleItemInfoRequest(request); }},
     });
 }

@@ -9,11 +9,10 @@
 
 #include <atomic>
 #include <functional>
-#include <memory>
+#include <map>
 #include <mutex>
 #include <optional>
 
-class vd_FileCompareCache;
 struct FSNError;
 struct RelayForm;
 
@@ -50,7 +49,7 @@ public:
     // --- The relay loop (main thread unless said otherwise) ---
 
     // Starts the poll (every second), the session expiry (every minute) and the hourly maintenance timers
-    // on the main thread, then refreshes the matched-files cache. Later calls do nothing.
+    // on the main thread. Later calls do nothing.
     static void initializeThings();
     // The one queue every request runs on: at most 4 at once, searches first.
     static QThreadPool &opQ();
@@ -68,9 +67,6 @@ public:
     // Queues one operation per request object, opening envelopes first so that a decrypted search gets the
     // search priority. Anything but an array queues nothing; elements that are not objects are skipped.
     static void runRequests(const QJsonValue &requests);
-    static void checkForUserHungUp();
-    // The hourly hook; nothing needs doing yet.
-    static void maintenance();
     // A user was seen within the last 60 s.
     static bool sActive(const QDateTime &now = QDateTime::currentDateTimeUtc());
     // "idle" while a user is being served, "active" otherwise: the words are inverted on purpose.
@@ -85,35 +81,22 @@ public:
     // The key string, or none when the password store cannot be read (one log line per such episode):
     // the computer then stays closed, never open as if it had no password.
     static std::optional<QString> encryptionKey();
-    static QString encryptResult(const QJsonObject &result, const std::optional<QByteArray> &rawData);
-
-    // --- The matched-files cache (any thread) ---
-
-    // The StorageRoot's cache, created empty on first use. The path is used exactly as given.
-    static std::shared_ptr<vd_FileCompareCache> getCompareCache(const QString &storageRoot);
-    // Points every StorageRoot's cache at its uploads folder and rebuilds them, unless a refresh ended
-    // less than 60 s ago and force is off. Blocks its caller 0.2 s.
-    static void refreshMatchedFilesCache(bool force = false,
-                                         const QDateTime &now = QDateTime::currentDateTimeUtc());
 
     // --- One request ---
 
-    // The handlers of the request types. A handler writes its answer into the record and may set raw
-    // output bytes on the operation; it never posts. A type with no registered handler is answered with
-    // the record as it came.
-    enum class HandlerSlot { Search, Preview, Thumb, CopyToDropbox, MoveFromDropbox, ItemInfo };
+    // The handlers by the wire "request_type", matched exactly. A handler writes its answer into the record
+    // and may set raw output bytes on the operation; it never posts. A type with no handler is answered
+    // with the record as it came.
     using Handler = std::function<void(vd_Searcher &operation, QJsonObject &request)>;
-    static void registerHandler(HandlerSlot slot, Handler handler);
+    using HandlerTable = std::map<QString, Handler>;
+    // Replaces the whole table; the app sets it once at start, before any request runs.
+    static void setHandlers(HandlerTable handlers);
 
     explicit vd_Searcher(const QJsonObject &request = {});
 
     std::optional<QJsonObject> theRequest() const;
-    void setTheRequest(const std::optional<QJsonObject> &request);
     std::optional<QByteArray> outRawData() const;
     void setOutRawData(const std::optional<QByteArray> &data);
-
-    // The queue priority of a request: 8 for a search, 0 for everything else.
-    static int queuePriority(const QJsonObject &request);
 
     // Resolves the StorageRoot, checks the password, runs the handler, stamps and posts the record, then
     // clears it. A request whose session is in no StorageRoot is dropped with a log line.
@@ -121,27 +104,27 @@ public:
     // Run by the queue: main, counted out of the waiting requests.
     void run() override;
 
+    // Opens an "encrypted" envelope in place (see RequestAuth::decryptRequest).
+    void decryptRequest();
+
+private:
+    static void checkForUserHungUp();
+    // The hourly hook; nothing needs doing yet.
+    static void maintenance();
+    static QString encryptResult(const QJsonObject &result, const std::optional<QByteArray> &rawData);
+    // The queue priority of a request: 8 for a search, 0 for everything else.
+    static int queuePriority(const QJsonObject &request);
+
+    void setTheRequest(const std::optional<QJsonObject> &request);
     // The StorageRoot whose sessions folder holds the request's "os_session", or none.
     std::optional<QString> getStorage_path() const;
     static std::optional<QString> getStorage_path(const QString &sessionId);
-
     bool passwordOK_OrRootInfo() const;
     // A failed search or envelope is answered with "auth_error"; any other request is dropped unanswered.
     // Answers beyond a few a second are dropped too (one log line a minute says how many): each answer
     // fetches more requests, so a relay without the password could otherwise keep the agent busy.
     void handleRequestIfWrongPassword(const QString &storageRoot);
-    // Opens an "encrypted" envelope in place (see RequestAuth::decryptRequest).
-    void decryptRequest();
 
-    void handleSearchRequest(QJsonObject &request);
-    void handlePreviewRequest(QJsonObject &request);
-    void handleThumbRequest(QJsonObject &request);
-    void handleCopyToDropboxRequest(QJsonObject &request);
-    void handleMoveFromDropboxRequest(QJsonObject &request);
-    void handleItemInfoRequest(QJsonObject &request);
-
-private:
-    void runHandler(HandlerSlot slot, QJsonObject &request);
     // Sends one post and returns at once; the reply is handed to runRequestsFromReply on the connection's
     // thread. At most a few posts are in flight: a poll beyond them is skipped, a result waits for a free
     // slot (up to the relay deadline), so that a relay answering every post with more work sets no pace.

@@ -8,7 +8,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 
-#include <array>
 #include <chrono>
 
 namespace {
@@ -63,7 +62,16 @@ RefusalBudget &refusals()
 }
 
 std::mutex s_handlersLock;
-std::array<vd_Searcher::Handler, 6> s_handlers; // guarded by s_handlersLock
+vd_Searcher::HandlerTable s_handlers; // guarded by s_handlersLock
+
+vd_Searcher::Handler handlerFor(const QJsonValue &type)
+{
+    if (!type.isString())
+        return {};
+    const std::lock_guard lock(s_handlersLock);
+    const auto found = s_handlers.find(type.toString());
+    return found == s_handlers.end() ? vd_Searcher::Handler() : found->second;
+}
 
 // What a log line may show of a record: never the password hash, and of a decrypted request nothing but
 // its session, since its plaintext is exactly what the sender wanted hidden.
@@ -94,10 +102,10 @@ QString describeType(const QJsonValue &type)
 
 } // namespace
 
-void vd_Searcher::registerHandler(HandlerSlot slot, Handler handler)
+void vd_Searcher::setHandlers(HandlerTable handlers)
 {
-    std::lock_guard lock(s_handlersLock);
-    s_handlers.at(size_t(slot)) = std::move(handler);
+    const std::lock_guard lock(s_handlersLock);
+    s_handlers = std::move(handlers);
 }
 
 vd_Searcher::vd_Searcher(const QJsonObject &request)
@@ -244,18 +252,8 @@ void vd_Searcher::main()
     }
 
     const QJsonValue type = request->value(QStringLiteral("request_type"));
-    if (type == QStringLiteral("search"))
-        handleSearchRequest(*request);
-    else if (type == QStringLiteral("preview"))
-        handlePreviewRequest(*request);
-    else if (type == QStringLiteral("thumb"))
-        handleThumbRequest(*request);
-    else if (type == QStringLiteral("copy_to_dropbox"))
-        handleCopyToDropboxRequest(*request);
-    else if (type == QStringLiteral("move_from_dropbox"))
-        handleMoveFromDropboxRequest(*request);
-    else if (type == QStringLiteral("info"))
-        handleItemInfoRequest(*request);
+    if (const Handler handler = handlerFor(type))
+        handler(*this, *request);
     else
         qCWarning(lcEngine).noquote()
             << QStringLiteral("unknown request type found, %1").arg(describeType(type));
@@ -264,45 +262,4 @@ void vd_Searcher::main()
     setTheRequest(request);
     postResultAndGetMoreRequests(request, *storageRoot, outRawData());
     setTheRequest(std::nullopt);
-}
-
-void vd_Searcher::runHandler(HandlerSlot slot, QJsonObject &request)
-{
-    Handler handler;
-    {
-        std::lock_guard lock(s_handlersLock);
-        handler = s_handlers.at(size_t(slot));
-    }
-    if (handler)
-        handler(*this, request);
-}
-
-void vd_Searcher::handleSearchRequest(QJsonObject &request)
-{
-    runHandler(HandlerSlot::Search, request);
-}
-
-void vd_Searcher::handlePreviewRequest(QJsonObject &request)
-{
-    runHandler(HandlerSlot::Preview, request);
-}
-
-void vd_Searcher::handleThumbRequest(QJsonObject &request)
-{
-    runHandler(HandlerSlot::Thumb, request);
-}
-
-void vd_Searcher::handleCopyToDropboxRequest(QJsonObject &request)
-{
-    runHandler(HandlerSlot::CopyToDropbox, request);
-}
-
-void vd_Searcher::handleMoveFromDropboxRequest(QJsonObject &request)
-{
-    runHandler(HandlerSlot::MoveFromDropbox, request);
-}
-
-void vd_Searcher::handleItemInfoRequest(QJsonObject &request)
-{
-    runHandler(HandlerSlot::ItemInfo, request);
 }

@@ -1,7 +1,6 @@
 #include "handlers/ExternalThumbnailer.h"
 
 #include "handlers/HandlersLog.h"
-#include "handlers/vd_ImageUtils.h"
 #include "support/Logging.h"
 
 #include <QDir>
@@ -148,7 +147,7 @@ std::optional<vips::VImage> thumbnail(const QString &path, const QString &mimeTy
         try {
             const vips::VImage written = vips::VImage::new_from_file(
                 QFile::encodeName(output).constData(), vips::VImage::option()->set("fail", true));
-            if (qint64(written.width()) * written.height() <= vd_ImageUtils::kMaxSourcePixels)
+            if (qint64(written.width()) * written.height() <= kMaxSourcePixels)
                 picture = written.copy_memory();
         } catch (const vips::VError &) {
             picture.reset();

@@ -11,6 +11,9 @@
 // file is not tried again until it changes.
 namespace ExternalThumbnailer {
 
+// Larger pictures are refused from their header, before decoding: the agent's own limit for any picture.
+constexpr qint64 kMaxSourcePixels = 100'000'000;
+
 // A picture of the file fitting size × size pixels, or none.
 std::optional<vips::VImage> thumbnail(const QString &path, const QString &mimeType, int size);
 

@@ -9,6 +9,14 @@ namespace {
 
 constexpr double kMeasureSeconds = 2.0;
 
+// Appends {"name", "value"} when both texts are non-empty.
+void addItemLine(const QString &name, const QString &value, QJsonArray &lines)
+{
+    if (name.isEmpty() || value.isEmpty())
+        return;
+    lines.append(QJsonObject{{QStringLiteral("name"), name}, {QStringLiteral("value"), value}});
+}
+
 } // namespace
 
 void ItemInfoHandler::handleItemInfoRequest(QJsonObject &request)
@@ -35,11 +43,4 @@ QJsonArray ItemInfoHandler::infos(const QString &path)
     if (IsDirectory(path))
         addItemLine(QStringLiteral("Number of Files"), prefix + QString::number(count), lines);
     return lines;
-}
-
-void ItemInfoHandler::addItemLine(const QString &name, const QString &value, QJsonArray &lines)
-{
-    if (name.isEmpty() || value.isEmpty())
-        return;
-    lines.append(QJsonObject{{QStringLiteral("name"), name}, {QStringLiteral("value"), value}});
 }

@@ -12,7 +12,6 @@ class ItemInfoHandler
 public:
     // Sets "info" when "path" is not empty.
     static void handleItemInfoRequest(QJsonObject &request);
+    // The lines of the item at the path.
     static QJsonArray infos(const QString &path);
-    // Appends {"name", "value"} when both texts are non-empty.
-    static void addItemLine(const QString &name, const QString &value, QJsonArray &lines);
 };

@@ -1,6 +1,6 @@
 #include "handlers/ItemRecords.h"
 
-#include "handlers/Listings.h"
+#include "handlers/Places.h"
 #include "handlers/SearchIndex.h"
 #include "handlers/vd_FileCompareCache.h"
 #include "metadata/MetadataIndex.h"
@@ -10,6 +10,8 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QLocale>
+#include <QSizeF>
+#include <QVariantMap>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -56,41 +58,17 @@ bool isPackageFolder(const QString &path)
 {
     if (!hasBundleName(path))
         return false;
-    const QString iPhoto = Listings::iPhotoPath();
+    const QString iPhoto = Places::iPhotoPath();
     return (iPhoto.isEmpty() || path != iPhoto) && extensionOf(path) != u"aplibrary";
 }
 
-} // namespace
-
-std::optional<QVariantMap> ItemRecords::metadataFor(const QString &path)
+std::optional<QVariantMap> metadataFor(const QString &path)
 {
     const MetadataIndex *index = SearchIndex::current();
     return index ? index->item(path) : std::nullopt;
 }
 
-QJsonObject ItemRecords::fileInfoDict(const QString &path)
-{
-    QJsonObject record{{QStringLiteral("path"), path}};
-    struct stat info;
-    const bool known = ::stat(QFile::encodeName(path).constData(), &info) == 0;
-    record.insert(QStringLiteral("mod_date"),
-                  known ? double(info.st_mtim.tv_sec) + double(info.st_mtim.tv_nsec) / 1e9 : 0.0);
-    if (known) {
-        record.insert(QStringLiteral("dir"), S_ISDIR(info.st_mode));
-        if (!S_ISDIR(info.st_mode))
-            record.insert(QStringLiteral("size"), qint64(info.st_size));
-    }
-    record.insert(QStringLiteral("pkg"), known && S_ISDIR(info.st_mode) && isPackageFolder(path));
-    record.insert(QStringLiteral("display"), displayNameAtPath(path));
-    return record;
-}
-
-bool ItemRecords::isSealedPackage(const QString &path)
-{
-    return hasBundleName(path) && QFileInfo(path).isDir() && isPackageFolder(path);
-}
-
-QString ItemRecords::displayNameAtPath(const QString &path)
+QString displayNameAtPath(const QString &path)
 {
     QString name = QFileInfo(path).fileName();
     if (extensionOf(path).startsWith(u"eml")) {
@@ -109,6 +87,121 @@ QString ItemRecords::displayNameAtPath(const QString &path)
             name = trimmed;
     }
     return name;
+}
+
+bool okToUpload(const QString &path, bool isDirectory)
+{
+    if (path.size() < 10)
+        return false;
+    const QString home = QDir::homePath();
+    if (path == home)
+        return false;
+    if (isDirectory && path.startsWith(home)) {
+        static const char *const topFolders[] = {"/Desktop",  "/Documents", "/Downloads",
+                                                 "/Dropbox",  "/Movies",    "/Music",
+                                                 "/Pictures", "/Public",    "/Sites"};
+        if (path.split(u'/').size() < 5) {
+            for (const char *folder : topFolders) {
+                if (path.endsWith(QLatin1String(folder)))
+                    return false;
+            }
+        }
+        for (const char *library : {"/Pictures/Aperture Library", "/Pictures/iPhoto Library", "/Music/iTunes",
+                                    "/Music/iTunes/iTunes Media"}) {
+            if (path.endsWith(QLatin1String(library)))
+                return false;
+        }
+    }
+    return !path.endsWith(u"/System") && !path.endsWith(u"/Library");
+}
+
+bool okToUpload(const QString &path)
+{
+    return okToUpload(path, QFileInfo(path).isDir());
+}
+
+QSizeF mediaSize(const QVariantMap &item)
+{
+    double width = number(item, "kMDItemPixelWidth");
+    if (width <= 0)
+        width = number(item, "kMDItemPageWidth");
+    double height = number(item, "kMDItemPixelHeight");
+    if (height <= 0)
+        height = number(item, "kMDItemPageHeight");
+    return {width, height};
+}
+
+QSizeF previewSize(const std::optional<QVariantMap> &item)
+{
+    const QSizeF box(kPreviewWidth, kPreviewHeight);
+    if (!item)
+        return box;
+    const QSizeF media = mediaSize(*item);
+    if (!(media.width() > 0) || !(media.height() > 0))
+        return box;
+    if (media.width() <= kPreviewWidth && media.height() <= kPreviewHeight)
+        return media;
+    double scale = kPreviewWidth / media.width();
+    if (std::isnan(scale))
+        scale = kPreviewHeight / media.height();
+    scale = std::min(scale, kPreviewHeight / media.height());
+    return {media.width() * scale, media.height() * scale};
+}
+
+std::optional<QString> mdItemString(const QVariantMap &item, const QString &attribute)
+{
+    if (!item.contains(attribute))
+        return std::nullopt;
+    const QVariant value = item.value(attribute);
+    if (value.typeId() == QMetaType::QStringList || value.typeId() == QMetaType::QVariantList)
+        return value.toStringList().join(u',');
+    return value.toString();
+}
+
+QString add(const std::optional<QString> &value, const QString &accumulated, const QString &format)
+{
+    if (!value || value->isEmpty())
+        return accumulated;
+    QString result = accumulated;
+    if (!result.isEmpty())
+        result += QStringLiteral(", ");
+    return result + (format.isEmpty() ? *value : QString(format).replace(QStringLiteral("%@"), *value));
+}
+
+QString extraInfoString(const std::optional<QVariantMap> &item)
+{
+    if (!item)
+        return QString();
+    QString summary;
+    const QSizeF media = mediaSize(*item);
+    if (media.width() > 0)
+        summary = QStringLiteral("%1 x %2 ").arg(qint64(media.width())).arg(qint64(media.height()));
+    summary =
+        add(mdItemString(*item, QStringLiteral("kMDItemNumberOfPages")), summary, QStringLiteral("%@ pages"));
+    summary =
+        add(mdItemString(*item, QStringLiteral("kMDItemKeywords")), summary, QStringLiteral("keywords: %@"));
+    summary =
+        add(mdItemString(*item, QStringLiteral("kMDItemOMUserTags")), summary, QStringLiteral("tags: %@"));
+    return summary;
+}
+
+} // namespace
+
+QJsonObject ItemRecords::fileInfoDict(const QString &path)
+{
+    QJsonObject record{{QStringLiteral("path"), path}};
+    struct stat info;
+    const bool known = ::stat(QFile::encodeName(path).constData(), &info) == 0;
+    record.insert(QStringLiteral("mod_date"),
+                  known ? double(info.st_mtim.tv_sec) + double(info.st_mtim.tv_nsec) / 1e9 : 0.0);
+    if (known) {
+        record.insert(QStringLiteral("dir"), S_ISDIR(info.st_mode));
+        if (!S_ISDIR(info.st_mode))
+            record.insert(QStringLiteral("size"), qint64(info.st_size));
+    }
+    record.insert(QStringLiteral("pkg"), known && S_ISDIR(info.st_mode) && isPackageFolder(path));
+    record.insert(QStringLiteral("display"), displayNameAtPath(path));
+    return record;
 }
 
 void ItemRecords::finderSortWithLocale(QJsonArray &records)
@@ -183,7 +276,6 @@ QJsonArray ItemRecords::pageOf(const QJsonArray &records, const QJsonObject &req
 
 void ItemRecords::polishResults(QJsonArray &records, const QJsonObject &request)
 {
-    vd_FileCompareCache::refreshMatchedFilesCache(false);
     const QString storageFolder = request.value(QStringLiteral("vandrel_folder")).toString();
     const QString dropbox = vd_FileUtils::dropBoxFolderGET(storageFolder);
     const auto startsWith = [](const QString &path, const QString &prefix) {
@@ -219,37 +311,6 @@ void ItemRecords::polishResults(QJsonArray &records, const QJsonObject &request)
     }
 }
 
-bool ItemRecords::okToUpload(const QString &path)
-{
-    return okToUpload(path, QFileInfo(path).isDir());
-}
-
-bool ItemRecords::okToUpload(const QString &path, bool isDirectory)
-{
-    if (path.size() < 10)
-        return false;
-    const QString home = QDir::homePath();
-    if (path == home)
-        return false;
-    if (isDirectory && path.startsWith(home)) {
-        static const char *const topFolders[] = {"/Desktop",  "/Documents", "/Downloads",
-                                                 "/Dropbox",  "/Movies",    "/Music",
-                                                 "/Pictures", "/Public",    "/Sites"};
-        if (path.split(u'/').size() < 5) {
-            for (const char *folder : topFolders) {
-                if (path.endsWith(QLatin1String(folder)))
-                    return false;
-            }
-        }
-        for (const char *library : {"/Pictures/Aperture Library", "/Pictures/iPhoto Library", "/Music/iTunes",
-                                    "/Music/iTunes/iTunes Media"}) {
-            if (path.endsWith(QLatin1String(library)))
-                return false;
-        }
-    }
-    return !path.endsWith(u"/System") && !path.endsWith(u"/Library");
-}
-
 QStringList ItemRecords::getSubFolders(const QString &folder)
 {
     const QString base = folder.isEmpty() ? QStringLiteral("/") : folder;
@@ -277,80 +338,4 @@ QStringList ItemRecords::getSubFolders(const QString &folder)
     }
     closedir(dir);
     return folders;
-}
-
-QSizeF ItemRecords::mediaSize(const QVariantMap &item)
-{
-    double width = number(item, "kMDItemPixelWidth");
-    if (width <= 0)
-        width = number(item, "kMDItemPageWidth");
-    double height = number(item, "kMDItemPixelHeight");
-    if (height <= 0)
-        height = number(item, "kMDItemPageHeight");
-    return {width, height};
-}
-
-QSizeF ItemRecords::previewSize(const QString &path)
-{
-    return previewSize(metadataFor(path));
-}
-
-QSizeF ItemRecords::previewSize(const std::optional<QVariantMap> &item)
-{
-    const QSizeF box(kPreviewWidth, kPreviewHeight);
-    if (!item)
-        return box;
-    const QSizeF media = mediaSize(*item);
-    if (!(media.width() > 0) || !(media.height() > 0))
-        return box;
-    if (media.width() <= kPreviewWidth && media.height() <= kPreviewHeight)
-        return media;
-    double scale = kPreviewWidth / media.width();
-    if (std::isnan(scale))
-        scale = kPreviewHeight / media.height();
-    scale = std::min(scale, kPreviewHeight / media.height());
-    return {media.width() * scale, media.height() * scale};
-}
-
-std::optional<QString> ItemRecords::mdItemString(const QVariantMap &item, const QString &attribute)
-{
-    if (!item.contains(attribute))
-        return std::nullopt;
-    const QVariant value = item.value(attribute);
-    if (value.typeId() == QMetaType::QStringList || value.typeId() == QMetaType::QVariantList)
-        return value.toStringList().join(u',');
-    return value.toString();
-}
-
-QString ItemRecords::add(const std::optional<QString> &value, const QString &accumulated,
-                         const QString &format)
-{
-    if (!value || value->isEmpty())
-        return accumulated;
-    QString result = accumulated;
-    if (!result.isEmpty())
-        result += QStringLiteral(", ");
-    return result + (format.isEmpty() ? *value : QString(format).replace(QStringLiteral("%@"), *value));
-}
-
-QString ItemRecords::extraInfoString(const QString &path)
-{
-    return extraInfoString(metadataFor(path));
-}
-
-QString ItemRecords::extraInfoString(const std::optional<QVariantMap> &item)
-{
-    if (!item)
-        return QString();
-    QString summary;
-    const QSizeF media = mediaSize(*item);
-    if (media.width() > 0)
-        summary = QStringLiteral("%1 x %2 ").arg(qint64(media.width())).arg(qint64(media.height()));
-    summary =
-        add(mdItemString(*item, QStringLiteral("kMDItemNumberOfPages")), summary, QStringLiteral("%@ pages"));
-    summary =
-        add(mdItemString(*item, QStringLiteral("kMDItemKeywords")), summary, QStringLiteral("keywords: %@"));
-    summary =
-        add(mdItemString(*item, QStringLiteral("kMDItemOMUserTags")), summary, QStringLiteral("tags: %@"));
-    return summary;
 }

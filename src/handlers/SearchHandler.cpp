@@ -1,153 +1,13 @@
 #include "handlers/SearchHandler.h"
 
-#include "handlers/HandlersLog.h"
 #include "handlers/ItemRecords.h"
 #include "handlers/Listings.h"
-#include "handlers/SearchIndex.h"
-#include "metadata/MetadataIndex.h"
-#include "support/Logging.h"
+#include "handlers/SpotlightSearch.h"
+#include "handlers/vd_FileCompareCache.h"
 #include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
 
 #include <QDateTime>
-#include <QDir>
-
-namespace {
-
-constexpr int kMaxResults = 600;
-
-QString joined(const QString &query, const QString &clause)
-{
-    return query.isEmpty() ? clause : query + QStringLiteral(" && ") + clause;
-}
-
-} // namespace
-
-QString SearchHandler::trimWhiteStuff(const QString &text)
-{
-    return text.trimmed();
-}
-
-QStringList SearchHandler::readSpaceAndQuoteDelimitedStringIntoArray(const QString &typed)
-{
-    QString spaced = typed;
-    spaced.replace(u'"', QStringLiteral(" \" "));
-    const QStringList pieces = spaced.split(u' ');
-    QStringList terms;
-    for (qsizetype i = 0; i < pieces.size(); ++i) {
-        const QString &piece = pieces[i];
-        if (piece.isEmpty())
-            continue;
-        if (!piece.contains(u'"')) {
-            terms << trimWhiteStuff(piece);
-            continue;
-        }
-        // A phrase: everything up to and including the piece with the closing quote. The piece after the
-        // one that ended it is dropped, as text glued onto a closing quote has always been.
-        QString phrase = piece;
-        qsizetype next = i + 1;
-        for (; next < pieces.size(); ++next) {
-            phrase += pieces[next] + u' ';
-            if (pieces[next].contains(u'"'))
-                break;
-        }
-        i = next + 1;
-        phrase.remove(u'"');
-        terms << trimWhiteStuff(phrase);
-    }
-    QStringList joinedTerms;
-    for (qsizetype i = 0; i < terms.size(); ++i) {
-        if (terms[i].endsWith(u':') && i + 1 < terms.size()) {
-            joinedTerms << terms[i] + terms[i + 1];
-            ++i;
-        } else {
-            joinedTerms << terms[i];
-        }
-    }
-    return joinedTerms;
-}
-
-QString SearchHandler::addFileNameSearch(const QString &query, const QString &typed)
-{
-    QString result = query;
-    for (const QString &term : readSpaceAndQuoteDelimitedStringIntoArray(typed)) {
-        result = joined(result, term.size() == 1
-                                    ? QStringLiteral("( kMDItemDisplayName == \"%1*\"cd )").arg(term)
-                                    : QStringLiteral("( kMDItemDisplayName == \"*%1*\"cd )").arg(term));
-    }
-    return result;
-}
-
-QString SearchHandler::addFileTypeSearch(const QString &query, const QString &fileType)
-{
-    if (fileType.isEmpty())
-        return query;
-    if (fileType.contains(u"kMDItemContent"))
-        return joined(query, QStringLiteral("( %1 )").arg(fileType));
-    return joined(query, QStringLiteral("( kMDItemContentTypeTree == \"%1\" )").arg(fileType));
-}
-
-QString SearchHandler::addAllSearch(const QString &query, const QString &typed)
-{
-    QString result = query;
-    for (const QString &term : readSpaceAndQuoteDelimitedStringIntoArray(typed)) {
-        result =
-            joined(result,
-                   term.size() == 1
-                       ? QStringLiteral("( * == \"%1\"cdw )").arg(term)
-                       : QStringLiteral("( * == \"%1*\"cdw || kMDItemTextContent == \"%1*\"cdw )").arg(term));
-    }
-    return result;
-}
-
-QString SearchHandler::addSkipSystemFilesSearch(const QString &query)
-{
-    return joined(query, QStringLiteral("(kMDItemSupportFileType != MDSystemFile)"));
-}
-
-QString SearchHandler::currentQueryString(const QString &fileType, const QString &nameSearch,
-                                          const QString &searchString)
-{
-    QString query = addFileNameSearch(QString(), nameSearch);
-    query = addFileTypeSearch(query, fileType);
-    query = addAllSearch(query, searchString);
-    return addSkipSystemFilesSearch(query);
-}
-
-bool SearchHandler::excludeSpotlightPath(const QString &path)
-{
-    return path.contains(u"/Library/Caches/");
-}
-
-QStringList SearchHandler::spotlightPaths(const QString &scope, const QString &fileType,
-                                          const QString &nameSearch, const QString &searchString)
-{
-    QString folder = scope.isEmpty() ? QStringLiteral("/") : scope;
-    if (folder.startsWith(u'~'))
-        folder = QDir::homePath() + folder.mid(1);
-    const QString query = currentQueryString(fileType, nameSearch, searchString);
-    const MetadataIndex *index = SearchIndex::current();
-    if (query.isEmpty() || !index)
-        return {};
-    MetadataQueryResult result =
-        index->query(query, folder, QStringLiteral("kMDItemContentModificationDate"), true, kMaxResults);
-    if (!result.ok) {
-        qCInfo(lcHandlers).noquote()
-            << QStringLiteral("search failed: %1").arg(Logging::shownInLog(result.error));
-        return {};
-    }
-    result.paths.removeIf([](const QString &path) { return excludeSpotlightPath(path); });
-    return result.paths;
-}
-
-QJsonArray SearchHandler::doSpotlightSearch(const QString &scope, const QString &fileType,
-                                            const QString &nameSearch, const QString &searchString)
-{
-    QJsonArray records;
-    for (const QString &path : spotlightPaths(scope, fileType, nameSearch, searchString))
-        records.append(ItemRecords::fileInfoDict(path));
-    return records;
-}
 
 void SearchHandler::handleSearchRequest(QJsonObject &request)
 {
@@ -166,11 +26,13 @@ void SearchHandler::handleSearchRequest(QJsonObject &request)
         page = ItemRecords::pageOf(records, request, request);
     } else {
         // Up to 600 hits, of which at most 40 are sent: only those become records.
-        const QStringList paths = spotlightPaths(searchDir, fileType, nameSearch, searchString);
+        const QStringList paths =
+            SpotlightSearch::spotlightPaths(searchDir, fileType, nameSearch, searchString);
         const auto [first, length] = ItemRecords::pageRange(paths.size(), request, request);
         for (qsizetype i = first; i < first + length; ++i)
             page.append(ItemRecords::fileInfoDict(paths[i]));
     }
+    vd_FileCompareCache::refreshMatchedFilesCache(false);
     ItemRecords::polishResults(page, request);
     const QString storageFolder = request.value(QStringLiteral("vandrel_folder")).toString();
     request.insert(QStringLiteral("items"), page);

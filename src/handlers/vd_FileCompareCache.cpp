@@ -5,7 +5,6 @@
 
 #include <QDirIterator>
 #include <QFileInfo>
-#include <QThread>
 #include <QThreadPool>
 
 #include <atomic>
@@ -41,8 +40,7 @@ void vd_FileCompareCache::refreshMatchedFilesCache(bool force, const QDateTime &
         if (!uploads.isEmpty())
             getCompareCache(root)->setCachedFolders({uploads});
     }
-    QThread::msleep(200);
-    s_lastDone.store(nowSeconds + 0.2);
+    s_lastDone.store(nowSeconds);
 }
 
 void vd_FileCompareCache::setCachedFolders(const QStringList &folders)

@@ -19,14 +19,11 @@ public:
     // The cache of a StorageRoot, made empty on first use. The path is used exactly as given.
     static std::shared_ptr<vd_FileCompareCache> getCompareCache(const QString &storageRoot);
 
-    // Points every StorageRoot's cache at its uploads folder and rebuilds them all; at most once a minute
-    // unless forced. Pauses the caller 0.2 s so a rebuild has a head start.
+    // Points every StorageRoot's cache at its uploads folder and starts rebuilding them all in the
+    // background; at most once a minute unless forced. Returns at once: until a rebuild ends, lookups
+    // answer from the index before it.
     static void refreshMatchedFilesCache(bool force, const QDateTime &now = QDateTime::currentDateTimeUtc());
 
-    // Replaces the indexed folders and starts a rebuild (every call rebuilds).
-    void setCachedFolders(const QStringList &folders);
-    // Starts a rebuild on the global thread pool.
-    void buildCache();
     // An indexed item with the same name, size and contents as the given one, or none.
     std::optional<QString> matchingPath(const QString &path);
 
@@ -34,6 +31,10 @@ public:
     static QString keyFromURL(const QString &path);
 
 private:
+    // Replaces the indexed folders and starts a rebuild (every call rebuilds).
+    void setCachedFolders(const QStringList &folders);
+    // Starts a rebuild on the global thread pool.
+    void buildCache();
     using Index = std::unordered_map<QString, QStringList>;
     static void addValuesFrom(const QString &folder, Index &index);
     void buildCacheThread(const QStringList &folders);

@@ -2,7 +2,7 @@
 
 #include "handlers/ExternalThumbnailer.h"
 #include "handlers/HandlersLog.h"
-#include "handlers/Listings.h"
+#include "handlers/Places.h"
 #include "handlers/ShippedIcons.h"
 #include "handlers/ThumbnailCache.h"
 #include "support/Logging.h"
@@ -34,7 +34,7 @@ void ensureVips()
     static std::once_flag started;
     std::call_once(started, [] {
         if (VIPS_INIT("vandrel") != 0)
-            qCCritical(lcHandlers) << "libvips could not start:" << vips_error_buffer();
+            qCCritical(lcHandlers).noquote() << "libvips could not start:" << vips_error_buffer();
         // Every request reads a different file: caching operations would only hold memory.
         vips_cache_set_max(0);
         // Loaders that are not safe on files from strangers (ImageMagick, and the like) stay off.
@@ -182,8 +182,7 @@ QString themeIconFile(const QString &name)
     return QString();
 }
 
-} // namespace
-
+// The largest top-left rectangle of the image whose sides are at most 4 to 1.
 vips::VImage CropImageForMaxAspectRatioCreate(const vips::VImage &image)
 {
     const auto [width, height] = croppedSize(image.width(), image.height());
@@ -192,10 +191,13 @@ vips::VImage CropImageForMaxAspectRatioCreate(const vips::VImage &image)
     return image.extract_area(0, 0, int(width), int(height));
 }
 
+// Whether a drawing of width × height pixels may be made.
 bool MyCreateBitmapContext(qint64 width, qint64 height)
 {
     return width * height <= vd_ImageUtils::kMaxDrawPixels;
 }
+
+} // namespace
 
 std::optional<QByteArray> vd_ImageUtils::imageDataForPath(const QString &path, int width, int height,
                                                           bool makeJPEG, double quality)
@@ -211,7 +213,7 @@ std::optional<vips::VImage> vd_ImageUtils::createImage(const QString &path, int 
     ensureVips();
     if (path == kComputerPath)
         return createComputerImage(width, height);
-    if (const QString iCloud = Listings::iCloudPath(); !iCloud.isEmpty() && path == iCloud)
+    if (const QString iCloud = Places::iCloudPath(); !iCloud.isEmpty() && path == iCloud)
         return createiCloudImage(width, height);
 
     std::optional<VImage> picture;
@@ -298,7 +300,7 @@ std::optional<vips::VImage> vd_ImageUtils::workspaceIconForPath(const QString &p
     ensureVips();
     QString file = path;
     if (file.isEmpty()) {
-        qCWarning(lcHandlers) << "found bug";
+        qCWarning(lcHandlers).noquote() << "found bug";
         file = QStringLiteral("/");
     }
     const QMimeType type = QMimeDatabase().mimeTypeForFile(file);

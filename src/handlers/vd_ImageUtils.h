@@ -1,5 +1,7 @@
 #pragma once
 
+#include "handlers/ExternalThumbnailer.h"
+
 #include <QByteArray>
 #include <QString>
 
@@ -14,7 +16,7 @@ public:
     // The pseudo-path of the computer item, whose picture is the computer icon.
     static inline const QString kComputerPath = QStringLiteral("xxxx_COMPUTER_xxxx");
     // Pixel limits: larger images are refused before decoding, larger drawings are not made.
-    static constexpr qint64 kMaxSourcePixels = 100'000'000;
+    static constexpr qint64 kMaxSourcePixels = ExternalThumbnailer::kMaxSourcePixels;
     static constexpr qint64 kMaxDrawPixels = 25'000'000;
 
     // The encoded picture of the path in a width × height box, or none when not even an icon can be had.
@@ -26,6 +28,8 @@ public:
     // the cropped image is returned unscaled.
     static std::optional<vips::VImage> resizeImageIfNeededCreate(const vips::VImage &image, int width,
                                                                  int height);
+
+private:
     // JPEG at the quality (0 to 1) over white where the picture is transparent, or PNG keeping its alpha.
     static std::optional<QByteArray> dataForCGImage(const vips::VImage &image, bool makeJPEG, double quality);
     // The desktop's icon of the file at the size: the icon theme's, else a shipped one. Never none for a
@@ -35,9 +39,3 @@ public:
     static std::optional<vips::VImage> createiCloudImage(int width, int height);
     static std::optional<vips::VImage> createNamedImage(const QString &name, int width, int height);
 };
-
-// The largest top-left rectangle of the image whose sides are at most 4 to 1.
-vips::VImage CropImageForMaxAspectRatioCreate(const vips::VImage &image);
-
-// Whether a drawing of width × height pixels may be made (the 25-megapixel cap).
-bool MyCreateBitmapContext(qint64 width, qint64 height);

@@ -483,7 +483,8 @@ Extraction extract(const QString &path, ContentTypes::Code code, qint64 maxBytes
         break;
     }
     if (result.failed)
-        qCDebug(lcMetadata, "extractor failed on %s; skipped until it changes", qUtf8Printable(path));
+        qCDebug(lcMetadata).noquote()
+            << QStringLiteral("extractor failed on %1; skipped until it changes").arg(path);
     for (const QString &tag : tags(path))
         result.attributes.emplace_back(QStringLiteral("kMDItemOMUserTags"), tag);
     return result;

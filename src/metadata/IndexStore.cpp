@@ -139,8 +139,8 @@ std::unique_ptr<IndexStore> IndexStore::open(const QString &path)
             }
         }
         store.reset();
-        qCWarning(lcMetadata, "metadata store %s %s; rebuilding it", qUtf8Printable(path),
-                  qUtf8Printable(problem));
+        qCWarning(lcMetadata).noquote()
+            << QStringLiteral("metadata store %1 %2; rebuilding it").arg(path, problem);
         for (const char *suffix : {"", "-wal", "-shm"})
             QFile::remove(path + QLatin1String(suffix));
     }
@@ -151,7 +151,7 @@ bool IndexStore::exec(const char *sql)
 {
     char *error = nullptr;
     if (sqlite3_exec(m_db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
-        qCWarning(lcMetadata, "metadata store: %s", error ? error : "unknown error");
+        qCWarning(lcMetadata).noquote() << "metadata store:" << (error ? error : "unknown error");
         sqlite3_free(error);
         return false;
     }

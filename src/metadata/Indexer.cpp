@@ -154,8 +154,9 @@ bool Indexer::openStore()
 {
     m_store = IndexStore::open(m_config.storePath);
     if (!m_store) {
-        qCWarning(lcMetadata, "metadata store %s cannot be opened; the index stays empty",
-                  qUtf8Printable(m_config.storePath));
+        qCWarning(lcMetadata).noquote()
+            << QStringLiteral("metadata store %1 cannot be opened; the index stays empty")
+                   .arg(m_config.storePath);
         return false;
     }
     return true;
@@ -191,8 +192,9 @@ void Indexer::run()
     if (m_config.watch) {
         m_inotify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
         if (m_inotify < 0)
-            qCWarning(lcMetadata, "inotify is not available (%s); changes are seen at the next start",
-                      strerror(errno));
+            qCWarning(lcMetadata).noquote()
+                << QStringLiteral("inotify is not available (%1); changes are seen at the next start")
+                       .arg(QString::fromLocal8Bit(strerror(errno)));
     }
     loadOrCrawl();
     using Clock = std::chrono::steady_clock;
@@ -262,7 +264,8 @@ void Indexer::loadOrCrawl()
             put(record, true);
             pending.push_back(Pending{record.id, root, record.flags, true, st.st_dev});
         }
-        qCInfo(lcMetadata, "indexing %zu folders from scratch", pending.size());
+        qCInfo(lcMetadata).noquote()
+            << QStringLiteral("indexing %1 folders from scratch").arg(pending.size());
         crawl(std::move(pending));
         if (m_bulk)
             m_table.replaceAll(std::move(m_bulkRecords));
@@ -354,7 +357,7 @@ void Indexer::catchUp()
             changed.push_back(folder);
     }
     if (!changed.empty())
-        qCInfo(lcMetadata, "catching up %zu changed folders", changed.size());
+        qCInfo(lcMetadata).noquote() << QStringLiteral("catching up %1 changed folders").arg(changed.size());
     for (const Pending &folder : changed) {
         std::vector<Pending> next;
         scanFolder(folder, next);
@@ -443,11 +446,15 @@ void Indexer::reportProgress(bool now)
     const bool working = m_crawling || m_extractWaiting > 0;
     if (working && clock - m_progressLogged >= minutes(1)) {
         m_progressLogged = clock;
-        qCInfo(lcMetadata,
-               "indexing: %zu folders and %zu files read, %zu folders waiting; contents of %zu files read, "
-               "%zu waiting; about %lld s left",
-               m_foldersDone, m_filesDone, m_foldersWaiting, m_extractDone, m_extractWaiting,
-               static_cast<long long>(secondsLeft));
+        qCInfo(lcMetadata).noquote() << QStringLiteral(
+                                            "indexing: %1 folders and %2 files read, %3 folders waiting; "
+                                            "contents of %4 files read, %5 waiting; about %6 s left")
+                                            .arg(m_foldersDone)
+                                            .arg(m_filesDone)
+                                            .arg(m_foldersWaiting)
+                                            .arg(m_extractDone)
+                                            .arg(m_extractWaiting)
+                                            .arg(static_cast<long long>(secondsLeft));
     }
 }
 
@@ -531,8 +538,9 @@ void Indexer::addWatch(const std::string &path, std::uint32_t id)
     }
     if (errno == ENOSPC && !m_watchLimitLogged) {
         m_watchLimitLogged = true;
-        qCWarning(lcMetadata, "inotify watch limit reached at %zu folders; the rest is caught up by rescans",
-                  m_wdToFolder.size());
+        qCWarning(lcMetadata).noquote()
+            << QStringLiteral("inotify watch limit reached at %1 folders; the rest is caught up by rescans")
+                   .arg(m_wdToFolder.size());
     }
 }
 
@@ -704,7 +712,8 @@ void Indexer::handleEvents()
             p += sizeof(inotify_event) + event->len;
             if (event->mask & IN_Q_OVERFLOW) {
                 if (!m_overflowLogged)
-                    qCWarning(lcMetadata, "inotify event queue overflowed; rescanning the indexed folders");
+                    qCWarning(lcMetadata).noquote()
+                        << "inotify event queue overflowed; rescanning the indexed folders";
                 m_overflowLogged = true;
                 m_needCatchUp = true;
                 continue;

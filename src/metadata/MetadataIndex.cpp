@@ -162,8 +162,10 @@ std::vector<std::string> MetadataIndex::Private::liveScan(const QueryNode &query
         closedir(dir);
     }
     if (capped)
-        qCInfo(lcMetadata, "live scan of %s stopped after %zu entries and %lld ms", scope.c_str(),
-               records.size(), timer.elapsed());
+        qCInfo(lcMetadata).noquote() << QStringLiteral("live scan of %1 stopped after %2 entries and %3 ms")
+                                            .arg(QString::fromStdString(scope))
+                                            .arg(records.size())
+                                            .arg(timer.elapsed());
     NameTable table;
     table.replaceAll(std::move(records));
     return QueryEvaluator::run(table, query, {1}, descending, maxCount, {});
@@ -176,7 +178,7 @@ MetadataQueryResult MetadataIndex::query(const QString &text, const QString &sco
     auto parsed = parseQuery(text);
     if (auto *error = std::get_if<QueryError>(&parsed)) {
         result.error = QStringLiteral("malformed query at %1: %2").arg(error->position).arg(error->message);
-        qCInfo(lcMetadata, "query failed: %s", qUtf8Printable(result.error));
+        qCInfo(lcMetadata).noquote() << QStringLiteral("query failed: %1").arg(result.error);
         return result;
     }
     if (!sortAttribute.isEmpty() && sortAttribute != u"kMDItemContentModificationDate" &&

@@ -298,7 +298,7 @@ void HttpConnection::handleApi(const StringRequest &request, const QString &path
         const std::optional<QString> cookie =
             m_server.logins().login(body->value(QStringLiteral("token")).toString().toUtf8(), &ended);
         if (!cookie) {
-            qCInfo(lcRelay) << "a login with a wrong access token was refused";
+            qCInfo(lcRelay).noquote() << "a login with a wrong access token was refused";
             return replyError(401, "bad_token", QStringLiteral("The access token is wrong."));
         }
         if (ended)

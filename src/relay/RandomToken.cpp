@@ -13,7 +13,7 @@ QString randomToken(int bytes)
 {
     QByteArray data(bytes, Qt::Uninitialized);
     if (RAND_bytes(reinterpret_cast<unsigned char *>(data.data()), bytes) != 1) {
-        qCCritical(lcRelay) << "the secure random generator failed; stopping";
+        qCCritical(lcRelay).noquote() << "the secure random generator failed; stopping";
         std::abort();
     }
     QString text = base64Encoding_URL_SAFE(data);

@@ -85,7 +85,7 @@ int main(int argc, char **argv)
     for (const QString &folder : parser.values(cloudOption))
         config.cloudFolders.append(QDir(folder).absolutePath());
     if (config.cloudFolders.isEmpty())
-        qCWarning(lcRelay) << "no --cloud-folder given: agents will find no session files";
+        qCWarning(lcRelay).noquote() << "no --cloud-folder given: agents will find no session files";
     config.stateDir = parser.isSet(stateOption)
                           ? parser.value(stateOption)
                           : QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
@@ -112,7 +112,7 @@ int main(int argc, char **argv)
 
     boost::asio::signal_set signals(io, SIGINT, SIGTERM);
     signals.async_wait([&](boost::system::error_code, int) {
-        qCInfo(lcRelay) << "stopping: closing the browser sessions";
+        qCInfo(lcRelay).noquote() << "stopping: closing the browser sessions";
         server.stop();
         io.stop();
     });

@@ -10,8 +10,6 @@
 #include <QStringList>
 #include <QUrl>
 
-#include <chrono>
-
 namespace {
 
 bool isList(const QVariant &value)
@@ -80,11 +78,6 @@ std::optional<QString> urlEncodedString(const QVariant &value)
     return parts.join(QLatin1Char(','));
 }
 
-bool isValueAcceptable(const QVariant &value)
-{
-    return urlEncodedString(value).has_value();
-}
-
 QString urlQueryString(const QVariantMap &parameters)
 {
     QString query;
@@ -128,10 +121,4 @@ std::optional<QJsonObject> dictionaryFromJSONWithError(const QByteArray &json, s
             QStringLiteral("JSON result is not a dictionary; type: %1").arg(QStringLiteral("QJsonArray")),
             QVariant(document.array())};
     return std::nullopt;
-}
-
-double posixTime()
-{
-    using namespace std::chrono;
-    return duration<double>(system_clock::now().time_since_epoch()).count();
 }

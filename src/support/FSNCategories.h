@@ -26,9 +26,6 @@ std::optional<QString> parameterText(const QVariant &value);
 // not escaped). None when the value, or any element of a list, is of another type.
 std::optional<QString> urlEncodedString(const QVariant &value);
 
-// True for a value urlEncodedString accepts.
-bool isValueAcceptable(const QVariant &value);
-
 // "key=value" pairs joined with "&", key and value each URL-encoded, in the map's key order. A pair
 // whose value is not acceptable is left out with a log line. Linear in the size of the parameters.
 QString urlQueryString(const QVariantMap &parameters);
@@ -38,12 +35,3 @@ QString urlQueryString(const QVariantMap &parameters);
 // FSNConnectionErrorDomain, "JSON result is not a dictionary; type: <type>", with the value as its result.
 std::optional<QJsonObject> dictionaryFromJSONWithError(const QByteArray &json,
                                                        std::optional<FSNError> *error = nullptr);
-
-// Seconds since 1970 with sub-millisecond resolution; the clock of every connection timing.
-double posixTime();
-
-// True when the HTTP status code belongs to the class (2 for 2xx and so on).
-constexpr bool httpCodeIsOfClass(int code, int codeClass)
-{
-    return code / 100 == codeClass;
-}

@@ -1,13 +1,9 @@
 #include "support/FSNConnection.h"
 
 #include "support/FSNCategories.h"
-#include "support/FSNConnectionActivity.h"
 #include "support/FSNConnectionQueue.h"
-#include "support/FSNData.h"
-#include "support/Logging.h"
 
 #include <QCoreApplication>
-#include <QDebug>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
@@ -21,8 +17,6 @@ namespace {
 
 constexpr qint64 kReadBufferBytes = 1024 * 1024;
 
-const QByteArray kBoundary = QByteArrayLiteral("--FSN-POST-boundary-wXzBVZAKUhpccuA9");
-
 std::recursive_mutex gLiveLock;
 std::vector<std::shared_ptr<FSNConnection>> gLive; // guarded by gLiveLock
 
@@ -32,79 +26,18 @@ struct BuiltRequest
     QByteArray body;
 };
 
-bool isFSNData(const QVariant &value)
-{
-    return value.metaType() == QMetaType::fromType<FSNData>();
-}
-
-QString debugText(const QVariant &value)
-{
-    QString text;
-    QDebug(&text).nospace() << value;
-    return text;
-}
-
-QByteArray multipartBody(const QVariantMap &parameters)
-{
-    QByteArray body;
-    for (auto it = parameters.cbegin(); it != parameters.cend(); ++it) {
-        const QVariant &value = it.value();
-        const std::optional<FSNData> data =
-            isFSNData(value) ? std::optional(value.value<FSNData>()) : std::nullopt;
-        const std::optional<QString> text = data ? std::nullopt : parameterText(value);
-        if (!data && !text) {
-            qCWarning(lcSupport).noquote()
-                << QStringLiteral(
-                       "ERROR: %1: skipping bad POST parameter value: key: %2; value class: %3; value: %4")
-                       .arg(QLatin1String(__func__), it.key(), QLatin1String(value.typeName()),
-                            debugText(value));
-            continue;
-        }
-        body += "--" + kBoundary + "\r\n";
-        body += "Content-Disposition: form-data; name=\"" + it.key().toUtf8() + '"';
-        if (data && data->fileName())
-            body += "; filename=\"" + data->fileName()->toUtf8() + '"';
-        body += "\r\n";
-        if (data) {
-            if (const std::optional<QString> mimeType = data->mimeTypeString())
-                body += "Content-Type: " + mimeType->toUtf8() + "\r\n";
-        }
-        body += "\r\n";
-        body += data ? data->data() : text->toUtf8();
-        body += "\r\n";
-    }
-    body += "--" + kBoundary + "--\r\n\r\n";
-    return body;
-}
-
-// None when the request cannot be sent at all: a method outside the enumeration or a URL that is not
-// an absolute http or https address.
-std::optional<BuiltRequest> makeNetworkRequest(const QUrl &url, FSNRequestMethod method,
-                                               const FSNConnection::Headers &headers,
+// None when the request cannot be sent at all: a URL that is not an absolute http or https address.
+std::optional<BuiltRequest> makeNetworkRequest(const QUrl &url, const FSNConnection::Headers &headers,
                                                const QVariantMap &parameters)
 {
-    const std::optional<QString> methodText = stringForRequestMethod(method);
     const QString scheme = url.scheme().toLower();
-    if (!methodText || !url.isValid() || url.host().isEmpty() ||
+    if (!url.isValid() || url.host().isEmpty() ||
         (scheme != QLatin1String("http") && scheme != QLatin1String("https")))
         return std::nullopt;
-
-    QByteArray address = url.toEncoded();
-    if (method == FSNRequestMethod::GET && !parameters.isEmpty())
-        address += '?' + urlQueryString(parameters).toLatin1();
-    BuiltRequest built{QNetworkRequest(QUrl::fromEncoded(address)), {}};
+    BuiltRequest built{QNetworkRequest(url), urlQueryString(parameters).toUtf8()};
     built.request.setAttribute(QNetworkRequest::HttpPipeliningAllowedAttribute, true);
-
-    if (method == FSNRequestMethod::POST) {
-        if (std::any_of(parameters.cbegin(), parameters.cend(), isFSNData)) {
-            built.body = multipartBody(parameters);
-            built.request.setRawHeader("Content-Type", "multipart/form-data; boundary=" + kBoundary);
-        } else {
-            built.body = urlQueryString(parameters).toUtf8();
-            built.request.setRawHeader("Content-Type", "application/x-www-form-urlencoded");
-        }
-        built.request.setRawHeader("Content-Length", QByteArray::number(built.body.size()));
-    }
+    built.request.setRawHeader("Content-Type", "application/x-www-form-urlencoded");
+    built.request.setRawHeader("Content-Length", QByteArray::number(built.body.size()));
     for (auto it = headers.cbegin(); it != headers.cend(); ++it)
         built.request.setRawHeader(it.key(), it.value());
     return built;
@@ -133,13 +66,6 @@ bool isHttpStatusError(QNetworkReply::NetworkError error)
     }
 }
 
-float fraction(qint64 progress, qint64 expected)
-{
-    if (expected < 1 || progress > expected)
-        return -1;
-    return float(double(progress) / double(expected));
-}
-
 bool onMainThread()
 {
     return QCoreApplication::instance() && QThread::currentThread() == QCoreApplication::instance()->thread();
@@ -147,42 +73,21 @@ bool onMainThread()
 
 } // namespace
 
-std::optional<QString> stringForRequestMethod(FSNRequestMethod method)
-{
-    switch (method) {
-    case FSNRequestMethod::GET:
-        return QStringLiteral("GET");
-    case FSNRequestMethod::POST:
-        return QStringLiteral("POST");
-    }
-    return std::nullopt;
-}
-
-FSNConnection::FSNConnection(const QUrl &url, FSNRequestMethod method, Headers headers,
-                             QVariantMap parameters)
+FSNConnection::FSNConnection(const QUrl &url, Headers headers, QVariantMap parameters)
     : m_url(url)
-    , m_method(method)
     , m_headers(std::move(headers))
     , m_parameters(std::move(parameters))
 {}
 
-std::shared_ptr<FSNConnection> FSNConnection::withUrl(const QUrl &url, FSNRequestMethod method,
-                                                      Headers headers, QVariantMap parameters,
-                                                      ParseBlock parseBlock, CompletionBlock completionBlock,
-                                                      ProgressBlock progressBlock)
+std::shared_ptr<FSNConnection> FSNConnection::withUrl(const QUrl &url, Headers headers,
+                                                      QVariantMap parameters, ParseBlock parseBlock,
+                                                      CompletionBlock completionBlock)
 {
     std::shared_ptr<FSNConnection> connection(
-        new FSNConnection(url, method, std::move(headers), std::move(parameters)));
+        new FSNConnection(url, std::move(headers), std::move(parameters)));
     connection->m_parseBlock = std::move(parseBlock);
     connection->m_completionBlock = std::move(completionBlock);
-    connection->m_progressBlock = std::move(progressBlock);
     return connection;
-}
-
-QVariant FSNConnection::parseJSONDictionary(FSNConnection &connection, std::optional<FSNError> *error)
-{
-    std::optional<QJsonObject> dictionary = dictionaryFromJSONWithError(connection.responseData(), error);
-    return dictionary ? QVariant(*dictionary) : QVariant();
 }
 
 std::shared_ptr<FSNConnection> FSNConnection::start()
@@ -190,16 +95,13 @@ std::shared_ptr<FSNConnection> FSNConnection::start()
     if (m_didStart.exchange(true))
         return nullptr;
     std::shared_ptr<FSNConnection> self = shared_from_this();
-    m_startTime = posixTime();
+    m_startTime = std::chrono::steady_clock::now();
     {
         std::lock_guard guard(gLiveLock);
         gLive.push_back(self);
-        m_concurrencyCountAtStart = int(gLive.size());
-        if (gLive.size() == 1)
-            Q_EMIT FSNConnectionActivity::instance().FSNConnectionActivityBegan();
     }
 
-    std::optional<BuiltRequest> built = makeNetworkRequest(m_url, m_method, m_headers, m_parameters);
+    std::optional<BuiltRequest> built = makeNetworkRequest(m_url, m_headers, m_parameters);
     if (!built) {
         fail(FSNError{FSNConnectionErrorDomain, 0, QStringLiteral("request cannot be handled"), {}});
         return nullptr;
@@ -208,20 +110,13 @@ std::shared_ptr<FSNConnection> FSNConnection::start()
         FSNConnectionQueue::post([self, built = std::move(*built)](QNetworkAccessManager &manager) {
             if (self->m_cancelled)
                 return;
-            QNetworkReply *reply = self->m_method == FSNRequestMethod::GET
-                                       ? manager.get(built.request)
-                                       : manager.post(built.request, built.body);
+            QNetworkReply *reply = manager.post(built.request, built.body);
             self->m_reply = reply;
             // Without a bound the network thread reads a whole reply ahead of us, cap or no cap.
             reply->setReadBufferSize(std::min(self->m_maxResponseBytes, kReadBufferBytes) + 1);
             QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, [self] { self->onMetaData(); });
             QObject::connect(reply, &QNetworkReply::readyRead, reply, [self] { self->onReadyRead(); });
             QObject::connect(reply, &QNetworkReply::finished, reply, [self] { self->onFinished(); });
-            QObject::connect(reply, &QNetworkReply::uploadProgress, reply, [self](qint64 sent, qint64 total) {
-                self->m_uploadProgressBytes = sent;
-                self->m_uploadExpectedBytes = total;
-                self->scheduleReportProgress();
-            });
             auto *deadline = new QTimer(reply);
             deadline->setSingleShot(true);
             QObject::connect(deadline, &QTimer::timeout, reply, [self] {
@@ -230,7 +125,8 @@ std::shared_ptr<FSNConnection> FSNConnection::start()
                         QNetworkReply::TimeoutError,
                         QStringLiteral("Reply not complete after %1 ms").arg(self->m_deadline.count()));
             });
-            const auto waited = std::chrono::milliseconds(qint64(self->sinceStart() * 1000));
+            const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(
+                std::chrono::steady_clock::now() - self->m_startTime);
             deadline->start(std::max(std::chrono::milliseconds(0), self->m_deadline - waited));
         });
     if (!queued) {
@@ -246,19 +142,11 @@ void FSNConnection::onMetaData()
         return;
     FSNHttpResponse response;
     response.statusCode = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    response.reasonPhrase = m_reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toByteArray();
-    for (const auto &[name, value] : m_reply->rawHeaderPairs())
-        response.headers.append({name, value});
     const QVariant length = m_reply->header(QNetworkRequest::ContentLengthHeader);
     response.expectedContentLength = length.isValid() ? length.toLongLong() : -1;
-    response.url = m_reply->url();
-
-    m_responseInterval = sinceStart();
-    m_downloadExpectedBytes = response.expectedContentLength;
-    m_downloadProgressBytes = 0;
     m_responseData.clear();
-    m_response = std::move(response);
-    if (m_response->expectedContentLength > m_maxResponseBytes)
+    m_response = response;
+    if (response.expectedContentLength > m_maxResponseBytes)
         failTransport(QNetworkReply::UnknownContentError,
                       QStringLiteral("Reply larger than %1 bytes").arg(m_maxResponseBytes));
 }
@@ -277,8 +165,6 @@ void FSNConnection::onReadyRead()
         return;
     }
     m_responseData += m_reply->readAll();
-    m_downloadProgressBytes = m_responseData.size();
-    scheduleReportProgress();
 }
 
 void FSNConnection::onFinished()
@@ -299,34 +185,16 @@ void FSNConnection::onFinished()
 
 void FSNConnection::finishLoading()
 {
-    m_finishOrFailInterval = sinceStart();
-    m_didFinishLoading = true;
+    Q_ASSERT_X(!onMainThread(), __func__, "must be called from a background thread");
     releaseReply();
     if (m_cancelled)
         return;
-    bool hasParseBlock = false;
-    {
-        std::lock_guard guard(m_blocksLock);
-        hasParseBlock = bool(m_parseBlock);
-    }
-    if (hasParseBlock)
-        parse();
-    else
-        performComplete();
-}
-
-void FSNConnection::parse()
-{
-    Q_ASSERT_X(!onMainThread(), __func__, "must be called from a background thread");
     std::optional<FSNError> error;
     {
         std::lock_guard guard(m_blocksLock);
         // A copy, so that a block cancelling its own connection does not destroy itself while running.
-        const ParseBlock block = m_parseBlock;
-        if (!block)
-            return;
-        m_parseResult = block(*this, &error);
-        m_parseInterval = sinceStart();
+        if (const ParseBlock block = m_parseBlock)
+            block(*this, &error);
     }
     if (error)
         fail(std::move(*error));
@@ -336,7 +204,6 @@ void FSNConnection::parse()
 
 void FSNConnection::failTransport(int code, const QString &description)
 {
-    m_finishOrFailInterval = sinceStart();
     releaseReply();
     fail(FSNError{FSNTransportErrorDomain, code, description, {}});
 }
@@ -371,43 +238,17 @@ void FSNConnection::releaseReply()
     }
 }
 
-double FSNConnection::sinceStart() const
-{
-    return posixTime() - m_startTime;
-}
-
 void FSNConnection::complete()
 {
     Q_ASSERT_X(onMainThread(), __func__, "must be called from the main thread");
     if (m_cancelled)
         return;
-    m_didComplete = true;
-    reportProgress();
     {
         std::lock_guard guard(m_blocksLock);
-        const CompletionBlock block = m_completionBlock;
-        if (block)
+        if (const CompletionBlock block = m_completionBlock)
             block(*this);
     }
     cleanup();
-}
-
-void FSNConnection::reportProgress()
-{
-    Q_ASSERT_X(onMainThread(), __func__, "must be called from the main thread");
-    std::lock_guard guard(m_blocksLock);
-    const ProgressBlock block = m_progressBlock;
-    if (block)
-        block(*this);
-}
-
-void FSNConnection::scheduleReportProgress()
-{
-    if (QCoreApplication *application = QCoreApplication::instance()) {
-        std::shared_ptr<FSNConnection> self = shared_from_this();
-        QMetaObject::invokeMethod(
-            application, [self] { self->reportProgress(); }, Qt::QueuedConnection);
-    }
 }
 
 void FSNConnection::cancel()
@@ -422,14 +263,13 @@ void FSNConnection::cancel()
 
 void FSNConnection::cancelAllConnections()
 {
-    for (const std::shared_ptr<FSNConnection> &connection : connections())
+    std::vector<std::shared_ptr<FSNConnection>> live;
+    {
+        std::lock_guard guard(gLiveLock);
+        live = gLive;
+    }
+    for (const std::shared_ptr<FSNConnection> &connection : live)
         connection->cancel();
-}
-
-QList<std::shared_ptr<FSNConnection>> FSNConnection::connections()
-{
-    std::lock_guard guard(gLiveLock);
-    return QList<std::shared_ptr<FSNConnection>>(gLive.cbegin(), gLive.cend());
 }
 
 void FSNConnection::cleanup()
@@ -443,7 +283,6 @@ void FSNConnection::clearBlocks()
     std::lock_guard guard(m_blocksLock);
     m_parseBlock = nullptr;
     m_completionBlock = nullptr;
-    m_progressBlock = nullptr;
 }
 
 void FSNConnection::leaveLiveSet()
@@ -455,16 +294,4 @@ void FSNConnection::leaveLiveSet()
         return;
     removed = std::move(*it);
     gLive.erase(it);
-    if (gLive.empty())
-        Q_EMIT FSNConnectionActivity::instance().FSNConnectionActivityEnded();
-}
-
-float FSNConnection::uploadProgress() const
-{
-    return fraction(m_uploadProgressBytes, m_uploadExpectedBytes);
-}
-
-float FSNConnection::downloadProgress() const
-{
-    return fraction(m_downloadProgressBytes, m_downloadExpectedBytes);
 }

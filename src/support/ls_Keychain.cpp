@@ -37,12 +37,3 @@ ls_Keychain::Read ls_Keychain::readStringForKey(const QString &key)
         read.failure = error->description();
     return read;
 }
-
-void ls_Keychain::removeStringForKey(const QString &key)
-{
-    std::optional<SFHFKeychainUtils::Error> error;
-    SFHFKeychainUtils::deleteItemForUsername(key, kServiceName, &error);
-    if (error)
-        qCWarning(lcSupport).noquote()
-            << QStringLiteral("error deleting password %1").arg(error->description());
-}

@@ -5,7 +5,7 @@
 #include <optional>
 
 // The agent's secrets by name, under the service "VandrelOSX". Errors are logged and swallowed: a caller
-// sees no value (read) or no effect (store, remove). Every call goes to the store afresh; nothing is cached.
+// sees no value (read) or no effect (store). Every call goes to the store afresh; nothing is cached.
 class ls_Keychain
 {
 public:
@@ -20,5 +20,4 @@ public:
         std::optional<QString> failure;
     };
     static Read readStringForKey(const QString &key);
-    static void removeStringForKey(const QString &key);
 };

@@ -22,13 +22,3 @@ QDateTime GetFileModificationDate(const QString &path);
 
 // True only when something exists at the path and it is a folder (a link to a folder counts).
 bool IsDirectory(const QString &path);
-
-// The system-version tests of the reference platform; a supported Linux is always a current system.
-constexpr bool IsLionOrLater()
-{
-    return true;
-}
-constexpr bool IsMavericksOrLater()
-{
-    return true;
-}

@@ -104,7 +104,6 @@ public:
     // --- Computer identity ---
 
     // A new upper-case UUID text; "UUID failed" when none can be made.
-    static QString UUIDString();
     // Bytes from the system's secure generator; zero bytes (and two log lines) if it fails.
     static QByteArray randomDataOfLength(quint32 length);
     // 24 secure random bytes as 32 characters of URL-safe base64.
@@ -113,9 +112,9 @@ public:
     static QString getPlatformUUID();
     static QString prefsKeyForComputerID();
     static QString keyForComputerPassword();
-    // Whether a computer password is stored: none when the secret store cannot be read, which callers
-    // must treat as closed, never as "no password".
-    static std::optional<bool> computerPasswordIsSet();
+    // Whether a computer password is stored: none when the secret store cannot be read (failure, when
+    // given, then says why), which callers must treat as closed, never as "no password".
+    static std::optional<bool> computerPasswordIsSet(QString *failure = nullptr);
     // The computer id from the user defaults, made on first use; threads that ask at once get one id.
     static QString getComputerUUID();
     // The version the WebApp is told; computed once.

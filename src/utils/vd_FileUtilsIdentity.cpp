@@ -7,8 +7,6 @@
 #include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
 
-#include <QUuid>
-
 #include <openssl/err.h>
 #include <openssl/rand.h>
 
@@ -20,23 +18,13 @@ std::mutex s_computerIdLock; // guards making the computer id in the user defaul
 
 } // namespace
 
-QString vd_FileUtils::UUIDString()
-{
-    const QUuid uuid = QUuid::createUuid();
-    if (uuid.isNull()) {
-        qCWarning(lcUtils) << "uuid making failed!!!!";
-        return QStringLiteral("UUID failed");
-    }
-    return uuid.toString(QUuid::WithoutBraces).toUpper();
-}
-
 QByteArray vd_FileUtils::randomDataOfLength(quint32 length)
 {
     QByteArray bytes(qsizetype(length), '\0');
     if (RAND_bytes(reinterpret_cast<unsigned char *>(bytes.data()), int(length)) != 1) {
         qCCritical(lcUtils).noquote()
             << QStringLiteral("Unable to generate random bytes: %1").arg(ERR_get_error());
-        qCWarning(lcUtils) << "did not make random string";
+        qCWarning(lcUtils).noquote() << "did not make random string";
         bytes.fill('\0');
     }
     return bytes;
@@ -53,7 +41,7 @@ QString vd_FileUtils::getPlatformUUID()
         const QString id = SystemIdentity::machineId();
         if (!id.isEmpty())
             return id;
-        qCWarning(lcUtils) << "failed to get UUID, using computer name";
+        qCWarning(lcUtils).noquote() << "failed to get UUID, using computer name";
         return vd_SimpleUtils::computerName();
     }();
     return platformId;
@@ -69,11 +57,14 @@ QString vd_FileUtils::keyForComputerPassword()
     return QStringLiteral("computer_password_") + getPlatformUUID();
 }
 
-std::optional<bool> vd_FileUtils::computerPasswordIsSet()
+std::optional<bool> vd_FileUtils::computerPasswordIsSet(QString *failure)
 {
     const ls_Keychain::Read read = ls_Keychain::readStringForKey(keyForComputerPassword());
-    if (read.failure)
+    if (read.failure) {
+        if (failure)
+            *failure = *read.failure;
         return std::nullopt;
+    }
     return !read.value.value_or(QString()).isEmpty();
 }
 

@@ -3,7 +3,6 @@
 #include "common/TempHome.h"
 #include "engine/RequestAuth.h"
 #include "engine/vd_Searcher.h"
-#include "handlers/vd_FileCompareCache.h"
 #include "support/AesCipher.h"
 #include "support/Encodings.h"
 #include "utils/vd_FileUtils.h"
@@ -41,31 +40,28 @@ struct HandlerProbe
 {
     HandlerProbe()
     {
-        using Slot = vd_Searcher::HandlerSlot;
-        for (Slot slot : {Slot::Search, Slot::Preview, Slot::Thumb, Slot::CopyToDropbox,
-                          Slot::MoveFromDropbox, Slot::ItemInfo})
-            vd_Searcher::registerHandler(slot, [this, slot](vd_Searcher &operation, QJsonObject &request) {
+        vd_Searcher::HandlerTable table;
+        for (const char *type :
+             {"search", "preview", "thumb", "copy_to_dropbox", "move_from_dropbox", "info"})
+            table[QString::fromLatin1(type)] = [this](vd_Searcher &operation, QJsonObject &request) {
                 std::unique_lock lock(mutex);
                 seen.append(request);
-                slots.push_back(slot);
                 request.insert(QStringLiteral("handled"), true);
                 operation.setOutRawData(QByteArray("raw"));
                 changed.notify_all();
-                if (slot == Slot::ItemInfo) {
+                if (request.value(QStringLiteral("request_type")) == QStringLiteral("info")) {
                     changed.wait(lock, [this] { return released || permits > 0; });
                     if (!released)
                         --permits;
                 }
-            });
+            };
+        vd_Searcher::setHandlers(std::move(table));
     }
     ~HandlerProbe()
     {
         release();
         vd_Searcher::opQ().waitForDone();
-        using Slot = vd_Searcher::HandlerSlot;
-        for (Slot slot : {Slot::Search, Slot::Preview, Slot::Thumb, Slot::CopyToDropbox,
-                          Slot::MoveFromDropbox, Slot::ItemInfo})
-            vd_Searcher::registerHandler(slot, {});
+        vd_Searcher::setHandlers({});
     }
     void release()
     {
@@ -90,7 +86,11 @@ struct HandlerProbe
     bool released = false;
     int permits = 0;
     QList<QJsonObject> seen;
-    std::vector<vd_Searcher::HandlerSlot> slots;
+
+    QString typeAt(qsizetype i) const
+    {
+        return seen.value(i).value(QStringLiteral("request_type")).toString();
+    }
 };
 
 } // namespace
@@ -106,7 +106,7 @@ TEST(Operation, ResolvesTheSessionChecksThePasswordAndDispatchesByExactType)
     vd_Searcher inDrive(record({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
     inDrive.main();
     ASSERT_EQ(probe.seen.size(), 1);
-    EXPECT_EQ(probe.slots.back(), vd_Searcher::HandlerSlot::ItemInfo);
+    EXPECT_EQ(probe.typeAt(0), QStringLiteral("info"));
     EXPECT_EQ(probe.seen.back().value(QStringLiteral("vandrel_folder")), roots.drive);
     EXPECT_EQ(inDrive.theRequest(), std::nullopt);
 
@@ -141,8 +141,8 @@ TEST(Operation, ResolvesTheSessionChecksThePasswordAndDispatchesByExactType)
     vd_Searcher icon(record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.64.64.png"}}));
     icon.main();
     ASSERT_EQ(probe.seen.size(), 3);
-    EXPECT_EQ(probe.slots[1], vd_Searcher::HandlerSlot::Search);
-    EXPECT_EQ(probe.slots[2], vd_Searcher::HandlerSlot::Thumb);
+    EXPECT_EQ(probe.typeAt(1), QStringLiteral("search"));
+    EXPECT_EQ(probe.typeAt(2), QStringLiteral("thumb"));
     EXPECT_EQ(probe.seen[2].value(QStringLiteral("vandrel_folder")), roots.box);
 }
 
@@ -204,31 +204,12 @@ TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
     EXPECT_EQ(probe.seen.size(), 8);
 }
 
-TEST(Operation, StatusWordsAreInvertedAndTheCacheRefreshesOncePerMinute)
+TEST(Operation, StatusWordsAreInverted)
 {
     const QDateTime now = QDateTime::currentDateTimeUtc();
-    vd_Searcher::gLastSessionActive.store(vd_Searcher::referenceSeconds(now.addSecs(-30)));
-    EXPECT_TRUE(vd_Searcher::sActive(now));
-    EXPECT_EQ(vd_Searcher::statusString(now), QStringLiteral("idle"));
-    vd_Searcher::gLastSessionActive.store(vd_Searcher::referenceSeconds(now.addSecs(-61)));
-    EXPECT_FALSE(vd_Searcher::sActive(now));
-    EXPECT_EQ(vd_Searcher::statusString(now), QStringLiteral("active"));
-    vd_Searcher::gLastSessionActive.store(vd_Searcher::referenceSeconds(now.addSecs(-60)));
-    EXPECT_TRUE(vd_Searcher::sActive(now));
-
-    TwoRoots roots;
-    const QString kept = roots.home.writeFile(QStringLiteral("photo.jpg"), "same bytes");
-    const auto matches = [&] {
-        QThreadPool::globalInstance()->waitForDone();
-        return vd_Searcher::getCompareCache(roots.box)->matchingPath(kept).has_value();
-    };
-    vd_Searcher::refreshMatchedFilesCache(true, now);
-    EXPECT_FALSE(matches());
-    roots.home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/uploads/2026/1/photo.jpg"), "same bytes");
-    vd_Searcher::refreshMatchedFilesCache(false, now.addSecs(30));
-    EXPECT_FALSE(matches());
-    vd_Searcher::refreshMatchedFilesCache(false, now.addSecs(61));
-    EXPECT_TRUE(matches());
-    EXPECT_EQ(vd_Searcher::getCompareCache(roots.box), vd_Searcher::getCompareCache(roots.box));
-    EXPECT_NE(vd_Searcher::getCompareCache(roots.box), vd_Searcher::getCompareCache(roots.box + u'/'));
+    for (const auto &[secondsAgo, word] : {std::pair{30, "idle"}, {60, "idle"}, {61, "active"}}) {
+        vd_Searcher::gLastSessionActive.store(vd_Searcher::referenceSeconds(now.addSecs(-secondsAgo)));
+        EXPECT_EQ(vd_Searcher::sActive(now), secondsAgo <= 60);
+        EXPECT_EQ(vd_Searcher::statusString(now), QLatin1String(word));
+    }
 }

@@ -3,10 +3,12 @@
 #include "handlers/Listings.h"
 #include "handlers/SearchHandler.h"
 #include "handlers/SearchIndex.h"
+#include "handlers/SpotlightSearch.h"
 #include "metadata/MetadataIndex.h"
 
 #include <QDir>
 #include <QJsonArray>
+#include <QRegularExpression>
 
 #include <gtest/gtest.h>
 
@@ -28,11 +30,29 @@ QStringList displays(const QJsonArray &list)
     return names;
 }
 
+// The terms the query makes of typed name text, in order.
+QStringList terms(const QString &typed)
+{
+    static const QRegularExpression clause(QStringLiteral(R"(kMDItemDisplayName == "\*?(.*?)\*"cd)"));
+    QStringList found;
+    for (const QRegularExpressionMatch &match :
+         clause.globalMatch(SpotlightSearch::currentQueryString({}, typed, {})))
+        found << match.captured(1);
+    return found;
+}
+
+// Whether polishing offers the item for copying to the StorageRoot.
+bool uploadable(const QString &path)
+{
+    QJsonArray page{QJsonObject{{QStringLiteral("path"), path}}};
+    ItemRecords::polishResults(page, {});
+    return page[0][QStringLiteral("up_ok")].toBool();
+}
+
 } // namespace
 
 TEST(SearchRules, TermsPhrasesAndFields)
 {
-    const auto terms = &SearchHandler::readSpaceAndQuoteDelimitedStringIntoArray;
     EXPECT_EQ(terms(QStringLiteral("tax  2013")),
               QStringList({QStringLiteral("tax"), QStringLiteral("2013")}));
     EXPECT_EQ(terms(QStringLiteral("\"annual report\" 2014")),
@@ -49,20 +69,18 @@ TEST(SearchRules, TermsPhrasesAndFields)
 TEST(SearchRules, QueryTextInItsOrder)
 {
     EXPECT_EQ(
-        SearchHandler::currentQueryString(QStringLiteral("com.adobe.pdf"), QStringLiteral("re"),
-                                          QStringLiteral("tax 2013")),
+        SpotlightSearch::currentQueryString(QStringLiteral("com.adobe.pdf"), QStringLiteral("re"),
+                                            QStringLiteral("tax 2013")),
         QStringLiteral(
             "( kMDItemDisplayName == \"*re*\"cd ) && ( kMDItemContentTypeTree == \"com.adobe.pdf\" ) && "
             "( * == \"tax*\"cdw || kMDItemTextContent == \"tax*\"cdw ) && "
             "( * == \"2013*\"cdw || kMDItemTextContent == \"2013*\"cdw ) && "
             "(kMDItemSupportFileType != MDSystemFile)"));
     EXPECT_EQ(
-        SearchHandler::currentQueryString(QStringLiteral("kMDItemContentType == 'public.folder'"),
-                                          QStringLiteral("a"), QStringLiteral("x")),
+        SpotlightSearch::currentQueryString(QStringLiteral("kMDItemContentType == 'public.folder'"),
+                                            QStringLiteral("a"), QStringLiteral("x")),
         QStringLiteral("( kMDItemDisplayName == \"a*\"cd ) && ( kMDItemContentType == 'public.folder' ) && "
                        "( * == \"x\"cdw ) && (kMDItemSupportFileType != MDSystemFile)"));
-    EXPECT_TRUE(SearchHandler::excludeSpotlightPath(QStringLiteral("/home/x/.cache/Library/Caches/a")));
-    EXPECT_FALSE(SearchHandler::excludeSpotlightPath(QStringLiteral("/home/x/Library/Caches")));
 }
 
 TEST(SearchRules, PagingKeepsItsQuirks)
@@ -100,15 +118,14 @@ TEST(SearchRules, FinderOrderAndUploadRule)
     const QString h = home.path();
     for (const char *folder : {"Documents/Documents", "Work/Library", "Pictures/iPhoto Library", "Documents"})
         QDir(h).mkpath(QString::fromUtf8(folder));
-    EXPECT_FALSE(ItemRecords::okToUpload(h));
-    EXPECT_FALSE(ItemRecords::okToUpload(h + QStringLiteral("/Documents")));
-    EXPECT_TRUE(ItemRecords::okToUpload(h + QStringLiteral("/Documents/Documents")) ==
-                (h.split(u'/').size() + 2 >= 5));
-    EXPECT_FALSE(ItemRecords::okToUpload(h + QStringLiteral("/Work/Library")));
-    EXPECT_FALSE(ItemRecords::okToUpload(h + QStringLiteral("/Pictures/iPhoto Library")));
-    EXPECT_FALSE(ItemRecords::okToUpload(QStringLiteral("/tmp/abcd")));
-    EXPECT_TRUE(ItemRecords::okToUpload(QStringLiteral("/tmp/abcde")));
-    EXPECT_FALSE(ItemRecords::okToUpload(QStringLiteral("/opt/thing/System")));
+    EXPECT_FALSE(uploadable(h));
+    EXPECT_FALSE(uploadable(h + QStringLiteral("/Documents")));
+    EXPECT_TRUE(uploadable(h + QStringLiteral("/Documents/Documents")) == (h.split(u'/').size() + 2 >= 5));
+    EXPECT_FALSE(uploadable(h + QStringLiteral("/Work/Library")));
+    EXPECT_FALSE(uploadable(h + QStringLiteral("/Pictures/iPhoto Library")));
+    EXPECT_FALSE(uploadable(QStringLiteral("/tmp/abcd")));
+    EXPECT_TRUE(uploadable(QStringLiteral("/tmp/abcde")));
+    EXPECT_FALSE(uploadable(QStringLiteral("/opt/thing/System")));
 }
 
 TEST(SearchRules, SearchPagesBundlesCachesAndPhotoLibraries)
@@ -183,8 +200,9 @@ TEST(SearchRules, SearchPagesBundlesCachesAndPhotoLibraries)
     EXPECT_FALSE(
         ItemRecords::fileInfoDict(home.filePath(QStringLiteral("Apps/readme.app")))[QStringLiteral("pkg")]
             .toBool());
-    EXPECT_TRUE(ItemRecords::isSealedPackage(home.filePath(QStringLiteral("Apps/Tool.app/"))));
-    EXPECT_FALSE(ItemRecords::isSealedPackage(home.filePath(QStringLiteral("Apps/readme.app"))));
+    EXPECT_TRUE(
+        ItemRecords::fileInfoDict(home.filePath(QStringLiteral("Apps/Tool.app/")))[QStringLiteral("pkg")]
+            .toBool());
     EXPECT_EQ(ItemRecords::getSubFolders(home.filePath(QStringLiteral("Apps"))),
               QStringList{home.filePath(QStringLiteral("Apps/Shots.aplibrary"))});
     EXPECT_TRUE(ItemRecords::getSubFolders(home.filePath(QStringLiteral("missing"))).isEmpty());

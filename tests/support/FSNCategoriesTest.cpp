@@ -1,9 +1,6 @@
 #include "support/FSNCategories.h"
 
-#include "support/FSNData.h"
-
 #include <QJsonArray>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -26,13 +23,6 @@ TEST(FSNCategories, UrlEncoding)
               QStringLiteral("a%2Cb,3,c%20d"));
     EXPECT_EQ(urlEncodedString(QVariant(QStringList{QStringLiteral("x"), QStringLiteral("y")})),
               QStringLiteral("x,y"));
-
-    EXPECT_FALSE(isValueAcceptable(QVariant(QVariantMap{{QStringLiteral("k"), 1}})));
-    EXPECT_FALSE(isValueAcceptable(QVariant(QByteArray("bytes"))));
-    EXPECT_FALSE(isValueAcceptable(QVariant()));
-    EXPECT_FALSE(isValueAcceptable(QVariant(QVariantList{1, QVariantMap()})));
-    EXPECT_FALSE(isValueAcceptable(QVariant::fromValue(FSNData(QByteArray("x")))));
-    EXPECT_TRUE(isValueAcceptable(QVariant(QVariantList())));
 
     const QVariantMap parameters{{QStringLiteral("b"), QStringLiteral("x y&z")},
                                  {QStringLiteral("a key"), 5},
@@ -68,22 +58,4 @@ TEST(FSNCategories, DictionaryFromJSON)
         EXPECT_NE(error->code, 0);
     }
     EXPECT_FALSE(dictionaryFromJSONWithError("[]"));
-}
-
-TEST(FSNCategories, DataParts)
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("part.bin"));
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(QByteArray("\0\1binary", 8));
-    file.close();
-
-    const std::optional<FSNData> part = FSNData::withDataPath(path, QStringLiteral("part.bin"));
-    ASSERT_TRUE(part);
-    EXPECT_EQ(part->data(), QByteArray("\0\1binary", 8));
-    EXPECT_EQ(part->fileName(), QStringLiteral("part.bin"));
-    EXPECT_FALSE(part->mimeTypeString());
-    EXPECT_FALSE(FSNData::withDataPath(dir.filePath(QStringLiteral("missing"))));
-    EXPECT_FALSE(FSNData::withDataPath(dir.path()));
 }

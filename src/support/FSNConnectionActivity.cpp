@@ -1,7 +1,0 @@
-#include "support/FSNConnectionActivity.h"
-
-FSNConnectionActivity &FSNConnectionActivity::instance()
-{
-    static FSNConnectionActivity notifier;
-    return notifier;
-}
