@@ -10,6 +10,8 @@
 #include "app/StatusCommand.h"
 
 #include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
 #include <QGuiApplication>
 #include <QTextStream>
 
@@ -23,7 +25,7 @@ struct Command
     const char *name;
     const char *usage;
     const char *summary;
-    std::function<int(const QStringList &args)> run; // empty: not built yet
+    std::function<int(const QStringList &args)> run;
 };
 
 QTextStream &out()
@@ -54,11 +56,12 @@ const std::vector<Command> &commands()
     return table;
 }
 
-int notBuilt(const Command &command)
+// Files handed to the application itself (a file manager's "Open With", or a path typed after `vandrel`)
+// become links, as `vandrel link` makes them. The first argument decides, so a mistyped command that happens
+// to name no file is still reported as unknown.
+bool namesFiles(const QString &firstArgument)
 {
-    err() << "vandrel: '" << command.name << "' is not available in this build yet\n";
-    err().flush();
-    return 2;
+    return !firstArgument.startsWith(u'-') && QFileInfo::exists(firstArgument);
 }
 
 } // namespace
@@ -69,7 +72,8 @@ QString helpText()
     QTextStream stream(&text);
     stream << "Usage: vandrel [--headless | COMMAND ...]\n\n"
            << "Reach this computer's files from the Vandrel web app.\n\n"
-           << "  vandrel                 start the desktop agent (tray icon or window)\n";
+           << "  vandrel                 start the desktop agent (tray icon or window)\n"
+           << "  vandrel PATH...         the same as vandrel link PATH...\n";
     for (const Command &command : commands())
         stream << "  " << QString::fromLatin1(command.usage) << "\n      " << command.summary << "\n";
     stream << "  vandrel --version       print the version\n"
@@ -83,11 +87,12 @@ QString helpText()
     return text;
 }
 
-// Only `vandrel link` needs the desktop (its clipboard). A display that cannot be reached falls back to an
+// Only making links needs the desktop (its clipboard). A display that cannot be reached falls back to an
 // offscreen one rather than ending the process.
 std::unique_ptr<QCoreApplication> makeApplication(int &argc, char **argv)
 {
-    if (argc < 2 || qstrcmp(argv[1], "link") != 0 || !hasDisplay())
+    if (argc < 2 || (qstrcmp(argv[1], "link") != 0 && !namesFiles(QFile::decodeName(argv[1]))) ||
+        !hasDisplay())
         return std::make_unique<QCoreApplication>(argc, argv);
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM",
@@ -113,8 +118,10 @@ int runCommandLine(int argc, char **argv)
     }
     for (const Command &command : commands()) {
         if (first == QLatin1String(command.name))
-            return command.run ? command.run(args.mid(1)) : notBuilt(command);
+            return command.run(args.mid(1));
     }
+    if (namesFiles(first))
+        return runLinkCommand(args);
     err() << "vandrel: unknown command '" << first << "'\n\n" << helpText();
     return 64;
 }

@@ -54,7 +54,7 @@ QString installForUser(const QString &programPath)
                        "Type=Application\n"
                        "Name=Vandrel\n"
                        "Comment=Reach this computer's files from the Vandrel web app\n"
-                       "Exec=%1\n"
+                       "Exec=%1 %F\n"
                        "Icon=vandrel\n"
                        "Terminal=false\n"
                        "Categories=Network;FileTransfer;\n")

@@ -126,7 +126,7 @@ TEST(DesktopFace, StartsInTheWindowWithoutATrayShowsTheStatusAndTakesDroppedFile
     QFile entry(desktop.home.filePath(QStringLiteral(".local/share/applications/vandrel.desktop")));
     ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
     const QByteArray entryText = entry.readAll();
-    EXPECT_TRUE(entryText.contains("\nExec=" + QFile::encodeName(desktop.program) + "\n"));
+    EXPECT_TRUE(entryText.contains("\nExec=" + QFile::encodeName(desktop.program) + " %F\n"));
     QFile linkEntry(
         desktop.home.filePath(QStringLiteral(".local/share/applications/vandrel-link-handler.desktop")));
     ASSERT_TRUE(linkEntry.open(QIODevice::ReadOnly));
