@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -104,9 +105,39 @@ void keepPrivate(const QString &path)
 
 } // namespace
 
+namespace {
+
+// Held while a connection checks, creates or rebuilds the store. The agent and `vandrel status` may open a
+// new store at the same moment; without it one sees the other's half-made schema (or its lock) as
+// damage and deletes the file the other is writing.
+class OpeningLock
+{
+public:
+    explicit OpeningLock(const QString &storePath)
+        : m_fd(::open(QFile::encodeName(storePath + QStringLiteral(".lock")).constData(),
+                      O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600))
+    {
+        if (m_fd >= 0)
+            ::flock(m_fd, LOCK_EX);
+    }
+    ~OpeningLock()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    OpeningLock(const OpeningLock &) = delete;
+    OpeningLock &operator=(const OpeningLock &) = delete;
+
+private:
+    int m_fd;
+};
+
+} // namespace
+
 std::unique_ptr<IndexStore> IndexStore::open(const QString &path)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
+    const OpeningLock opening(path);
     for (int attempt = 0; attempt < 2; ++attempt) {
         keepPrivate(path);
         sqlite3 *db = openConnection(path);
