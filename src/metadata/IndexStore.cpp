@@ -93,11 +93,15 @@ namespace {
 
 // The index holds the names and words of the user's files: only the user may read it. The file is made
 // before SQLite opens it, as SQLite gives new files the umask's mode and its journals the database's.
+// Only a missing file is opened here: closing any descriptor of an open store drops this process's SQLite
+// locks on it, and another process closing its connection would then take the store for unused and
+// delete its write-ahead log under our feet.
 void keepPrivate(const QString &path)
 {
     ::chmod(QFile::encodeName(QFileInfo(path).absolutePath()).constData(), 0700);
     const QByteArray file = QFile::encodeName(path);
-    if (const int fd = ::open(file.constData(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600); fd >= 0)
+    if (const int fd = ::open(file.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+        fd >= 0)
         ::close(fd);
     for (const char *suffix : {"", "-wal", "-shm"})
         ::chmod((file + suffix).constData(), 0600);
