@@ -107,10 +107,6 @@ void keepPrivate(const QString &path)
         ::chmod((file + suffix).constData(), 0600);
 }
 
-} // namespace
-
-namespace {
-
 // Held while a connection checks, creates or rebuilds the store. The agent and `vandrel status` may open a
 // new store at the same moment; without it one sees the other's half-made schema (or its lock) as
 // damage and deletes the file the other is writing.
