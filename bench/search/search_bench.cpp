@@ -4,10 +4,11 @@
 // Also: how long after start the tree's names and contents are searchable, and, with --idle, what the
 // agent costs with no session once its first crawl is done.
 // Usage: bench_search [--files N] [--dir DIR] [--rounds R] [--scope tree|computer] [--idle SECONDS]
-//                     [--agent BINARY] [--no-plocate]
+//                     [--agent BINARY] [--no-plocate] [--home DIR]
 // The searches look below the tree's folder, or with --scope computer through the whole computer (the
 // WebApp's search at its top level), whose answer carries the sub-folders of "/" instead of the tree's.
-// The tree is made once per size under DIR (default /tmp/vandrel-search-bench) and reused.
+// The tree is made once per size under DIR (default /tmp/vandrel-search-bench) and reused. With --home the
+// agent's home (and so its index) is kept there and reused, which spares a first crawl of a large tree.
 #include "common/Envelope.h"
 #include "common/TestHttpServer.h"
 #include "platform/SettingsKeys.h"
@@ -225,6 +226,7 @@ int main(int argc, char **argv)
     bool peers = true;
     bool wholeComputer = false;
     QString binary = QStringLiteral(VANDREL_BINARY);
+    QString keptHome;
     const QStringList args = app.arguments();
     for (qsizetype i = 1; i < args.size(); ++i) {
         if (args[i] == u"--files" && i + 1 < args.size())
@@ -239,6 +241,8 @@ int main(int argc, char **argv)
             binary = args[++i];
         else if (args[i] == u"--scope" && i + 1 < args.size())
             wholeComputer = args[++i] == u"computer";
+        else if (args[i] == u"--home" && i + 1 < args.size())
+            keptHome = args[++i];
         else if (args[i] == u"--no-plocate")
             peers = false;
     }
@@ -251,7 +255,10 @@ int main(int argc, char **argv)
         << "\" (ready in " << making.elapsed() / 1000.0 << " s); load " << loadAverage() << "\n";
     out.flush();
 
-    QTemporaryDir home;
+    QTemporaryDir temporaryHome;
+    if (!keptHome.isEmpty())
+        QDir().mkpath(keptHome);
+    const QDir home(keptHome.isEmpty() ? temporaryHome.path() : keptHome);
     for (const auto &[name, sub] :
          {std::pair{"HOME", ""}, std::pair{"XDG_CONFIG_HOME", "/.config"},
           std::pair{"XDG_CACHE_HOME", "/.cache"}, std::pair{"XDG_DATA_HOME", "/.local/share"}})

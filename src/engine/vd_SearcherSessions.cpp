@@ -7,8 +7,12 @@
 #include <QUrl>
 
 #include <dirent.h>
+#include <sys/stat.h>
 
 #include <cmath>
+#include <ctime>
+#include <map>
+#include <mutex>
 
 std::atomic<double> vd_Searcher::gLastSessionActive{0.0};
 
@@ -24,19 +28,46 @@ std::optional<QString> sessionsFolder(const QString &storageRoot)
     return vd_FileUtils::storageRootOwnFolder(storageRoot, QStringLiteral("data.vdldata/sessions"), false);
 }
 
-// The session files' names, read with one directory scan and no stat per entry.
+// The session files' names, read with one directory scan and no stat per entry. An agent with no session
+// looks every second; the kernel may drop a folder's entries from memory meanwhile, so the folder is read
+// again only when its modification time moved, or while it is too recent to tell two changes apart.
 QStringList sessionFileNames(const QString &folder)
 {
-    QStringList names;
+    struct Listing
+    {
+        ino_t inode;
+        timespec modified;
+        QStringList names;
+    };
+    static std::mutex listingsLock;
+    static std::map<QString, Listing> listings; // guarded by listingsLock
     DIR *dir = ::opendir(QFile::encodeName(folder).constData());
     if (!dir)
-        return names;
+        return {};
+    struct stat info;
+    const bool known = ::fstat(dirfd(dir), &info) == 0;
+    const bool settled = known && std::time(nullptr) - info.st_mtim.tv_sec > 2;
+    if (settled) {
+        const std::lock_guard guard(listingsLock);
+        const auto found = listings.find(folder);
+        if (found != listings.end() && found->second.inode == info.st_ino &&
+            found->second.modified.tv_sec == info.st_mtim.tv_sec &&
+            found->second.modified.tv_nsec == info.st_mtim.tv_nsec) {
+            ::closedir(dir);
+            return found->second.names;
+        }
+    }
+    QStringList names;
     while (const dirent *entry = ::readdir(dir)) {
         const QString name = QFile::decodeName(entry->d_name);
         if (!name.startsWith(u'.') && name.endsWith(u".json"))
             names << name;
     }
     ::closedir(dir);
+    if (settled) {
+        const std::lock_guard guard(listingsLock);
+        listings.insert_or_assign(folder, Listing{info.st_ino, info.st_mtim, names});
+    }
     return names;
 }
 

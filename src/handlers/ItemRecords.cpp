@@ -19,6 +19,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <ctime>
+#include <map>
+#include <mutex>
 
 namespace {
 
@@ -314,12 +317,38 @@ void ItemRecords::polishResults(QJsonArray &records, const QJsonObject &request)
 QStringList ItemRecords::getSubFolders(const QString &folder)
 {
     const QString base = folder.isEmpty() ? QStringLiteral("/") : folder;
-    QStringList folders;
-    // Every search answer carries this list: the entry types readdir gives spare a stat per child, which
-    // in a folder of thousands is most of the cost.
+    // Every search answer carries this list. The entry types readdir gives spare a stat per child, which
+    // in a folder of thousands is most of the cost; a folder unchanged since the last answer is not read
+    // again, as reading thousands of entries (perhaps from disk again) would cost more than the search.
+    // A folder changed in the last seconds is always read: a change within its clock tick would not show.
+    struct Listing
+    {
+        dev_t device;
+        ino_t inode;
+        timespec modified;
+        QStringList folders;
+    };
+    static std::mutex listingsLock;
+    static std::map<QString, Listing> listings; // guarded by listingsLock
+    constexpr std::size_t kListingsKept = 16;
     DIR *dir = opendir(QFile::encodeName(base).constData());
     if (!dir)
-        return folders;
+        return {};
+    struct stat folderInfo;
+    const bool settled =
+        fstat(dirfd(dir), &folderInfo) == 0 && std::time(nullptr) - folderInfo.st_mtim.tv_sec > 2;
+    if (settled) {
+        const std::lock_guard guard(listingsLock);
+        const auto found = listings.find(base);
+        if (found != listings.end() && found->second.device == folderInfo.st_dev &&
+            found->second.inode == folderInfo.st_ino &&
+            found->second.modified.tv_sec == folderInfo.st_mtim.tv_sec &&
+            found->second.modified.tv_nsec == folderInfo.st_mtim.tv_nsec) {
+            closedir(dir);
+            return found->second.folders;
+        }
+    }
+    QStringList folders;
     const QString prefix = base.endsWith(u'/') ? base : base + u'/';
     while (const dirent *entry = readdir(dir)) {
         if (entry->d_name[0] == '.')
@@ -337,5 +366,12 @@ QStringList ItemRecords::getSubFolders(const QString &folder)
             folders << path;
     }
     closedir(dir);
+    if (settled) {
+        const std::lock_guard guard(listingsLock);
+        if (listings.size() >= kListingsKept)
+            listings.clear();
+        listings.insert_or_assign(base,
+                                  Listing{folderInfo.st_dev, folderInfo.st_ino, folderInfo.st_mtim, folders});
+    }
     return folders;
 }

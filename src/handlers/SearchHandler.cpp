@@ -9,6 +9,8 @@
 
 #include <QDateTime>
 
+#include <mutex>
+
 void SearchHandler::handleSearchRequest(QJsonObject &request)
 {
     const QString searchDir = request.value(QStringLiteral("search_dir")).toString();
@@ -36,8 +38,22 @@ void SearchHandler::handleSearchRequest(QJsonObject &request)
     ItemRecords::polishResults(page, request);
     const QString storageFolder = request.value(QStringLiteral("vandrel_folder")).toString();
     request.insert(QStringLiteral("items"), page);
-    request.insert(QStringLiteral("sub_folders"),
-                   QJsonArray::fromStringList(ItemRecords::getSubFolders(searchDir)));
+    // A folder's list comes back shared while the folder is unchanged; its JSON form, which in a folder of
+    // thousands costs more than the search, is kept beside it.
+    static std::mutex subFoldersLock;
+    static QStringList lastSubFolders;    // guarded by subFoldersLock
+    static QJsonArray lastSubFoldersJson; // guarded by subFoldersLock
+    const QStringList subFolders = ItemRecords::getSubFolders(searchDir);
+    QJsonArray subFoldersJson;
+    {
+        const std::lock_guard guard(subFoldersLock);
+        if (!subFolders.isSharedWith(lastSubFolders)) {
+            lastSubFolders = subFolders;
+            lastSubFoldersJson = QJsonArray::fromStringList(subFolders);
+        }
+        subFoldersJson = lastSubFoldersJson;
+    }
+    request.insert(QStringLiteral("sub_folders"), subFoldersJson);
     request.insert(QStringLiteral("computer_name"), vd_SimpleUtils::computerName());
     request.insert(QStringLiteral("last_updated"), vd_FileUtils::JSONDate(QDateTime::currentDateTimeUtc()));
     // The WebApp knows computers by this wire value, whatever system they run.

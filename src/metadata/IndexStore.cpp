@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -92,21 +93,51 @@ namespace {
 
 // The index holds the names and words of the user's files: only the user may read it. The file is made
 // before SQLite opens it, as SQLite gives new files the umask's mode and its journals the database's.
+// Only a missing file is opened here: closing any descriptor of an open store drops this process's SQLite
+// locks on it, and another process closing its connection would then take the store for unused and
+// delete its write-ahead log under our feet.
 void keepPrivate(const QString &path)
 {
     ::chmod(QFile::encodeName(QFileInfo(path).absolutePath()).constData(), 0700);
     const QByteArray file = QFile::encodeName(path);
-    if (const int fd = ::open(file.constData(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600); fd >= 0)
+    if (const int fd = ::open(file.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+        fd >= 0)
         ::close(fd);
     for (const char *suffix : {"", "-wal", "-shm"})
         ::chmod((file + suffix).constData(), 0600);
 }
+
+// Held while a connection checks, creates or rebuilds the store. The agent and `vandrel status` may open a
+// new store at the same moment; without it one sees the other's half-made schema (or its lock) as
+// damage and deletes the file the other is writing.
+class OpeningLock
+{
+public:
+    explicit OpeningLock(const QString &storePath)
+        : m_fd(::open(QFile::encodeName(storePath + QStringLiteral(".lock")).constData(),
+                      O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600))
+    {
+        if (m_fd >= 0)
+            ::flock(m_fd, LOCK_EX);
+    }
+    ~OpeningLock()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    OpeningLock(const OpeningLock &) = delete;
+    OpeningLock &operator=(const OpeningLock &) = delete;
+
+private:
+    int m_fd;
+};
 
 } // namespace
 
 std::unique_ptr<IndexStore> IndexStore::open(const QString &path)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
+    const OpeningLock opening(path);
     for (int attempt = 0; attempt < 2; ++attempt) {
         keepPrivate(path);
         sqlite3 *db = openConnection(path);
