@@ -99,16 +99,6 @@ TEST(Sessions, ExpiryRemovesALinkNotWhatItPointsAtAndNoticesComeOnThePostingThre
     EXPECT_EQ(vd_Searcher::get_sessions(root, false), std::nullopt);
     EXPECT_TRUE(QFileInfo::exists(home.filePath(QStringLiteral("precious/keep.txt"))));
 
-    // A sessions folder that is itself a link holds no sessions, and expiry deletes nothing through it.
-    const QString other = home.filePath(QStringLiteral("other"));
-    home.writeFile(QStringLiteral("elsewhere/stale.json"), "{\"date\": 0}");
-    QDir().mkpath(other + QStringLiteral("/data.vdldata"));
-    ASSERT_TRUE(QFile::link(home.filePath(QStringLiteral("elsewhere")),
-                            other + QStringLiteral("/data.vdldata/sessions")));
-    EXPECT_EQ(vd_Searcher::get_sessions(other, false), std::nullopt);
-    vd_Searcher::eraseOldOSSessions(other, QDateTime::currentDateTimeUtc());
-    EXPECT_TRUE(QFileInfo::exists(home.filePath(QStringLiteral("elsewhere/stale.json"))));
-
     // A request's worker thread can be the one that finds the user back; observers hear it there.
     writeSession(home, QStringLiteral("s.json"), "{}");
     vd_Searcher::gLastSessionActive = 0;
