@@ -81,11 +81,6 @@ struct HandlerProbe
     bool released = false;
     int permits = 0;
     QList<QJsonObject> seen;
-
-    QString typeAt(qsizetype i) const
-    {
-        return seen.value(i).value(QStringLiteral("request_type")).toString();
-    }
 };
 
 } // namespace
@@ -101,7 +96,7 @@ TEST(Operation, ResolvesTheSessionInItsStorageRootAndDropsOrphans)
     vd_Searcher inDrive(record({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
     inDrive.main();
     ASSERT_EQ(probe.seen.size(), 1);
-    EXPECT_EQ(probe.typeAt(0), QStringLiteral("info"));
+    EXPECT_EQ(probe.seen[0].value(QStringLiteral("request_type")), QStringLiteral("info"));
     EXPECT_EQ(probe.seen.back().value(QStringLiteral("vandrel_folder")), roots.drive);
     EXPECT_EQ(inDrive.theRequest(), std::nullopt);
 
