@@ -1,8 +1,7 @@
 #include "app/desktop/DropboxNotice.h"
 #include "app/desktop/PreferencesWindow.h"
 #include "app/desktop/vd_AppDelegate.h"
-#include "common/LogCapture.h"
-#include "common/TempHome.h"
+#include "common/DropboxHome.h"
 #include "links/qlk_Schema.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
@@ -35,32 +34,22 @@ using namespace std::chrono_literals;
 // standing in for the installed agent.
 struct DesktopHome
 {
-    TempHome home;
-    QString dropboxRoot = home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
+    DropboxHome home;
+    QString dropboxRoot = home.root();
     QString driveRoot = home.filePath(QStringLiteral("GDrive/Apps/vandrel"));
     QString program = home.filePath(QStringLiteral("bin/vandrel"));
     QList<QUrl> opened;
 
-    QByteArray savedDataDirs = qgetenv("XDG_DATA_DIRS");
-
     DesktopHome()
     {
-        qputenv("VANDREL_KEYCHAIN", "file");
         // The system's applications folders, as far as the agent can tell.
-        qputenv("XDG_DATA_DIRS", QFile::encodeName(home.filePath(QStringLiteral("system"))));
-        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
+        home.setEnvironment("XDG_DATA_DIRS", QFile::encodeName(home.filePath(QStringLiteral("system"))));
         home.writeFile(
             QStringLiteral(".dropbox/info.json"),
             QStringLiteral("{\"personal\": {\"path\": \"%1/Dropbox\"}}").arg(home.path()).toUtf8());
         QDir(home.path()).mkpath(QStringLiteral("GDrive"));
         QDir(home.path()).mkpath(QStringLiteral("bin"));
         QFile::copy(QStringLiteral("/bin/true"), program);
-        vd_FileUtils::resetVandrelFolderCache();
-    }
-    ~DesktopHome()
-    {
-        qunsetenv("VANDREL_KEYCHAIN");
-        qputenv("XDG_DATA_DIRS", savedDataDirs);
     }
 
     vd_AppDelegate::Options options()
@@ -105,7 +94,6 @@ QAction *action(QMenu *menu, const QString &text)
 TEST(DesktopFace, StartsInTheWindowWithoutATrayShowsTheStatusAndTakesDroppedFiles)
 {
     DesktopHome desktop;
-    LogCapture log;
     vd_AppDelegate delegate(nullptr, desktop.options());
     bool finished = false;
     QObject::connect(&delegate, &vd_AppDelegate::launchFinished, [&] { finished = true; });
@@ -115,7 +103,6 @@ TEST(DesktopFace, StartsInTheWindowWithoutATrayShowsTheStatusAndTakesDroppedFile
     ASSERT_FALSE(QSystemTrayIcon::isSystemTrayAvailable()); // the offscreen platform has no tray
     EXPECT_FALSE(delegate.inTray());
     EXPECT_TRUE(delegate.window()->isVisible());
-    EXPECT_TRUE(log.lines.join(u'\n').contains(QStringLiteral("no system tray is available")));
     // Choosing the tray where there is none keeps the window, and remembers the choice.
     delegate.runInMenubar();
     EXPECT_TRUE(delegate.window()->isVisible());
@@ -179,7 +166,7 @@ TEST(DesktopFace, StartsInTheWindowWithoutATrayShowsTheStatusAndTakesDroppedFile
 
     // Files dropped on the window become links on the clipboard, in drop order, vanished ones left out.
     const QString base = QStringLiteral("https://links.example/l");
-    qputenv("VANDREL_LINK_SERVICE_URL", base.toUtf8());
+    desktop.home.setEnvironment("VANDREL_LINK_SERVICE_URL", base.toUtf8());
     const QString first = desktop.home.writeFile(QStringLiteral("Docs/first file.txt"), "one");
     const QString gone = desktop.home.filePath(QStringLiteral("Docs/gone.txt"));
     const QString folder = desktop.home.filePath(QStringLiteral("Docs"));
@@ -204,7 +191,6 @@ TEST(DesktopFace, StartsInTheWindowWithoutATrayShowsTheStatusAndTakesDroppedFile
     EXPECT_EQ(QGuiApplication::clipboard()->text(), QStringLiteral("kept"))
         << "only a vanished file: untouched";
     EXPECT_FALSE(drop({QUrl(QStringLiteral("https://example.org/page"))})) << "only local files are taken";
-    qunsetenv("VANDREL_LINK_SERVICE_URL");
 }
 
 TEST(DesktopFace, PreferencesTwiceLeaveOneFreshWindowAndEverySaveRewritesTheInfoFiles)

@@ -49,7 +49,7 @@ TEST(Screenshots, TrayMenuAndPreferencesWindowOnAnXServer)
     if (QGuiApplication::platformName() != u"xcb")
         GTEST_SKIP() << "needs an X server: ctest runs this under xvfb-run";
     TempHome home;
-    qputenv("VANDREL_KEYCHAIN", "file");
+    home.setEnvironment("VANDREL_KEYCHAIN", "file");
     LifecycleTimes times;
     times.dropboxCheck = std::chrono::hours(1);
     const QString program = home.filePath(QStringLiteral("vandrel"));
@@ -97,5 +97,4 @@ TEST(Screenshots, TrayMenuAndPreferencesWindowOnAnXServer)
     painter.end();
     save(icons, QStringLiteral("status-icons.png"));
     EXPECT_NE(icons.pixel(14, 55), icons.pixel(86, 55)); // the folders of colour and grey differ
-    qunsetenv("VANDREL_KEYCHAIN");
 }

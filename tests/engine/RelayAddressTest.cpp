@@ -1,11 +1,9 @@
 #include "engine/RelayAddress.h"
 
+#include "common/DropboxHome.h"
 #include "common/LogCapture.h"
-#include "common/TempHome.h"
 #include "common/TestHttpServer.h"
 #include "engine/vd_Searcher.h"
-
-#include <QDateTime>
 
 #include <gtest/gtest.h>
 
@@ -26,25 +24,19 @@ TEST(RelayAddress, PlainHttpOnlyToThisMachine)
 // An agent given a plain-http address off this machine says so and sends nothing; on loopback it polls.
 TEST(RelayAddress, AgentRefusesToPollPlainHttpElsewhere)
 {
-    TempHome home;
-    const QString root = home.filePath(QStringLiteral("Sync/Apps/vandrel"));
-    home.writeFile(QStringLiteral("Sync/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
-    home.writeFile(QStringLiteral("Sync/Apps/vandrel/data.vdldata/sessions/page.json"),
-                   QByteArray::number(QDateTime::currentSecsSinceEpoch()).prepend("{\"date\": ").append("}"));
-    qputenv("VANDREL_CLOUD_FOLDERS", home.filePath(QStringLiteral("Sync")).toUtf8());
+    DropboxHome home;
+    home.addSession(QStringLiteral("page"));
     TestHttpServer relay;
     {
         LogCapture log;
         // A documentation address: refused before any connection is tried.
-        qputenv("VANDREL_RELAY_URL", "http://192.0.2.10:8780");
-        vd_Searcher::postResultAndGetMoreRequests(std::nullopt, root, std::nullopt);
+        home.setEnvironment("VANDREL_RELAY_URL", "http://192.0.2.10:8780");
+        vd_Searcher::postResultAndGetMoreRequests(std::nullopt, home.root(), std::nullopt);
         EXPECT_TRUE(log.lines.filter(QStringLiteral("refused")).filter(QStringLiteral("https")).size() == 1)
             << log.lines.join(u'\n').toStdString();
     }
-    qputenv("VANDREL_RELAY_URL", relay.url().toString().toUtf8());
-    vd_Searcher::postResultAndGetMoreRequests(std::nullopt, root, std::nullopt);
+    home.setEnvironment("VANDREL_RELAY_URL", relay.url().toString().toUtf8());
+    vd_Searcher::postResultAndGetMoreRequests(std::nullopt, home.root(), std::nullopt);
     EXPECT_TRUE(relay.waitForRequests(1));
     EXPECT_EQ(relay.requests().value(0).path, QByteArray("/result"));
-    qunsetenv("VANDREL_RELAY_URL");
-    qunsetenv("VANDREL_CLOUD_FOLDERS");
 }

@@ -88,20 +88,15 @@ TEST(RelayForm, EncryptedResultsCarryOnlyCiphertextAndTheHints)
 TEST(RelayForm, RequestDeadlineIsSixtySecondsUnlessConfigured)
 {
     TempHome home;
-    qunsetenv("VANDREL_RELAY_TIMEOUT");
+    home.setEnvironment("VANDREL_RELAY_URL", "http://127.0.0.1:9//");
+    EXPECT_EQ(vd_Searcher::relayBaseURL(), QStringLiteral("http://127.0.0.1:9"));
     EXPECT_EQ(vd_Searcher::relayDeadlineMs(), 60000);
-    qputenv("VANDREL_RELAY_TIMEOUT", "2.5");
-    EXPECT_EQ(vd_Searcher::relayDeadlineMs(), 2500);
-    for (const char *nonsense : {"0", "-3", "soon", ""}) {
-        qputenv("VANDREL_RELAY_TIMEOUT", nonsense);
-        EXPECT_EQ(vd_Searcher::relayDeadlineMs(), 60000) << nonsense;
+    for (const auto &[text, milliseconds] :
+         {std::pair{"2.5", 2500}, {"0", 60000}, {"-3", 60000}, {"soon", 60000}, {"", 60000}}) {
+        home.setEnvironment("VANDREL_RELAY_TIMEOUT", text);
+        EXPECT_EQ(vd_Searcher::relayDeadlineMs(), milliseconds) << text;
     }
     qunsetenv("VANDREL_RELAY_TIMEOUT");
     UserDefaults::setValue(SettingsKeys::RelayRequestTimeout, 5);
     EXPECT_EQ(vd_Searcher::relayDeadlineMs(), 5000);
-
-    qputenv("VANDREL_RELAY_URL", "http://127.0.0.1:9//");
-    EXPECT_EQ(vd_Searcher::relayBaseURL(), QStringLiteral("http://127.0.0.1:9"));
-    qunsetenv("VANDREL_RELAY_URL");
-    EXPECT_EQ(vd_Searcher::relayBaseURL(), QString());
 }

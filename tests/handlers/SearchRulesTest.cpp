@@ -161,9 +161,7 @@ TEST(SearchRules, SearchPagesBundlesCachesAndPhotoLibraries)
     for (int page = 0; page < 3; ++page) {
         const QJsonObject result = search(
             {{QStringLiteral("name_search"), QStringLiteral("page")}, {QStringLiteral("result_page"), page}});
-        EXPECT_EQ(result[QStringLiteral("total_item_count")].toInt(), 100);
         EXPECT_EQ(result[QStringLiteral("num_pages")].toInt(), 3);
-        EXPECT_EQ(result[QStringLiteral("page_size")].toInt(), 40);
         const QJsonArray items = result[QStringLiteral("items")].toArray();
         EXPECT_EQ(items.size(), page < 2 ? 40 : 20);
         for (const QJsonValue &item : items) {

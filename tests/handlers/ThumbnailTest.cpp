@@ -208,9 +208,6 @@ TEST(Thumbnail, RequestsFillThumbAndPreviewAndRawBytes)
     QJsonObject computer{{QStringLiteral("path"), QStringLiteral(".0.128.128.png")}};
     ThumbnailHandler::handleThumbRequest(computer, &raw);
     EXPECT_TRUE(raw.startsWith("\x89PNG"));
-    QJsonObject root{{QStringLiteral("path"), QStringLiteral("/.1384567890.64.64.png")}};
-    ThumbnailHandler::handleThumbRequest(root, &raw);
-    EXPECT_TRUE(root.contains(QStringLiteral("thumb")));
 
     QJsonObject preview{{QStringLiteral("path"), jpeg + QStringLiteral(".jpg")}};
     ThumbnailHandler::handlePreviewRequest(preview, &raw);

@@ -1,4 +1,4 @@
-#include "common/TempHome.h"
+#include "common/DropboxHome.h"
 #include "handlers/TransferHandler.h"
 #include "utils/vd_FileUtils.h"
 
@@ -10,16 +10,11 @@
 
 namespace {
 
-struct DropboxHome
+struct TransferHome : DropboxHome
 {
-    DropboxHome()
-    {
-        home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
-        root = home.filePath(QStringLiteral("Dropbox/Apps/vandrel"));
-    }
     QJsonObject request(const QString &path, const QString &destination = QString()) const
     {
-        QJsonObject record{{QStringLiteral("path"), path}, {QStringLiteral("vandrel_folder"), root}};
+        QJsonObject record{{QStringLiteral("path"), path}, {QStringLiteral("vandrel_folder"), root()}};
         if (!destination.isNull())
             record.insert(QStringLiteral("dest_path"), destination);
         return record;
@@ -29,58 +24,52 @@ struct DropboxHome
         QFile file(path);
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
     }
-    TempHome home;
-    QString root;
 };
 
 } // namespace
 
 TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
 {
-    DropboxHome box;
-    const QString source = box.home.writeFile(QStringLiteral("Documents/a.txt"), "first");
+    TransferHome box;
+    const QString source = box.writeFile(QStringLiteral("Documents/a.txt"), "first");
     QJsonObject copy = box.request(source);
     TransferHandler::handleCopyToDropboxRequest(copy);
     const QString month = vd_FileUtils::getFileByDatePath(QStringLiteral("/uploads"));
     EXPECT_EQ(copy.value(QStringLiteral("message")).toString(), QStringLiteral("Copied to Dropbox"));
     EXPECT_EQ(copy.value(QStringLiteral("matching_path")).toString(),
-              box.root + month + QStringLiteral("/a.txt"));
+              box.root() + month + QStringLiteral("/a.txt"));
     EXPECT_EQ(copy.value(QStringLiteral("matching_path_clipped")).toString(),
               month + QStringLiteral("/a.txt"));
     EXPECT_FALSE(copy.contains(QStringLiteral("error")));
 
-    // Unchanged: nothing new, still a success. Changed: the old copy is kept as "a V1.txt".
-    QJsonObject again = box.request(source);
-    TransferHandler::handleCopyToDropboxRequest(again);
-    EXPECT_EQ(again.value(QStringLiteral("message")).toString(), QStringLiteral("Copied to Dropbox"));
-    const QDir uploads(box.root + month);
-    EXPECT_EQ(uploads.entryList(QDir::Files), QStringList({QStringLiteral("a.txt")}));
-    box.home.writeFile(QStringLiteral("Documents/a.txt"), "second");
+    // Changed: the old copy is kept as "a V1.txt".
+    const QDir uploads(box.root() + month);
+    box.writeFile(QStringLiteral("Documents/a.txt"), "second");
     QJsonObject changed = box.request(source);
     TransferHandler::handleCopyToDropboxRequest(changed);
     EXPECT_EQ(box.read(uploads.filePath(QStringLiteral("a.txt"))), QByteArray("second"));
     EXPECT_EQ(box.read(uploads.filePath(QStringLiteral("a V1.txt"))), QByteArray("first"));
 
     // A folder comes with its contents, and a link inside it stays a link to the same target.
-    box.home.writeFile(QStringLiteral("Project/src/main.c"), "int main;");
-    QFile::link(QStringLiteral("/etc/hostname"), box.home.filePath(QStringLiteral("Project/host")));
+    box.writeFile(QStringLiteral("Project/src/main.c"), "int main;");
+    QFile::link(QStringLiteral("/etc/hostname"), box.filePath(QStringLiteral("Project/host")));
     QJsonObject folder =
-        box.request(box.home.filePath(QStringLiteral("Project/")), box.home.filePath(QStringLiteral("Out")));
-    QDir(box.home.path()).mkpath(QStringLiteral("Out"));
+        box.request(box.filePath(QStringLiteral("Project/")), box.filePath(QStringLiteral("Out")));
+    QDir(box.path()).mkpath(QStringLiteral("Out"));
     TransferHandler::handleCopyToDropboxRequest(folder);
-    EXPECT_EQ(box.read(box.home.filePath(QStringLiteral("Out/Project/src/main.c"))), QByteArray("int main;"));
-    EXPECT_EQ(QFileInfo(box.home.filePath(QStringLiteral("Out/Project/host"))).symLinkTarget(),
+    EXPECT_EQ(box.read(box.filePath(QStringLiteral("Out/Project/src/main.c"))), QByteArray("int main;"));
+    EXPECT_EQ(QFileInfo(box.filePath(QStringLiteral("Out/Project/host"))).symLinkTarget(),
               QStringLiteral("/etc/hostname"));
     EXPECT_EQ(folder.value(QStringLiteral("matching_path_clipped")).toString(),
-              box.home.filePath(QStringLiteral("Out/Project")));
+              box.filePath(QStringLiteral("Out/Project")));
 
     // Clipping drops as many characters as the StorageRoot has, wherever in the path it first occurs.
-    const QString nested = box.home.filePath(QStringLiteral("Out")) + box.root;
+    const QString nested = box.filePath(QStringLiteral("Out")) + box.root();
     QDir().mkpath(nested);
     QJsonObject deeper = box.request(source, nested);
     TransferHandler::handleCopyToDropboxRequest(deeper);
     EXPECT_EQ(deeper.value(QStringLiteral("matching_path_clipped")).toString(),
-              (nested + QStringLiteral("/a.txt")).mid(box.root.size()));
+              (nested + QStringLiteral("/a.txt")).mid(box.root().size()));
 
     // With neither a StorageRoot nor a destination there is nowhere to copy to: never the top folder.
     QJsonObject nowhere{{QStringLiteral("path"), source}};
@@ -89,7 +78,7 @@ TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
               QStringLiteral("Not copied, error was no destination folder"));
     EXPECT_FALSE(QFile::exists(QStringLiteral("/a.txt")));
 
-    QJsonObject missing = box.request(box.home.filePath(QStringLiteral("nothing.txt")));
+    QJsonObject missing = box.request(box.filePath(QStringLiteral("nothing.txt")));
     TransferHandler::handleCopyToDropboxRequest(missing);
     EXPECT_TRUE(missing.value(QStringLiteral("error"))
                     .toString()
@@ -97,14 +86,14 @@ TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
     EXPECT_FALSE(missing.contains(QStringLiteral("message")));
 }
 
-TEST(TransferRequest, MovesOutOfDropboxNeverReplaceAndRefuseProtectedFolders)
+TEST(TransferRequest, MovesOutOfDropboxNeverReplaceAndKeepTheSourceOnFailure)
 {
-    DropboxHome box;
+    TransferHome box;
     const QString inUploads =
-        box.home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/uploads/2014/3/a.txt"), "payload");
-    const QString target = box.home.filePath(QStringLiteral("Target"));
-    box.home.writeFile(QStringLiteral("Target/a.txt"), "existing");
-    box.home.writeFile(QStringLiteral("Target/a (1).txt"), "existing 1");
+        box.writeFile(QStringLiteral("Dropbox/Apps/vandrel/uploads/2014/3/a.txt"), "payload");
+    const QString target = box.filePath(QStringLiteral("Target"));
+    box.writeFile(QStringLiteral("Target/a.txt"), "existing");
+    box.writeFile(QStringLiteral("Target/a (1).txt"), "existing 1");
     QJsonObject move = box.request(inUploads, target);
     TransferHandler::handleMoveFromDropboxRequest(move);
     EXPECT_EQ(move.value(QStringLiteral("message")).toString(), QStringLiteral("Moved out of Dropbox"));
@@ -112,30 +101,45 @@ TEST(TransferRequest, MovesOutOfDropboxNeverReplaceAndRefuseProtectedFolders)
     EXPECT_EQ(box.read(target + QStringLiteral("/a.txt")), QByteArray("existing"));
     EXPECT_FALSE(QFile::exists(inUploads));
 
-    const QString photo = box.home.writeFile(QStringLiteral("Dropbox/Photos/p.jpg"), "jpeg");
+    const QString photo = box.writeFile(QStringLiteral("Dropbox/Photos/p.jpg"), "jpeg");
     QJsonObject toDownloads = box.request(photo);
     TransferHandler::handleMoveFromDropboxRequest(toDownloads);
     EXPECT_EQ(box.read(vd_FileUtils::getDefaultMoveFromFolder() + QStringLiteral("/p.jpg")),
               QByteArray("jpeg"));
 
-    QJsonObject refused = box.request(box.home.filePath(QStringLiteral("Dropbox/Photos")));
-    TransferHandler::handleMoveFromDropboxRequest(refused);
-    EXPECT_EQ(refused.value(QStringLiteral("error")).toString(),
-              box.home.filePath(QStringLiteral("Dropbox/Photos")) +
-                  QStringLiteral(" is a required folder in Dropbox, try removing items inside this folder."));
-    EXPECT_TRUE(QFileInfo(box.home.filePath(QStringLiteral("Dropbox/Photos"))).isDir());
-
-    const QString outside = box.home.writeFile(QStringLiteral("Documents/b.txt"), "b");
-    QJsonObject notDropbox = box.request(outside);
-    TransferHandler::handleMoveFromDropboxRequest(notDropbox);
-    EXPECT_EQ(notDropbox.value(QStringLiteral("error")).toString(),
-              outside + QStringLiteral(" is not in your Dropbox folder"));
-
-    QJsonObject noFolder = box.request(box.home.writeFile(QStringLiteral("Dropbox/c.txt"), "c"),
-                                       box.home.filePath(QStringLiteral("nowhere")));
+    QJsonObject noFolder = box.request(box.writeFile(QStringLiteral("Dropbox/c.txt"), "c"),
+                                       box.filePath(QStringLiteral("nowhere")));
     TransferHandler::handleMoveFromDropboxRequest(noFolder);
     EXPECT_TRUE(noFolder.value(QStringLiteral("error"))
                     .toString()
                     .startsWith(QStringLiteral("Not removed from Dropbox, error was ")));
-    EXPECT_TRUE(QFile::exists(box.home.filePath(QStringLiteral("Dropbox/c.txt"))));
+    EXPECT_TRUE(QFile::exists(box.filePath(QStringLiteral("Dropbox/c.txt"))));
+}
+
+// A move out of a cloud folder's StorageRoot is checked against that cloud folder as against a Dropbox
+// folder: an upload may leave, a file outside the cloud folder or one the agent needs may not be taken.
+TEST(TransferRequest, CloudFolderUploadsLeaveAndOutsideFilesStay)
+{
+    TempHome home;
+    home.setEnvironment("VANDREL_CLOUD_FOLDERS", QFile::encodeName(home.filePath(QStringLiteral("Sync"))));
+    const QString root = home.filePath(QStringLiteral("Sync/Apps/vandrel"));
+    home.writeFile(QStringLiteral("Sync/Apps/vandrel/data.vdldata/sessions_are_here.json"), "{}");
+    const QString upload =
+        home.writeFile(QStringLiteral("Sync/Apps/vandrel/uploads/2026/11/report.txt"), "report");
+    const QString outside = home.writeFile(QStringLiteral("Documents/private.txt"), "private");
+    const QString required =
+        home.writeFile(QStringLiteral("Sync/Apps/vandrel/data.vdldata/computers/x.json"), "{}");
+    const QString target = home.filePath(QStringLiteral("Target"));
+    QDir().mkpath(target);
+
+    for (const QString &path : {upload, outside, required}) {
+        QJsonObject request{{QStringLiteral("path"), path},
+                            {QStringLiteral("dest_path"), target},
+                            {QStringLiteral("vandrel_folder"), root}};
+        TransferHandler::handleMoveFromDropboxRequest(request);
+        EXPECT_EQ(request.contains(QStringLiteral("error")), path != upload) << path.toStdString();
+    }
+    EXPECT_EQ(QDir(target).entryList(QDir::Files), QStringList{QStringLiteral("report.txt")});
+    EXPECT_FALSE(QFileInfo::exists(upload));
+    EXPECT_TRUE(QFileInfo::exists(outside) && QFileInfo::exists(required));
 }

@@ -127,11 +127,6 @@ TEST(RelayBrowser, SessionFilesAndMarkerFollowThePage)
     const QString third = other->openSession();
     EXPECT_EQ(other->post("/api/logout", {}).status, 200);
     EXPECT_FALSE(QFileInfo::exists(sessions + third + QStringLiteral(".json")));
-
-    // Stopping the relay removes what is left, so agents stop polling.
-    const QString last = browser->openSession();
-    relay.stop();
-    EXPECT_FALSE(QFileInfo::exists(sessions + last + QStringLiteral(".json")));
 }
 
 TEST(RelayBrowser, ComputersFromInfoFiles)

@@ -33,9 +33,6 @@ QByteArray randomBytes(qsizetype size, quint32 seed)
 TEST(Encodings, UrlSafeBase64EncodesWithPaddingAndUrlAlphabet)
 {
     EXPECT_EQ(base64Encoding_URL_SAFE(QByteArray("\xfb\xff", 2)), QStringLiteral("-_8="));
-    EXPECT_EQ(base64Encoding_URL_SAFE(QByteArray(1, '\0')), QStringLiteral("AA=="));
-    EXPECT_EQ(base64Encoding_URL_SAFE(QByteArray()), QString());
-    EXPECT_EQ(base64Encoding_URL_SAFE("Man"), QStringLiteral("TWFu"));
 
     for (int size = 0; size < 70; ++size) {
         const QByteArray bytes = randomBytes(size, quint32(size));

@@ -16,7 +16,7 @@ namespace {
 // ctest runs each case in its own process, and the store is chosen once per process: the file store here.
 struct FileKeychain
 {
-    FileKeychain() { qputenv("VANDREL_KEYCHAIN", "file"); }
+    FileKeychain() { home.setEnvironment("VANDREL_KEYCHAIN", "file"); }
     TempHome home;
 };
 
@@ -98,8 +98,9 @@ TEST(Keychain, UnreadableItemsAreReplacedAndFailedWritesKeepTheirQuirk)
     EXPECT_EQ(error->domain, QStringLiteral("SFHFKeychainUtilsErrorDomain"));
 
     // A store that cannot be written: the add fails, and only a caller without an error slot hears "true".
-    qputenv("XDG_DATA_HOME",
-            QFile::encodeName(keychain.home.writeFile(QStringLiteral("blocker"), "file") + "/data"));
+    keychain.home.setEnvironment(
+        "XDG_DATA_HOME",
+        QFile::encodeName(keychain.home.writeFile(QStringLiteral("blocker"), "file") + "/data"));
     EXPECT_FALSE(
         SFHFKeychainUtils::storeUsername(QStringLiteral("n"), QStringLiteral("v"), service, true, &error));
     EXPECT_EQ(error->code, int(SecretStore::StoreFailed));
