@@ -5,6 +5,7 @@
 //    until the result's POST has fully arrived at the relay.
 //  - the same for a thumbnail and a preview of a 24 MP JPEG, cold (no cached picture) and from the cache.
 // Usage: bench_engine [ROUNDS]   (default 200)
+#include "LoopbackRelay.h"
 #include "app/RequestHandlerRegistry.h"
 #include "engine/vd_Searcher.h"
 #include "utils/vd_SimpleUtils.h"
@@ -17,15 +18,9 @@
 #include <QTemporaryDir>
 #include <QTextStream>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <thread>
 #include <vips/vips8>
 
 namespace {
@@ -45,82 +40,6 @@ void writeFile(const QString &path, const QByteArray &content)
     if (file.open(QIODevice::WriteOnly))
         file.write(content);
 }
-
-// Accepts connections and answers each POST with an empty request list; counts the posts that carry a
-// "result" field, each counted once its whole body has arrived.
-class MiniRelay
-{
-public:
-    MiniRelay()
-    {
-        m_listener = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(m_listener, reinterpret_cast<sockaddr *>(&address), sizeof address);
-        ::listen(m_listener, 64);
-        socklen_t length = sizeof address;
-        ::getsockname(m_listener, reinterpret_cast<sockaddr *>(&address), &length);
-        m_port = ntohs(address.sin_port);
-        m_acceptor = std::thread([this] { acceptLoop(); });
-    }
-    ~MiniRelay()
-    {
-        ::shutdown(m_listener, SHUT_RDWR);
-        ::close(m_listener);
-        m_acceptor.join();
-        for (std::thread &thread : m_connections)
-            thread.join();
-    }
-    int port() const { return m_port; }
-    int results() const { return m_results.load(); }
-
-private:
-    void acceptLoop()
-    {
-        for (;;) {
-            const int fd = ::accept(m_listener, nullptr, nullptr);
-            if (fd < 0)
-                return;
-            m_connections.emplace_back([this, fd] { serve(fd); });
-        }
-    }
-    void serve(int fd)
-    {
-        QByteArray buffer;
-        char chunk[65536];
-        for (;;) {
-            const qsizetype headEnd = buffer.indexOf("\r\n\r\n");
-            if (headEnd >= 0) {
-                const QByteArray head = buffer.left(headEnd).toLower();
-                const qsizetype at = head.indexOf("content-length:");
-                const qsizetype length =
-                    at < 0 ? 0 : head.mid(at + 15).split('\r').first().trimmed().toLongLong();
-                if (buffer.size() >= headEnd + 4 + length) {
-                    if (buffer.mid(headEnd + 4, length).contains("result="))
-                        m_results.fetch_add(1);
-                    buffer.remove(0, headEnd + 4 + length);
-                    static const QByteArray reply = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
-                                                    "Content-Length: 15\r\n\r\n{\"requests\":[]}";
-                    if (::write(fd, reply.constData(), size_t(reply.size())) < 0)
-                        break;
-                    continue;
-                }
-            }
-            const ssize_t got = ::read(fd, chunk, sizeof chunk);
-            if (got <= 0)
-                break;
-            buffer.append(chunk, got);
-        }
-        ::close(fd);
-    }
-
-    int m_listener = -1;
-    int m_port = 0;
-    std::atomic<int> m_results{0};
-    std::thread m_acceptor;
-    std::vector<std::thread> m_connections;
-};
 
 } // namespace
 
@@ -150,7 +69,8 @@ int main(int argc, char **argv)
     out << "idle tick, two StorageRoots: " << (cpuSeconds() - idleStart) / ticks * 1e6 << " us CPU, "
         << double(idleClock.nsecsElapsed()) / ticks / 1000 << " us wall per tick (" << ticks << " ticks)\n";
 
-    MiniRelay relay;
+    LoopbackRelay relay("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
+                        "Content-Length: 15\r\n\r\n{\"requests\":[]}");
     qputenv("VANDREL_RELAY_URL", QStringLiteral("http://127.0.0.1:%1").arg(relay.port()).toUtf8());
     writeFile(box + QStringLiteral("/data.vdldata/sessions/s1.json"), "{}");
     // With the password's hash, so that the request is answered rather than refused unanswered.
