@@ -3,20 +3,29 @@
 #include "links/LinkResolver.h"
 #include "metadata/MetadataIndex.h"
 
-#include <QCoreApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
+#include <QMap>
+#include <QTest>
 #include <QThread>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <map>
+using namespace Qt::StringLiterals;
 
 namespace {
 
-const QString kService = QStringLiteral("https://links.example.test/l");
+const QString kService = u"https://links.example.test/l"_s;
+
+MetadataConfig indexOver(const TempHome &home)
+{
+    MetadataConfig config;
+    config.roots = {home.filePath(u"tree"_s)};
+    config.storePath = home.filePath(u".cache/vandrel/index.db"_s);
+    config.lowPriority = false; // a busy shared machine might starve a low-priority thread
+    config.extract = false;
+    return config;
+}
 
 // A running metadata index over a temporary tree, and a resolver whose reveals are recorded.
 class LinkResolutionTest : public ::testing::Test
@@ -24,36 +33,23 @@ class LinkResolutionTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        QDir().mkpath(tree());
-        MetadataConfig config;
-        config.roots = {tree()};
-        config.storePath = m_home.filePath(QStringLiteral(".cache/vandrel/index.db"));
-        config.lowPriority = false; // a busy shared machine might starve a low-priority thread
-        config.extract = false;
-        m_index = std::make_unique<MetadataIndex>(config);
-        m_index->start();
-        ASSERT_TRUE(m_index->waitUntilIdle(60000));
-        m_resolver =
-            std::make_unique<LinkResolver>(*m_index, [this](const QString &path) { m_revealed << path; });
-        QObject::connect(m_resolver.get(), &LinkResolver::resolved,
+        QDir().mkpath(at({}));
+        m_index.start();
+        ASSERT_TRUE(m_index.waitUntilIdle(60000));
+        QObject::connect(&m_resolver, &LinkResolver::resolved,
                          [this](const QUrl &url, const QString &path, qint64) { m_resolved[url] = path; });
     }
 
-    void TearDown() override
-    {
-        m_resolver.reset();
-        m_index->stop();
-    }
-
-    QString tree() const { return m_home.filePath(QStringLiteral("tree")); }
+    QString at(const QString &relative) const { return m_home.filePath(u"tree/"_s + relative); }
     QString write(const QString &relative, const QByteArray &content) const
     {
-        return m_home.writeFile(QStringLiteral("tree/") + relative, content);
+        return m_home.writeFile(u"tree/"_s + relative, content);
     }
-    static void move(const QString &from, const QString &to)
+    QString move(const QString &from, const QString &to) const
     {
-        QDir().mkpath(QFileInfo(to).absolutePath());
-        ASSERT_TRUE(QFile::rename(from, to));
+        QDir().mkpath(QFileInfo(at(to)).absolutePath());
+        EXPECT_TRUE(QFile::rename(at(from), at(to)));
+        return at(to);
     }
 
     static QUrl linkFor(const QString &path)
@@ -62,103 +58,80 @@ protected:
         return link ? qlk_Schema::schemeUrlForServiceLink(*link, kService).value_or(QUrl()) : QUrl();
     }
 
-    // Waits until the index knows `count` items named `name` (it watches the tree on its own thread).
+    // Waits until the index, which watches the tree on its own thread, knows `count` items named `name`.
     bool indexed(const QString &name, qsizetype count) const
     {
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < 30000) {
-            if (m_index->query(qlk_Schema::currentQueryString(name)).paths.size() == count)
-                return true;
-            QThread::msleep(20);
-        }
-        return false;
+        return QTest::qWaitFor(
+            [&] { return m_index.query(qlk_Schema::currentQueryString(name)).paths.size() == count; }, 30000);
     }
 
-    // Resolves the links at once and waits for every reveal; the paths revealed, "" for nothing found.
+    // Resolves the links at once and waits for every answer; the paths revealed, "" for nothing found.
     QStringList resolve(const QList<QUrl> &links)
     {
         m_resolved.clear();
         for (const QUrl &link : links)
-            m_resolver->findURL(link);
-        QElapsedTimer timer;
-        timer.start();
-        while (m_resolved.size() < size_t(links.size()) && timer.elapsed() < 60000) {
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-            QThread::msleep(2);
-        }
+            m_resolver.findURL(link);
+        EXPECT_TRUE(QTest::qWaitFor([&] { return m_resolved.size() == links.size(); }, 60000));
         QStringList paths;
         for (const QUrl &link : links)
-            paths << (m_resolved.count(link) ? m_resolved[link] : QStringLiteral("<no answer>"));
+            paths << m_resolved.value(link);
         return paths;
     }
 
     TempHome m_home;
-    std::unique_ptr<MetadataIndex> m_index;
-    std::unique_ptr<LinkResolver> m_resolver;
     QStringList m_revealed;
-    std::map<QUrl, QString> m_resolved;
+    QMap<QUrl, QString> m_resolved;
+    MetadataIndex m_index{indexOver(m_home)};
+    // Last, so it goes first: it waits for its resolutions while what they record still exists.
+    LinkResolver m_resolver{m_index, [this](const QString &path) { m_revealed << path; }};
 };
-
-std::vector<int> scores(const std::vector<LinkCandidate> &candidates)
-{
-    std::vector<int> result;
-    for (const LinkCandidate &candidate : candidates)
-        result.push_back(candidate.score);
-    return result;
-}
 
 } // namespace
 
 TEST_F(LinkResolutionTest, MovedItemsWinOverNewerSameNamedDecoysResolvedAtOnce)
 {
-    const QString original = write(QStringLiteral("Users/ann/Documents/report.txt"), "quarterly figures");
-    write(QStringLiteral("Work/Box/a"), "1");
-    write(QStringLiteral("Work/Box/b"), "2");
-    const QUrl link = linkFor(original);
-    const QUrl folderLink = linkFor(tree() + QStringLiteral("/Work/Box"));
-    const QString moved = tree() + QStringLiteral("/Archive/2026/report.txt");
-    const QString movedBox = tree() + QStringLiteral("/Old/Stuff/Box");
-    move(original, moved);
-    move(tree() + QStringLiteral("/Work/Box"), movedBox);
+    const QUrl link = linkFor(write(u"Users/ann/Documents/report.txt"_s, "quarterly figures"));
+    write(u"Work/Box/a"_s, "1");
+    write(u"Work/Box/b"_s, "2");
+    const QUrl folderLink = linkFor(at(u"Work/Box"_s));
+    const QString moved = move(u"Users/ann/Documents/report.txt"_s, u"Archive/2026/report.txt"_s);
+    const QString movedBox = move(u"Work/Box"_s, u"Old/Stuff/Box"_s);
     // Decoys made after the moves are newer, so the index lists them first.
     QThread::msleep(1100);
-    write(QStringLiteral("Users/ann/Documents/report.txt"), "short");
-    write(QStringLiteral("Users/ann/Other/report.txt"), "quarterly FIGURES");
-    QDir().mkpath(tree() + QStringLiteral("/Work/Box"));
-    ASSERT_TRUE(indexed(QStringLiteral("report.txt"), 3));
-    ASSERT_TRUE(indexed(QStringLiteral("Box"), 2));
+    write(u"Users/ann/Documents/report.txt"_s, "short");
+    write(u"Users/ann/Other/report.txt"_s, "quarterly FIGURES");
+    QDir().mkpath(at(u"Work/Box"_s));
+    ASSERT_TRUE(indexed(u"report.txt"_s, 3));
+    ASSERT_TRUE(indexed(u"Box"_s, 2));
 
-    const std::vector<LinkCandidate> candidates =
-        m_resolver->searchForRequest(*qlk_Schema::parseQlkUrl(link));
-    EXPECT_EQ(scores(candidates), (std::vector<int>{12500, 10700, 10300}));
+    std::vector<int> scores;
+    for (const LinkCandidate &candidate : m_resolver.searchForRequest(*qlk_Schema::parseQlkUrl(link)))
+        scores.push_back(candidate.score);
+    EXPECT_EQ(scores, (std::vector<int>{12500, 10700, 10300}));
     EXPECT_EQ(resolve({link, folderLink}), (QStringList{moved, movedBox}));
     EXPECT_EQ(m_revealed.size(), 2);
 
     // With one entry more the folder loses its 1000 points but, alone, is still revealed.
-    write(QStringLiteral("Old/Stuff/Box/c"), "3");
-    QDir(tree() + QStringLiteral("/Work/Box")).removeRecursively();
-    ASSERT_TRUE(indexed(QStringLiteral("Box"), 1));
+    write(u"Old/Stuff/Box/c"_s, "3");
+    QDir(at(u"Work/Box"_s)).removeRecursively();
+    ASSERT_TRUE(indexed(u"Box"_s, 1));
     EXPECT_EQ(resolve({folderLink}), QStringList{movedBox});
 }
 
 TEST_F(LinkResolutionTest, DeletedFilesAndUnaskableNamesFindNothing)
 {
     LogCapture log;
-    const QString doomed = write(QStringLiteral("a/b/c/doomed.txt"), "soon gone");
-    const QString quoted = write(QStringLiteral("a/b/c/say \"hi\".txt"), "quoted");
+    const QString doomed = write(u"a/b/c/doomed.txt"_s, "soon gone");
     const QUrl doomedLink = linkFor(doomed);
-    const QUrl quotedLink = linkFor(quoted);
-    ASSERT_TRUE(indexed(QStringLiteral("doomed.txt"), 1));
+    const QUrl quotedLink = linkFor(write(u"a/b/c/say \"hi\".txt"_s, "quoted"));
+    ASSERT_TRUE(indexed(u"doomed.txt"_s, 1));
     ASSERT_TRUE(QFile::remove(doomed));
-    ASSERT_TRUE(indexed(QStringLiteral("doomed.txt"), 0));
+    ASSERT_TRUE(indexed(u"doomed.txt"_s, 0));
 
-    const QUrl tooShort(QStringLiteral("qlk://p/1/2/3"));
+    const QUrl tooShort(u"qlk://p/1/2/3"_s);
     EXPECT_EQ(resolve({doomedLink, quotedLink, tooShort}), (QStringList{QString(), QString(), QString()}));
     EXPECT_TRUE(m_revealed.isEmpty());
     const std::lock_guard guard(LogCapture::lock);
-    EXPECT_EQ(LogCapture::lines.count(QStringLiteral("tell user nothing found")), 3);
-    EXPECT_TRUE(std::any_of(LogCapture::lines.cbegin(), LogCapture::lines.cend(), [](const QString &line) {
-        return line.startsWith(QStringLiteral("link search refused by the index:"));
-    }));
+    EXPECT_EQ(LogCapture::lines.count(u"tell user nothing found"_s), 3);
+    EXPECT_EQ(LogCapture::lines.filter(u"link search refused by the index:"_s).size(), 1);
 }
