@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 namespace http = boost::beast::http;
 
@@ -34,7 +35,7 @@ QByteArray readFile(const QString &path)
 
 double dateIn(const QString &path)
 {
-    return QJsonDocument::fromJson(readFile(path)).object().value(QStringLiteral("date")).toDouble();
+    return QJsonDocument::fromJson(readFile(path)).object().value(u"date"_s).toDouble();
 }
 
 } // namespace
@@ -52,35 +53,29 @@ TEST(RelayBrowser, LoginIsRequiredAndCookieIsGuarded)
                                                          {http::verb::post, "/api/logout"}}) {
         const HttpReply reply = stranger.request(method, target, "{}");
         EXPECT_EQ(reply.status, 401) << target;
-        EXPECT_EQ(reply.json().value(QStringLiteral("error")).toString(), QStringLiteral("login_required"))
-            << target;
+        EXPECT_EQ(reply.error(), u"login_required"_s) << target;
     }
-    EXPECT_FALSE(QFileInfo::exists(relay.storageRoot() + QStringLiteral("/uploads"))) << "nothing is written";
+    EXPECT_FALSE(QFileInfo::exists(relay.storageRoot() + u"/uploads"_s)) << "nothing is written";
 
-    EXPECT_FALSE(stranger.login("relay-test-token-0123456789abcdefghijklmnoX"));
-    EXPECT_EQ(stranger.post("/api/login", {{QStringLiteral("token"), 42}}).status, 400);
+    EXPECT_EQ(stranger.login("relay-test-token-0123456789abcdefghijklmnoX").error(), u"bad_token"_s);
+    EXPECT_EQ(stranger.post("/api/login", {{u"token"_s, 42}}).status, 400);
     stranger.cookie = "made-up";
     EXPECT_EQ(stranger.get("/api/computers").status, 401);
 
     RelayClient browser(relay.port());
-    const HttpReply login =
-        browser.post("/api/login", {{QStringLiteral("token"), QString::fromLatin1(relay.token())}});
-    ASSERT_EQ(login.status, 200);
-    const QByteArray cookie = login.header("set-cookie");
+    const QByteArray cookie = browser.login(relay.token()).header("set-cookie");
     EXPECT_TRUE(cookie.contains("HttpOnly") && cookie.contains("SameSite=Strict") &&
                 cookie.contains("Path=/"))
         << cookie.toStdString();
-    ASSERT_TRUE(browser.login(relay.token()));
     EXPECT_EQ(browser.get("/api/computers").status, 200);
 
     // A page of another site cannot make the browser act with the cookie.
-    const HttpReply crossSite = browser.request(http::verb::post, "/api/session", "{}", "application/json",
-                                                {{"Origin", "http://evil.example"}});
-    EXPECT_EQ(crossSite.status, 403);
-    const HttpReply sameSite =
-        browser.request(http::verb::post, "/api/session", "{}", "application/json",
-                        {{"Origin", "http://127.0.0.1:" + std::to_string(relay.port())}});
-    EXPECT_EQ(sameSite.status, 200);
+    for (const auto &[origin, status] : std::vector<std::pair<std::string, int>>{
+             {"http://evil.example", 403}, {"http://127.0.0.1:" + std::to_string(relay.port()), 200}}) {
+        const HttpReply reply =
+            browser.request(http::verb::post, "/api/session", "{}", "application/json", {{"Origin", origin}});
+        EXPECT_EQ(reply.status, status) << origin;
+    }
 
     EXPECT_EQ(browser.post("/api/logout", {}).status, 200);
     EXPECT_EQ(browser.get("/api/computers").status, 401);
@@ -91,73 +86,75 @@ TEST(RelayBrowser, SessionFilesAndMarkerFollowThePage)
     RunningRelay relay;
     auto browser = relay.browser();
     auto other = relay.browser();
-    const QString sessions = relay.storageRoot() + QStringLiteral("/data.vdldata/sessions/");
-    const QString marker = relay.storageRoot() + QStringLiteral("/data.vdldata/sessions_are_here.json");
+    const auto fileOf = [&](const QString &id) {
+        return relay.storageRoot() + u"/data.vdldata/sessions/"_s + id + u".json"_s;
+    };
+    const auto act = [](RelayClient &client, const QString &id, const std::string &what) {
+        return client.post("/api/session/" + id.toStdString() + '/' + what, {}).status;
+    };
+    const QString marker = relay.storageRoot() + u"/data.vdldata/sessions_are_here.json"_s;
     EXPECT_NEAR(dateIn(marker), QDateTime::currentSecsSinceEpoch(), 30) << "the marker is written at start";
 
     const QString kept = browser->openSession();
     ASSERT_GE(kept.size(), 20);
-    const QString file = sessions + kept + QStringLiteral(".json");
-    ASSERT_TRUE(QFileInfo::exists(file));
-    const double first = dateIn(file);
+    ASSERT_TRUE(QFileInfo::exists(fileOf(kept)));
+    const double first = dateIn(fileOf(kept));
     EXPECT_NEAR(first, QDateTime::currentSecsSinceEpoch(), 30);
 
     // Kept alive by its own login only; another login cannot touch it.
-    EXPECT_EQ(other->post("/api/session/" + kept.toStdString() + "/alive", {}).status, 404);
-    EXPECT_EQ(other->post("/api/session/" + kept.toStdString() + "/close", {}).status, 404);
-    EXPECT_EQ(other->post("/api/session/../../x/alive", {}).status, 404);
+    EXPECT_EQ(act(*other, kept, "alive"), 404);
+    EXPECT_EQ(act(*other, kept, "close"), 404);
+    EXPECT_EQ(act(*other, u"../../x"_s, "alive"), 404);
     for (int i = 0; i < 4; ++i) {
         QTest::qWait(500);
-        EXPECT_EQ(browser->post("/api/session/" + kept.toStdString() + "/alive", {}).status, 200);
+        EXPECT_EQ(act(*browser, kept, "alive"), 200);
     }
-    EXPECT_TRUE(QFileInfo::exists(file)) << "a session that says alive outlives the stale limit";
-    EXPECT_GT(dateIn(file), first);
-
-    EXPECT_EQ(browser->post("/api/session/" + kept.toStdString() + "/close", {}).status, 200);
-    EXPECT_FALSE(QFileInfo::exists(file)) << "closing deletes at once";
+    EXPECT_TRUE(QFileInfo::exists(fileOf(kept))) << "a session that says alive outlives the stale limit";
+    EXPECT_GT(dateIn(fileOf(kept)), first);
+    EXPECT_EQ(act(*browser, kept, "close"), 200);
+    EXPECT_FALSE(QFileInfo::exists(fileOf(kept))) << "closing deletes at once";
 
     // A page that goes quiet loses its session file within seconds.
     const QString quiet = browser->openSession();
-    EXPECT_TRUE(QFileInfo::exists(sessions + quiet + QStringLiteral(".json")));
-    EXPECT_TRUE(QTest::qWaitFor(
-        [&] { return !QFileInfo::exists(sessions + quiet + QStringLiteral(".json")); }, 15000));
-    EXPECT_EQ(browser->post("/api/session/" + quiet.toStdString() + "/alive", {}).status, 404);
+    EXPECT_TRUE(QFileInfo::exists(fileOf(quiet)));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !QFileInfo::exists(fileOf(quiet)); }, 15000));
+    EXPECT_EQ(act(*browser, quiet, "alive"), 404);
 
     // Logging out closes the login's sessions.
     const QString third = other->openSession();
     EXPECT_EQ(other->post("/api/logout", {}).status, 200);
-    EXPECT_FALSE(QFileInfo::exists(sessions + third + QStringLiteral(".json")));
+    EXPECT_FALSE(QFileInfo::exists(fileOf(third)));
 }
 
 TEST(RelayBrowser, ComputersFromInfoFiles)
 {
     RunningRelay relay([](RelayConfig &config) {
-        config.cloudFolders.append(QDir::tempPath() + QStringLiteral("/does-not-exist-vandrel-relay"));
+        config.cloudFolders.append(QDir::tempPath() + u"/does-not-exist-vandrel-relay"_s);
     });
-    const QString computers = relay.storageRoot() + QStringLiteral("/data.vdldata/computers/");
+    const QString computers = relay.storageRoot() + u"/data.vdldata/computers/"_s;
     writeFile(
-        computers + QStringLiteral("aaaa.json"),
+        computers + u"aaaa.json"_s,
         R"({"computer_id":"aaaa","computer_name":"Desk","last_updated":100,"pword_required":true,"app_version":"1.0"})");
-    writeFile(computers + QStringLiteral("bbbb.json"),
+    writeFile(computers + u"bbbb.json"_s,
               R"({"computer_id":"bbbb","computer_name":"Server","last_updated":200})");
-    writeFile(computers + QStringLiteral("aaaa-old.json"),
+    writeFile(computers + u"aaaa-old.json"_s,
               R"({"computer_id":"aaaa","computer_name":"Old","last_updated":50})");
-    writeFile(computers + QStringLiteral("broken.json"), "{not json");
-    writeFile(computers + QStringLiteral("array.json"), "[1,2]");
-    writeFile(computers + QString(60, u'c') + QStringLiteral(".json"),
+    writeFile(computers + u"broken.json"_s, "{not json");
+    writeFile(computers + u"array.json"_s, "[1,2]");
+    writeFile(computers + QString(60, u'c') + u".json"_s,
               R"({"computer_id":"conflicted","last_updated":999})");
     auto browser = relay.browser();
     const HttpReply reply = browser->get("/api/computers");
     ASSERT_EQ(reply.status, 200);
-    const QJsonArray list = reply.json().value(QStringLiteral("computers")).toArray();
+    const QJsonArray list = reply.json().value(u"computers"_s).toArray();
     ASSERT_EQ(list.size(), 2) << reply.body.toStdString();
-    EXPECT_EQ(list[0][QStringLiteral("computer_id")].toString(), QStringLiteral("bbbb"));
-    EXPECT_EQ(list[0][QStringLiteral("pword_required")].toBool(), false);
-    EXPECT_EQ(list[1][QStringLiteral("computer_name")].toString(), QStringLiteral("Desk"));
-    EXPECT_EQ(list[1][QStringLiteral("pword_required")].toBool(), true);
-    EXPECT_EQ(list[1][QStringLiteral("date")].toDouble(), 100.0);
-    EXPECT_EQ(list[1][QStringLiteral("cloud")].toInt(), 0);
-    EXPECT_EQ(list[1][QStringLiteral("storage_root_name")].toString(), QStringLiteral("cloud"));
+    EXPECT_EQ(list[0][u"computer_id"_s].toString(), u"bbbb"_s);
+    EXPECT_EQ(list[0][u"pword_required"_s].toBool(), false);
+    EXPECT_EQ(list[1][u"computer_name"_s].toString(), u"Desk"_s);
+    EXPECT_EQ(list[1][u"pword_required"_s].toBool(), true);
+    EXPECT_EQ(list[1][u"date"_s].toDouble(), 100.0);
+    EXPECT_EQ(list[1][u"cloud"_s].toInt(), 0);
+    EXPECT_EQ(list[1][u"storage_root_name"_s].toString(), u"cloud"_s);
 }
 
 TEST(RelayBrowser, DownloadsStayInsideTheStorageRoot)
@@ -166,25 +163,23 @@ TEST(RelayBrowser, DownloadsStayInsideTheStorageRoot)
     auto browser = relay.browser();
     QByteArray big(5 << 20, 'v');
     big.replace(0, 5, "start");
-    writeFile(relay.storageRoot() + QStringLiteral("/uploads/2026/11/résumé \"big\".bin"), big);
-    writeFile(relay.path(QStringLiteral("outside/secret.txt")), "secret");
-    QFile::link(relay.path(QStringLiteral("outside/secret.txt")),
-                relay.storageRoot() + QStringLiteral("/link.txt"));
-    QFile::link(relay.path(QStringLiteral("outside")), relay.storageRoot() + QStringLiteral("/linkdir"));
-    writeFile(relay.storageRoot() + QStringLiteral("/inside.txt"), "inside");
-    QFile::link(relay.storageRoot() + QStringLiteral("/inside.txt"),
-                relay.storageRoot() + QStringLiteral("/alias.txt"));
+    writeFile(relay.storageRoot() + u"/uploads/2026/11/résumé \"big\".bin"_s, big);
+    writeFile(relay.path(u"outside/secret.txt"_s), "secret");
+    QFile::link(relay.path(u"outside/secret.txt"_s), relay.storageRoot() + u"/link.txt"_s);
+    QFile::link(relay.path(u"outside"_s), relay.storageRoot() + u"/linkdir"_s);
+    writeFile(relay.storageRoot() + u"/inside.txt"_s, "inside");
+    QFile::link(relay.storageRoot() + u"/inside.txt"_s, relay.storageRoot() + u"/alias.txt"_s);
 
-    const HttpReply ok = browser->get(
-        "/api/download?cloud=0&path=" +
-        QUrl::toPercentEncoding(QStringLiteral("uploads/2026/11/résumé \"big\".bin")).toStdString());
+    const HttpReply ok =
+        browser->get("/api/download?cloud=0&path=" +
+                     QUrl::toPercentEncoding(u"uploads/2026/11/résumé \"big\".bin"_s).toStdString());
     ASSERT_EQ(ok.status, 200);
     EXPECT_EQ(ok.body, big);
     EXPECT_TRUE(ok.header("content-disposition").startsWith("attachment;"));
     EXPECT_TRUE(ok.header("content-disposition").contains("UTF-8''r%C3%A9sum%C3%A9%20%22big%22.bin"));
     EXPECT_EQ(browser->get("/api/download?cloud=0&path=alias.txt").body, QByteArray("inside"));
 
-    const std::string outsidePath = relay.path(QStringLiteral("outside/secret.txt")).toStdString();
+    const std::string outsidePath = relay.path(u"outside/secret.txt"_s).toStdString();
     for (const std::string &bad :
          std::vector<std::string>{"../outside/secret.txt", "link.txt", "linkdir/secret.txt", outsidePath,
                                   "uploads/../../outside/secret.txt", "uploads", "", "nothing.txt",
@@ -199,7 +194,7 @@ TEST(RelayBrowser, DownloadsStayInsideTheStorageRoot)
                             "/api/download?cloud=x&path=inside.txt", "/api/download"}) {
         const HttpReply reply = browser->get(bad);
         EXPECT_EQ(reply.status, 400) << bad;
-        EXPECT_FALSE(reply.json().value(QStringLiteral("message")).toString().isEmpty());
+        EXPECT_FALSE(reply.json().value(u"message"_s).toString().isEmpty());
     }
 }
 
@@ -208,46 +203,38 @@ TEST(RelayBrowser, UploadsNeverOverwriteNorLeaveTheStorageRoot)
     RunningRelay relay([](RelayConfig &config) { config.uploadLimit = 4 << 20; });
     auto browser = relay.browser();
     const QDate today = QDate::currentDate();
-    const QString month = QStringLiteral("uploads/%1/%2/").arg(today.year()).arg(today.month());
+    const QString month = u"uploads/%1/%2/"_s.arg(today.year()).arg(today.month());
 
-    QByteArray content(3 << 20, 'u');
-    const HttpReply first = browser->request(http::verb::post, "/api/upload?cloud=0&name=photo%20one.jpg",
-                                             content, "application/octet-stream");
+    const auto upload = [&](const std::string &name, const QByteArray &content) {
+        return browser->request(http::verb::post, "/api/upload?cloud=0&name=" + name, content,
+                                "application/octet-stream");
+    };
+    const QByteArray content(3 << 20, 'u');
+    const HttpReply first = upload("photo%20one.jpg", content);
     ASSERT_EQ(first.status, 200) << first.body.toStdString();
-    EXPECT_EQ(first.json().value(QStringLiteral("relative_path")).toString(),
-              month + QStringLiteral("photo one.jpg"));
-    const HttpReply second = browser->request(http::verb::post, "/api/upload?cloud=0&name=photo%20one.jpg",
-                                              "two", "application/octet-stream");
+    EXPECT_EQ(first.json().value(u"relative_path"_s).toString(), month + u"photo one.jpg"_s);
+    const HttpReply second = upload("photo%20one.jpg", "two");
     ASSERT_EQ(second.status, 200);
-    EXPECT_EQ(second.json().value(QStringLiteral("relative_path")).toString(),
-              month + QStringLiteral("photo one (2).jpg"));
-    EXPECT_EQ(readFile(relay.storageRoot() + u'/' + month + QStringLiteral("photo one.jpg")), content);
-    EXPECT_EQ(readFile(relay.storageRoot() + u'/' + month + QStringLiteral("photo one (2).jpg")),
-              QByteArray("two"));
+    EXPECT_EQ(second.json().value(u"relative_path"_s).toString(), month + u"photo one (2).jpg"_s);
+    EXPECT_EQ(readFile(relay.storageRoot() + u'/' + month + u"photo one.jpg"_s), content);
+    EXPECT_EQ(readFile(relay.storageRoot() + u'/' + month + u"photo one (2).jpg"_s), QByteArray("two"));
 
-    for (const std::string name : {"..", "a%2Fb", "", "%2E%2E%2Foutside", "x%00y", "new%0Aline"}) {
-        const HttpReply reply = browser->request(http::verb::post, "/api/upload?cloud=0&name=" + name, "data",
-                                                 "application/octet-stream");
-        EXPECT_EQ(reply.status, 400) << name;
-    }
-    const HttpReply tooBig = browser->request(http::verb::post, "/api/upload?cloud=0&name=big.bin",
-                                              QByteArray(5 << 20, 'b'), "application/octet-stream");
-    EXPECT_EQ(tooBig.status, 413);
+    for (const std::string name : {"..", "a%2Fb", "", "%2E%2E%2Foutside", "x%00y", "new%0Aline"})
+        EXPECT_EQ(upload(name, "data").status, 400) << name;
+    EXPECT_EQ(upload("big.bin", QByteArray(5 << 20, 'b')).status, 413);
     const QStringList left = QDir(relay.storageRoot() + u'/' + month).entryList(QDir::Files | QDir::Hidden);
-    EXPECT_EQ(left, (QStringList{QStringLiteral("photo one (2).jpg"), QStringLiteral("photo one.jpg")}))
+    EXPECT_EQ(left, (QStringList{u"photo one (2).jpg"_s, u"photo one.jpg"_s}))
         << "refused and cut-off uploads leave nothing behind";
 
     // An uploads folder that the synced folder turned into a link out is not written through.
     QDir(relay.storageRoot()).removeRecursively();
     QDir().mkpath(relay.storageRoot());
-    QDir().mkpath(relay.path(QStringLiteral("elsewhere")));
-    QFile::link(relay.path(QStringLiteral("elsewhere")), relay.storageRoot() + QStringLiteral("/uploads"));
-    const HttpReply redirected = browser->request(http::verb::post, "/api/upload?cloud=0&name=x.txt", "data",
-                                                  "application/octet-stream");
+    QDir().mkpath(relay.path(u"elsewhere"_s));
+    QFile::link(relay.path(u"elsewhere"_s), relay.storageRoot() + u"/uploads"_s);
+    const HttpReply redirected = upload("x.txt", "data");
     EXPECT_EQ(redirected.status, 500);
-    EXPECT_EQ(redirected.json().value(QStringLiteral("error")).toString(), QStringLiteral("storage_error"));
-    QDirIterator it(relay.path(QStringLiteral("elsewhere")), QDir::Files | QDir::Hidden,
-                    QDirIterator::Subdirectories);
+    EXPECT_EQ(redirected.error(), u"storage_error"_s);
+    QDirIterator it(relay.path(u"elsewhere"_s), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     EXPECT_FALSE(it.hasNext()) << "nothing was written outside the StorageRoot";
 }
 
@@ -257,9 +244,6 @@ TEST(RelayBrowser, BadInputGetsAClearErrorAndTheRelayCarriesOn)
     auto browser = relay.browser();
     RelayClient agent(relay.port());
 
-    const auto error = [](const HttpReply &reply) {
-        return reply.json().value(QStringLiteral("error")).toString();
-    };
     for (const QByteArray &body :
          {QByteArray("not json"), QByteArray("[1]"), QByteArray("{\"computer_id\":5,\"request\":{}}"),
           QByteArray("{\"computer_id\":\"\",\"request\":{}}"),
@@ -267,18 +251,18 @@ TEST(RelayBrowser, BadInputGetsAClearErrorAndTheRelayCarriesOn)
           "{\"computer_id\":\"" + QByteArray(300, 'c') + "\",\"request\":{}}"}) {
         const HttpReply reply = browser->request(http::verb::post, "/api/request", body);
         EXPECT_EQ(reply.status, 400) << body.toStdString();
-        EXPECT_FALSE(reply.json().value(QStringLiteral("message")).toString().isEmpty());
+        EXPECT_FALSE(reply.json().value(u"message"_s).toString().isEmpty());
     }
 
     const auto agentPost = [&](const QByteArray &form) {
         return agent.request(http::verb::post, "/result", form, "application/x-www-form-urlencoded");
     };
-    EXPECT_EQ(error(agentPost("os_sessions=x")), QStringLiteral("bad_computer_id"));
-    EXPECT_EQ(error(agentPost("computer_id=c&os_sessions=%25%25%25")), QStringLiteral("bad_sessions"));
-    EXPECT_EQ(error(agentPost("computer_id=c&result=bm90IHpsaWI=")), QStringLiteral("bad_result"));
-    EXPECT_EQ(error(agentPost("computer_id=c&result=" + packEnvelope(QJsonDocument(QJsonArray{1})))),
-              QStringLiteral("bad_result"));
-    EXPECT_EQ(error(agentPost("computer_id=c&result_encrypted=%3Cscript%3E")), QStringLiteral("bad_result"));
+    EXPECT_EQ(agentPost("os_sessions=x").error(), u"bad_computer_id"_s);
+    EXPECT_EQ(agentPost("computer_id=c&os_sessions=%25%25%25").error(), u"bad_sessions"_s);
+    EXPECT_EQ(agentPost("computer_id=c&result=bm90IHpsaWI=").error(), u"bad_result"_s);
+    EXPECT_EQ(agentPost("computer_id=c&result=" + packEnvelope(QJsonDocument(QJsonArray{1}))).error(),
+              u"bad_result"_s);
+    EXPECT_EQ(agentPost("computer_id=c&result_encrypted=%3Cscript%3E").error(), u"bad_result"_s);
     // 300 MB of zeros packed into a few hundred kilobytes: refused without inflating it all.
     QByteArray zeros(300 << 20, ' ');
     zeros[0] = '[';
@@ -286,7 +270,7 @@ TEST(RelayBrowser, BadInputGetsAClearErrorAndTheRelayCarriesOn)
     const QByteArray bomb = "computer_id=c&result=" +
                             base64Encoding_URL_SAFE(zlibDeflate(zeros).value_or(QByteArray())).toLatin1();
     zeros.clear();
-    EXPECT_EQ(error(agentPost(bomb)), QStringLiteral("bad_result"));
+    EXPECT_EQ(agentPost(bomb).error(), u"bad_result"_s);
     EXPECT_EQ(agent.get("/result").status, 405);
     EXPECT_EQ(agent
                   .request(http::verb::post, "/result", QByteArray(40 << 20, 'x'),
@@ -316,7 +300,7 @@ TEST(RelayBrowser, BadInputGetsAClearErrorAndTheRelayCarriesOn)
     EXPECT_EQ(agent.get("/%2E%2E/state/access_token").status, 404);
 
     // After all that, the relay still serves a normal exchange.
-    EXPECT_EQ(RelayClient::requests(agent.poll(QStringLiteral("c"))).size(), 0);
+    EXPECT_EQ(RelayClient::requests(agent.poll(u"c"_s)).size(), 0);
     EXPECT_EQ(browser->get("/api/computers").status, 200);
 }
 
@@ -324,11 +308,10 @@ TEST(RelayBrowser, LinkPageShowsWhatALinkDescribesEscapedAndWithoutLogin)
 {
     RunningRelay relay;
     RelayClient stranger(relay.port());
-    const QString base = QStringLiteral("http://127.0.0.1:%1/l").arg(relay.port());
-    const QString name = QStringLiteral("a \"q\" <img src=x onerror=alert(1)> é 🙂 txt\u202Eexe.txt");
-    writeFile(relay.path(QStringLiteral("Docs & <b>/Sub/") + name), QByteArray(1234, 'x'));
-    const std::optional<QUrl> link =
-        qlk_Schema::qlkURLFor(relay.path(QStringLiteral("Docs & <b>/Sub/")) + name, base);
+    const QString base = u"http://127.0.0.1:%1/l"_s.arg(relay.port());
+    const QString name = u"a \"q\" <img src=x onerror=alert(1)> é 🙂 txt\u202Eexe.txt"_s;
+    writeFile(relay.path(u"Docs & <b>/Sub/"_s + name), QByteArray(1234, 'x'));
+    const std::optional<QUrl> link = qlk_Schema::qlkURLFor(relay.path(u"Docs & <b>/Sub/"_s) + name, base);
     ASSERT_TRUE(link);
     const HttpReply page = stranger.get(link->path(QUrl::FullyEncoded).toStdString());
     ASSERT_EQ(page.status, 200) << page.body.toStdString();
@@ -337,10 +320,6 @@ TEST(RelayBrowser, LinkPageShowsWhatALinkDescribesEscapedAndWithoutLogin)
     EXPECT_TRUE(page.body.contains("&lt;img src=x onerror=alert(1)&gt; é 🙂 txt\uFFFDexe.txt"));
     EXPECT_TRUE(page.body.contains("A file of 1.2 kB (1,234 bytes)"));
     EXPECT_TRUE(page.body.contains("<li>Docs &amp; &lt;b&gt;</li><li>Sub</li>"));
-    const QUrl scheme = *qlk_Schema::schemeUrlForServiceLink(*link, base);
-    EXPECT_TRUE(
-        page.body.contains("href=\"" + scheme.toString(QUrl::FullyEncoded).toHtmlEscaped().toUtf8() + '"'));
-    EXPECT_EQ(qlk_Schema::parseQlkUrl(scheme)->fileName, name);
 
     const HttpReply folderPage = stranger.get("/l/f/2/FOLDER/a/b/c/Folder?utm=x");
     EXPECT_TRUE(folderPage.body.contains("A folder with 2 items")) << folderPage.body.toStdString();
@@ -361,19 +340,19 @@ TEST(RelayBrowser, LinkPageShowsWhatALinkDescribesEscapedAndWithoutLogin)
 TEST(RelayBrowser, SessionFilesNeverFollowALinkPlantedInTheCloudFolder)
 {
     const LogCapture log;
-    const QString data = QStringLiteral("Apps/vandrel/data.vdldata");
-    for (const auto &[planted, kind] : std::vector<std::pair<QString, QString>>{
-             {QStringLiteral("Apps"), QStringLiteral("Apps folder")},
-             {QStringLiteral("Apps/vandrel"), QStringLiteral("StorageRoot folder")},
-             {data, QStringLiteral("data folder")},
-             {data + QStringLiteral("/sessions"), QStringLiteral("sessions folder")},
-             {data + QStringLiteral("/sessions_are_here.json"), QStringLiteral("marker file")},
-             {QString(), QStringLiteral("session file")}}) {
+    const QString data = u"Apps/vandrel/data.vdldata"_s;
+    for (const auto &[planted, kind] :
+         std::vector<std::pair<QString, QString>>{{u"Apps"_s, u"Apps folder"_s},
+                                                  {u"Apps/vandrel"_s, u"StorageRoot folder"_s},
+                                                  {data, u"data folder"_s},
+                                                  {data + u"/sessions"_s, u"sessions folder"_s},
+                                                  {data + u"/sessions_are_here.json"_s, u"marker file"_s},
+                                                  {QString(), u"session file"_s}}) {
         LogCapture::lines.clear();
         QTemporaryDir outside;
-        writeFile(outside.filePath(QStringLiteral("victim.json")), "victim");
+        writeFile(outside.filePath(u"victim.json"_s), "victim");
         const QString target =
-            planted.endsWith(u".json") ? outside.filePath(QStringLiteral("victim.json")) : outside.path();
+            planted.endsWith(u".json") ? outside.filePath(u"victim.json"_s) : outside.path();
         RunningRelay relay([&](RelayConfig &config) {
             if (planted.isEmpty())
                 return;
@@ -382,7 +361,7 @@ TEST(RelayBrowser, SessionFilesNeverFollowALinkPlantedInTheCloudFolder)
         });
         auto browser = relay.browser();
         const QString id = browser->openSession();
-        const QString sessionFile = relay.storageRoot() + QStringLiteral("/data.vdldata/sessions/%1.json");
+        const QString sessionFile = relay.storageRoot() + u"/data.vdldata/sessions/%1.json"_s;
         if (planted.isEmpty()) {
             ASSERT_TRUE(QFile::remove(sessionFile.arg(id)) && QFile::link(target, sessionFile.arg(id)));
         }
@@ -390,12 +369,10 @@ TEST(RelayBrowser, SessionFilesNeverFollowALinkPlantedInTheCloudFolder)
         EXPECT_EQ(browser->post("/api/session/" + id.toStdString() + "/close", {}).status, 200);
         relay.stop();
         EXPECT_EQ(QDir(outside.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-                  QStringList{QStringLiteral("victim.json")})
+                  QStringList{u"victim.json"_s})
             << kind.toStdString();
-        EXPECT_EQ(readFile(outside.filePath(QStringLiteral("victim.json"))), QByteArray("victim"));
-        EXPECT_EQ(
-            LogCapture::lines.filter(QStringLiteral("symbolic link stands in place of the ") + kind).size(),
-            1)
+        EXPECT_EQ(readFile(outside.filePath(u"victim.json"_s)), QByteArray("victim"));
+        EXPECT_EQ(LogCapture::lines.filter(u"symbolic link stands in place of the "_s + kind).size(), 1)
             << kind.toStdString();
         EXPECT_TRUE(LogCapture::lines.filter(outside.path()).isEmpty());
     }

@@ -10,18 +10,17 @@
 #include <future>
 #include <set>
 
+using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 namespace http = boost::beast::http;
 
 namespace {
 
-const QString kComputer = QStringLiteral("computer-one");
+const QString kComputer = u"computer-one"_s;
 
 QJsonObject search(int n)
 {
-    return {{QStringLiteral("request_type"), QStringLiteral("search")},
-            {QStringLiteral("search_dir"), QStringLiteral("root_folders")},
-            {QStringLiteral("n"), n}};
+    return {{u"request_type"_s, u"search"_s}, {u"search_dir"_s, u"root_folders"_s}, {u"n"_s, n}};
 }
 
 // Polls as the agent until `count` requests have come, or the deadline passes.
@@ -55,10 +54,10 @@ TEST(RelayQueue, EachRequestGoesToOnePostAndItsResultBack)
     std::vector<std::future<HttpReply>> calls;
     for (int n = 1; n <= 3; ++n)
         calls.push_back(askLater(relay.port(), browser->cookie, search(n)));
-    QJsonObject encrypted{{QStringLiteral("request_type"), QStringLiteral("encrypted")},
-                          {QStringLiteral("encrypted_request"), QStringLiteral("AAAA")},
-                          {QStringLiteral("cache_key"), QStringLiteral("chosen-by-page")},
-                          {QStringLiteral("relay_ticket"), QStringLiteral("forged")}};
+    QJsonObject encrypted{{u"request_type"_s, u"encrypted"_s},
+                          {u"encrypted_request"_s, u"AAAA"_s},
+                          {u"cache_key"_s, u"chosen-by-page"_s},
+                          {u"relay_ticket"_s, u"forged"_s}};
     calls.push_back(askLater(relay.port(), browser->cookie, encrypted));
 
     // Two agent connections poll at once, as an agent with two StorageRoots does.
@@ -73,15 +72,13 @@ TEST(RelayQueue, EachRequestGoesToOnePostAndItsResultBack)
     std::set<QString> tickets;
     for (const QJsonValue &value : handedOut) {
         const QJsonObject request = value.toObject();
-        const QString ticket = request.value(QStringLiteral("relay_ticket")).toString();
+        const QString ticket = request.value(u"relay_ticket"_s).toString();
         EXPECT_GE(ticket.size(), 20);
-        EXPECT_NE(ticket, QStringLiteral("forged"));
+        EXPECT_NE(ticket, u"forged"_s);
         tickets.insert(ticket);
-        if (request.value(QStringLiteral("request_type")) == QStringLiteral("encrypted")) {
-            EXPECT_EQ(request.value(QStringLiteral("cache_key")).toString(), ticket);
-            EXPECT_EQ(request.value(QStringLiteral("encrypted_request")).toString(), QStringLiteral("AAAA"));
-        } else {
-            EXPECT_EQ(request.value(QStringLiteral("search_dir")).toString(), QStringLiteral("root_folders"));
+        if (request.value(u"request_type"_s) == u"encrypted"_s) {
+            EXPECT_EQ(request.value(u"cache_key"_s).toString(), ticket);
+            EXPECT_EQ(request.value(u"encrypted_request"_s).toString(), u"AAAA"_s);
         }
     }
     EXPECT_EQ(tickets.size(), 4u);
@@ -90,31 +87,30 @@ TEST(RelayQueue, EachRequestGoesToOnePostAndItsResultBack)
     // Answer each as the agent does: the request record with its output is the result.
     for (const QJsonValue &value : handedOut) {
         QJsonObject request = value.toObject();
-        if (request.value(QStringLiteral("request_type")) == QStringLiteral("encrypted")) {
+        if (request.value(u"request_type"_s) == u"encrypted"_s) {
             const QByteArray form =
                 "computer_id=" + kComputer.toUtf8() +
-                "&cache_key=" + request.value(QStringLiteral("cache_key")).toString().toUtf8() +
+                "&cache_key=" + request.value(u"cache_key"_s).toString().toUtf8() +
                 "&lifetime=30&result_encrypted=c2VjcmV0LWJ5dGVz&os_sessions=" +
                 QUrl::toPercentEncoding(QString::fromLatin1(packEnvelope(QJsonDocument(QJsonArray{}))));
             const HttpReply posted = agentA.request(http::verb::post, "/result_encrypted", form,
                                                     "application/x-www-form-urlencoded");
             EXPECT_EQ(posted.status, 200);
         } else {
-            request.insert(QStringLiteral("items"), QJsonArray{request.value(QStringLiteral("n"))});
-            EXPECT_EQ(agentA.poll(kComputer, {QStringLiteral("s")}, request).status, 200);
+            request.insert(u"items"_s, QJsonArray{request.value(u"n"_s)});
+            EXPECT_EQ(agentA.poll(kComputer, {u"s"_s}, request).status, 200);
         }
     }
     for (int n = 1; n <= 3; ++n) {
         const HttpReply reply = calls[std::size_t(n - 1)].get();
         ASSERT_EQ(reply.status, 200) << reply.body.toStdString();
-        const QJsonObject result = reply.json().value(QStringLiteral("result")).toObject();
-        EXPECT_EQ(result.value(QStringLiteral("n")).toInt(), n);
-        EXPECT_EQ(result.value(QStringLiteral("items")).toArray(), QJsonArray{n});
+        const QJsonObject result = reply.json().value(u"result"_s).toObject();
+        EXPECT_EQ(result.value(u"n"_s).toInt(), n);
+        EXPECT_EQ(result.value(u"items"_s).toArray(), QJsonArray{n});
     }
     const HttpReply sealed = calls[3].get();
     ASSERT_EQ(sealed.status, 200);
-    EXPECT_EQ(sealed.json(),
-              (QJsonObject{{QStringLiteral("result_encrypted"), QStringLiteral("c2VjcmV0LWJ5dGVz")}}));
+    EXPECT_EQ(sealed.json(), (QJsonObject{{u"result_encrypted"_s, u"c2VjcmV0LWJ5dGVz"_s}}));
 }
 
 TEST(RelayQueue, ResultsReachOnlyTheLoginThatAskedAndOnlyFromItsComputer)
@@ -123,40 +119,39 @@ TEST(RelayQueue, ResultsReachOnlyTheLoginThatAskedAndOnlyFromItsComputer)
     auto alice = relay.browser();
     auto bob = relay.browser();
     QJsonObject aliceRequest = search(1);
-    aliceRequest.insert(QStringLiteral("lifetime"), 3);
+    aliceRequest.insert(u"lifetime"_s, 3);
     auto aliceCall = askLater(relay.port(), alice->cookie, aliceRequest);
     QJsonObject bobRequest = search(2);
-    bobRequest.insert(QStringLiteral("lifetime"), 3);
-    auto bobCall = askLater(relay.port(), bob->cookie, bobRequest, QStringLiteral("computer-two"));
+    bobRequest.insert(u"lifetime"_s, 3);
+    auto bobCall = askLater(relay.port(), bob->cookie, bobRequest, u"computer-two"_s);
 
     RelayClient agent(relay.port());
     const QJsonArray mine = collect(agent, 1);
     ASSERT_EQ(mine.size(), 1);
     const QJsonObject aliceRecord = mine[0].toObject();
-    EXPECT_EQ(aliceRecord.value(QStringLiteral("n")).toInt(), 1) << "computer-one gets only its own request";
+    EXPECT_EQ(aliceRecord.value(u"n"_s).toInt(), 1) << "computer-one gets only its own request";
 
     // Another computer cannot answer with a ticket it was never given, nor can anyone with a made-up one.
     RelayClient intruder(relay.port());
-    EXPECT_EQ(intruder.poll(QStringLiteral("computer-two"), {}, aliceRecord).status, 200);
+    EXPECT_EQ(intruder.poll(u"computer-two"_s, {}, aliceRecord).status, 200);
     QJsonObject madeUp = aliceRecord;
-    madeUp.insert(QStringLiteral("relay_ticket"), QStringLiteral("no-such-ticket"));
+    madeUp.insert(u"relay_ticket"_s, u"no-such-ticket"_s);
     EXPECT_EQ(agent.poll(kComputer, {}, madeUp).status, 200);
     EXPECT_EQ(aliceCall.wait_for(300ms), std::future_status::timeout);
 
     QJsonObject answer = aliceRecord;
-    answer.insert(QStringLiteral("message"), QStringLiteral("for alice"));
+    answer.insert(u"message"_s, u"for alice"_s);
     EXPECT_EQ(agent.poll(kComputer, {}, answer).status, 200);
     const HttpReply aliceReply = aliceCall.get();
     EXPECT_EQ(aliceReply.status, 200);
-    EXPECT_EQ(aliceReply.json()[QStringLiteral("result")][QStringLiteral("message")].toString(),
-              QStringLiteral("for alice"));
+    EXPECT_EQ(aliceReply.json()[u"result"_s][u"message"_s].toString(), u"for alice"_s);
     // A repeated answer finds nobody waiting and harms nothing.
     EXPECT_EQ(agent.poll(kComputer, {}, answer).status, 200);
 
     // Bob's computer never polled: his call ends with the request's lifetime.
     const HttpReply bobReply = bobCall.get();
     EXPECT_EQ(bobReply.status, 504);
-    EXPECT_EQ(bobReply.json().value(QStringLiteral("error")).toString(), QStringLiteral("timeout"));
+    EXPECT_EQ(bobReply.error(), u"timeout"_s);
 }
 
 TEST(RelayQueue, LifetimeExpiryAndLimits)
@@ -165,27 +160,26 @@ TEST(RelayQueue, LifetimeExpiryAndLimits)
     auto browser = relay.browser();
 
     QJsonObject shortLived = search(1);
-    shortLived.insert(QStringLiteral("lifetime"), 0.5);
+    shortLived.insert(u"lifetime"_s, 0.5);
     const HttpReply expired = browser->ask(kComputer, shortLived);
     EXPECT_EQ(expired.status, 504);
-    EXPECT_EQ(expired.json().value(QStringLiteral("message")).toString(),
-              QStringLiteral("The computer did not answer in time."));
+    EXPECT_EQ(expired.json().value(u"message"_s).toString(), u"The computer did not answer in time."_s);
     RelayClient agent(relay.port());
     EXPECT_TRUE(RelayClient::requests(agent.poll(kComputer)).isEmpty())
         << "an expired request is not handed out";
 
     for (const QJsonValue &bad :
-         {QJsonValue(0), QJsonValue(-5), QJsonValue(QStringLiteral("30")), QJsonValue(QJsonArray{})}) {
+         {QJsonValue(0), QJsonValue(-5), QJsonValue(u"30"_s), QJsonValue(QJsonArray{})}) {
         QJsonObject request = search(2);
-        request.insert(QStringLiteral("lifetime"), bad);
+        request.insert(u"lifetime"_s, bad);
         const HttpReply reply = browser->ask(kComputer, request);
         EXPECT_EQ(reply.status, 400);
-        EXPECT_EQ(reply.json().value(QStringLiteral("error")).toString(), QStringLiteral("bad_lifetime"));
+        EXPECT_EQ(reply.error(), u"bad_lifetime"_s);
     }
 
     // A lifetime beyond the cap is cut to it; the agent sees the cut value.
     QJsonObject longLived = search(3);
-    longLived.insert(QStringLiteral("lifetime"), 1e12);
+    longLived.insert(u"lifetime"_s, 1e12);
     std::vector<std::future<HttpReply>> waiting;
     waiting.push_back(askLater(relay.port(), browser->cookie, longLived));
     for (int n = 4; n <= 5; ++n)
@@ -194,12 +188,12 @@ TEST(RelayQueue, LifetimeExpiryAndLimits)
     EXPECT_TRUE(QTest::qWaitFor([&] { return relay.waitingCount(kComputer) >= 3; }, 20000));
     const HttpReply refused = browser->ask(kComputer, search(6));
     EXPECT_EQ(refused.status, 429);
-    EXPECT_EQ(refused.json().value(QStringLiteral("error")).toString(), QStringLiteral("queue_full"));
+    EXPECT_EQ(refused.error(), u"queue_full"_s);
     const QJsonArray handed = collect(agent, 3);
     ASSERT_EQ(handed.size(), 3);
     for (const QJsonValue &request : handed) {
-        if (request[QStringLiteral("n")].toInt() == 3) {
-            EXPECT_EQ(request[QStringLiteral("lifetime")].toDouble(), 120.0);
+        if (request[u"n"_s].toInt() == 3) {
+            EXPECT_EQ(request[u"lifetime"_s].toDouble(), 120.0);
         }
         agent.poll(kComputer, {}, request.toObject());
     }
@@ -208,10 +202,10 @@ TEST(RelayQueue, LifetimeExpiryAndLimits)
 
     // API bodies are capped at 1 MiB.
     QJsonObject huge = search(7);
-    huge.insert(QStringLiteral("pad"), QString(1100 * 1024, u'x'));
+    huge.insert(u"pad"_s, QString(1100 * 1024, u'x'));
     const HttpReply tooLarge = browser->ask(kComputer, huge);
     EXPECT_EQ(tooLarge.status, 413);
-    EXPECT_EQ(tooLarge.json().value(QStringLiteral("error")).toString(), QStringLiteral("too_large"));
+    EXPECT_EQ(tooLarge.error(), u"too_large"_s);
 }
 
 TEST(RelayQueue, HeldPollTakesANewRequestAtOnce)
@@ -226,7 +220,7 @@ TEST(RelayQueue, HeldPollTakesANewRequestAtOnce)
     ASSERT_EQ(held.wait_for(20s), std::future_status::ready);
     const QJsonArray requests = RelayClient::requests(held.get());
     ASSERT_EQ(requests.size(), 1);
-    EXPECT_EQ(requests[0][QStringLiteral("n")].toInt(), 1);
+    EXPECT_EQ(requests[0][u"n"_s].toInt(), 1);
 
     // A post that carries a result is never held, even with nothing waiting.
     const auto start = std::chrono::steady_clock::now();
