@@ -55,11 +55,7 @@ HttpReply RelayClient::request(http::verb method, const std::string &target, con
             http::read(*m_stream, m_buffer, parser);
             HttpReply reply;
             reply.status = int(parser.get().result_int());
-            for (const auto &field : parser.get()) {
-                std::string name(field.name_string());
-                std::transform(name.begin(), name.end(), name.begin(), ::tolower);
-                reply.headers[name] = std::string(field.value());
-            }
+            reply.headers = parser.get().base();
             reply.body = QByteArray::fromStdString(parser.get().body());
             if (!parser.get().keep_alive())
                 m_stream.reset();

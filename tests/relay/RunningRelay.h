@@ -13,6 +13,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/fields.hpp>
 #include <boost/beast/http/verb.hpp>
 #include <functional>
 #include <map>
@@ -22,15 +23,17 @@
 
 struct HttpReply
 {
-    int status = 0;                             // 0: no answer
-    std::map<std::string, std::string> headers; // names lower-cased
+    int status = 0; // 0: no answer
+    boost::beast::http::fields headers;
     QByteArray body;
 
     QJsonObject json() const { return QJsonDocument::fromJson(body).object(); }
     QString error() const { return json().value(QStringLiteral("error")).toString(); }
-    QByteArray header(const std::string &lowerName) const
+    // Empty when absent; the name is compared without case.
+    QByteArray header(std::string_view name) const
     {
-        return headers.contains(lowerName) ? QByteArray::fromStdString(headers.at(lowerName)) : QByteArray();
+        const std::string_view value = headers[name];
+        return QByteArray(value.data(), qsizetype(value.size()));
     }
 };
 
