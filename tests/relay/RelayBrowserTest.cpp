@@ -250,29 +250,22 @@ TEST(RelayBrowser, BadInputGetsAClearErrorAndTheRelayCarriesOn)
         EXPECT_FALSE(reply.json().value(u"message"_s).toString().isEmpty());
     }
 
-    const auto agentPost = [&](const QByteArray &form) {
-        return agent.request(http::verb::post, "/result", form, "application/x-www-form-urlencoded");
-    };
-    EXPECT_EQ(agentPost("os_sessions=x").error(), u"bad_computer_id"_s);
-    EXPECT_EQ(agentPost("computer_id=c&os_sessions=%25%25%25").error(), u"bad_sessions"_s);
-    EXPECT_EQ(agentPost("computer_id=c&result=bm90IHpsaWI=").error(), u"bad_result"_s);
-    EXPECT_EQ(agentPost("computer_id=c&result=" + packEnvelope(QJsonDocument(QJsonArray{1}))).error(),
-              u"bad_result"_s);
-    EXPECT_EQ(agentPost("computer_id=c&result_encrypted=%3Cscript%3E").error(), u"bad_result"_s);
-    // 300 MB of zeros packed into a few hundred kilobytes: refused without inflating it all.
-    QByteArray zeros(300 << 20, ' ');
-    zeros[0] = '[';
-    zeros[zeros.size() - 1] = ']';
-    const QByteArray bomb = "computer_id=c&result=" +
-                            base64Encoding_URL_SAFE(zlibDeflate(zeros).value_or(QByteArray())).toLatin1();
-    zeros.clear();
-    EXPECT_EQ(agentPost(bomb).error(), u"bad_result"_s);
+    // 300 MB of spaces packed into a few hundred kilobytes: refused without inflating it all.
+    QByteArray spaces(300 << 20, ' ');
+    spaces[0] = '[';
+    spaces[spaces.size() - 1] = ']';
+    const QByteArray bomb = base64Encoding_URL_SAFE(zlibDeflate(spaces).value_or(QByteArray())).toLatin1();
+    spaces.clear();
+    for (const auto &[form, expected] : std::vector<std::pair<QByteArray, QString>>{
+             {"os_sessions=x", u"bad_computer_id"_s},
+             {"computer_id=c&os_sessions=%25%25%25", u"bad_sessions"_s},
+             {"computer_id=c&result=bm90IHpsaWI=", u"bad_result"_s},
+             {"computer_id=c&result=" + packEnvelope(QJsonDocument(QJsonArray{1})), u"bad_result"_s},
+             {"computer_id=c&result_encrypted=%3Cscript%3E", u"bad_result"_s},
+             {"computer_id=c&result=" + bomb, u"bad_result"_s}})
+        EXPECT_EQ(agent.postForm("/result", form).error(), expected) << form.left(60).toStdString();
     EXPECT_EQ(agent.get("/result").status, 405);
-    EXPECT_EQ(agent
-                  .request(http::verb::post, "/result", QByteArray(40 << 20, 'x'),
-                           "application/x-www-form-urlencoded")
-                  .status,
-              413);
+    EXPECT_EQ(agent.postForm("/result", QByteArray(40 << 20, 'x')).status, 413);
 
     EXPECT_TRUE(relay.browser()->get("/api/nothing").status == 404);
     const QByteArray garbage = agent.raw("GARBAGE\r\n\r\n");
@@ -344,6 +337,7 @@ TEST(RelayBrowser, SessionFilesNeverFollowALinkPlantedInTheCloudFolder)
                                                   {data + u"/sessions"_s, u"sessions folder"_s},
                                                   {data + u"/sessions_are_here.json"_s, u"marker file"_s},
                                                   {QString(), u"session file"_s}}) {
+        SCOPED_TRACE(kind.toStdString());
         LogCapture::lines.clear();
         QTemporaryDir outside;
         writeFile(outside.filePath(u"victim.json"_s), "victim");
@@ -361,15 +355,13 @@ TEST(RelayBrowser, SessionFilesNeverFollowALinkPlantedInTheCloudFolder)
         if (planted.isEmpty()) {
             ASSERT_TRUE(QFile::remove(sessionFile.arg(id)) && QFile::link(target, sessionFile.arg(id)));
         }
-        EXPECT_EQ(browser->post("/api/session/" + id.toStdString() + "/alive", {}).status, 200);
-        EXPECT_EQ(browser->post("/api/session/" + id.toStdString() + "/close", {}).status, 200);
+        for (const std::string what : {"/alive", "/close"})
+            EXPECT_EQ(browser->post("/api/session/" + id.toStdString() + what, {}).status, 200);
         relay.stop();
         EXPECT_EQ(QDir(outside.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-                  QStringList{u"victim.json"_s})
-            << kind.toStdString();
+                  QStringList{u"victim.json"_s});
         EXPECT_EQ(readFile(outside.filePath(u"victim.json"_s)), QByteArray("victim"));
-        EXPECT_EQ(LogCapture::lines.filter(u"symbolic link stands in place of the "_s + kind).size(), 1)
-            << kind.toStdString();
+        EXPECT_EQ(LogCapture::lines.filter(u"symbolic link stands in place of the "_s + kind).size(), 1);
         EXPECT_TRUE(LogCapture::lines.filter(outside.path()).isEmpty());
     }
 }

@@ -97,9 +97,7 @@ TEST(RelayQueue, EachRequestGoesToOnePostAndItsResultBack)
                 "&cache_key=" + request.value(u"cache_key"_s).toString().toUtf8() +
                 "&lifetime=30&result_encrypted=c2VjcmV0LWJ5dGVz&os_sessions=" +
                 QUrl::toPercentEncoding(QString::fromLatin1(packEnvelope(QJsonDocument(QJsonArray{}))));
-            const HttpReply posted = agentA.request(http::verb::post, "/result_encrypted", form,
-                                                    "application/x-www-form-urlencoded");
-            EXPECT_EQ(posted.status, 200);
+            EXPECT_EQ(agentA.postForm("/result_encrypted", form).status, 200);
         } else {
             request.insert(u"items"_s, QJsonArray{request.value(u"n"_s)});
             EXPECT_EQ(agentA.poll(kComputer, {u"s"_s}, request).status, 200);

@@ -101,7 +101,7 @@ HttpReply RelayClient::poll(const QString &computerId, const QStringList &sessio
     if (result)
         form +=
             "&result=" + QUrl::toPercentEncoding(QString::fromLatin1(packEnvelope(QJsonDocument(*result))));
-    return request(http::verb::post, "/result", form, "application/x-www-form-urlencoded");
+    return postForm("/result", form);
 }
 
 QJsonArray RelayClient::requests(const HttpReply &reply)

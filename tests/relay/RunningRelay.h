@@ -51,6 +51,11 @@ public:
                       const std::map<std::string, std::string> &headers = {});
     HttpReply get(const std::string &target) { return request(boost::beast::http::verb::get, target); }
     HttpReply post(const std::string &target, const QJsonObject &body);
+    // A url-encoded form, as agents post.
+    HttpReply postForm(const std::string &target, const QByteArray &form)
+    {
+        return request(boost::beast::http::verb::post, target, form, "application/x-www-form-urlencoded");
+    }
 
     // Logs in with the token, carrying the cookie from then on when the relay gave one.
     HttpReply login(const QByteArray &token);
