@@ -12,7 +12,6 @@
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
-namespace http = boost::beast::http;
 
 namespace {
 

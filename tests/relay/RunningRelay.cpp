@@ -8,17 +8,14 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/beast/http.hpp>
+#include <boost/asio/write.hpp>
 #include <future>
 
 using namespace Qt::StringLiterals;
 
 namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace http = beast::http;
 
 QByteArray packEnvelope(const QJsonDocument &document)
 {
@@ -27,50 +24,33 @@ QByteArray packEnvelope(const QJsonDocument &document)
         .toLatin1();
 }
 
-HttpReply RelayClient::request(http::verb method, const std::string &target, const QByteArray &body,
-                               const std::string &contentType,
-                               const std::map<std::string, std::string> &headers)
+HttpReply RelayClient::request(const char *method, const std::string &target, const QByteArray &body,
+                               const QByteArray &contentType, const QByteArray &extraHeaders)
 {
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        try {
-            if (!m_stream || !m_stream->socket().is_open()) {
-                m_stream.emplace(m_io);
-                m_buffer.clear();
-                m_stream->connect(asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.1"), m_port));
-            }
-            http::request<http::string_body> request(method, target, 11);
-            request.set(http::field::host, "127.0.0.1:" + std::to_string(m_port));
-            if (!body.isEmpty() || method == http::verb::post)
-                request.set(http::field::content_type, contentType);
-            if (!cookie.isEmpty())
-                request.set(http::field::cookie, "vandrel_relay=" + cookie.toStdString());
-            for (const auto &[name, value] : headers)
-                request.set(name, value);
-            request.body() = body.toStdString();
-            request.prepare_payload();
-            m_stream->expires_after(std::chrono::seconds(180));
-            http::write(*m_stream, request);
-            http::response_parser<http::string_body> parser;
-            parser.body_limit(256 << 20);
-            http::read(*m_stream, m_buffer, parser);
-            HttpReply reply;
-            reply.status = int(parser.get().result_int());
-            reply.headers = parser.get().base();
-            reply.body = QByteArray::fromStdString(parser.get().body());
-            if (!parser.get().keep_alive())
-                m_stream.reset();
-            return reply;
-        } catch (const boost::system::system_error &) {
-            // The relay closed a kept-alive connection: try once more on a new one.
-            m_stream.reset();
-        }
+    QByteArray head = method + (' ' + QByteArray::fromStdString(target)) +
+                      " HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(m_port) +
+                      "\r\nConnection: close\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n" +
+                      extraHeaders;
+    if (!body.isEmpty() || qstrcmp(method, "POST") == 0)
+        head += "Content-Type: " + contentType + "\r\n";
+    if (!cookie.isEmpty())
+        head += "Cookie: vandrel_relay=" + cookie + "\r\n";
+    const QByteArray answer = raw(head + "\r\n" + body);
+    const qsizetype headEnd = answer.indexOf("\r\n\r\n");
+    if (!answer.startsWith("HTTP/1.1 ") || headEnd < 0)
+        return {};
+    const QList<QByteArray> lines = answer.left(headEnd).split('\n');
+    HttpReply reply{lines.first().mid(9, 3).toInt(), {}, answer.mid(headEnd + 4)};
+    for (const QByteArray &line : lines.mid(1)) {
+        const qsizetype colon = line.indexOf(':');
+        reply.headers.insert(line.left(colon).toLower(), line.mid(colon + 1).trimmed());
     }
-    return {};
+    return reply;
 }
 
 HttpReply RelayClient::post(const std::string &target, const QJsonObject &body)
 {
-    return request(http::verb::post, target, QJsonDocument(body).toJson(QJsonDocument::Compact));
+    return request("POST", target, QJsonDocument(body).toJson(QJsonDocument::Compact));
 }
 
 HttpReply RelayClient::login(const QByteArray &token)
@@ -109,18 +89,19 @@ QJsonArray RelayClient::requests(const HttpReply &reply)
     return reply.json().value(u"requests"_s).toArray();
 }
 
-QByteArray RelayClient::raw(const QByteArray &bytes)
+QByteArray RelayClient::raw(const QByteArray &bytes) const
 {
-    beast::tcp_stream stream(m_io);
-    stream.connect(asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.1"), m_port));
-    beast::error_code error;
-    asio::write(stream, asio::buffer(bytes.constData(), std::size_t(bytes.size())), error);
+    asio::io_context io;
+    asio::ip::tcp::socket socket(io);
+    boost::system::error_code error;
+    socket.connect({asio::ip::make_address("127.0.0.1"), m_port}, error);
+    asio::write(socket, asio::buffer(bytes.constData(), std::size_t(bytes.size())), error);
     // The relay may answer and close before taking everything; what it said is still to be read.
     error = {};
     QByteArray received;
     char chunk[4096];
     while (!error) {
-        const std::size_t n = stream.read_some(asio::buffer(chunk), error);
+        const std::size_t n = socket.read_some(asio::buffer(chunk), error);
         received.append(chunk, qsizetype(n));
     }
     return received;
@@ -158,7 +139,7 @@ void RunningRelay::stop()
 {
     if (!m_thread.joinable())
         return;
-    boost::asio::post(m_io, [this] {
+    asio::post(m_io, [this] {
         m_server->stop();
         m_io.stop();
     });
@@ -175,6 +156,6 @@ std::unique_ptr<RelayClient> RunningRelay::browser() const
 std::size_t RunningRelay::waitingCount(const QString &computerId)
 {
     std::promise<std::size_t> count;
-    boost::asio::post(m_io, [&] { count.set_value(m_server->queues().waitingCount(computerId)); });
+    asio::post(m_io, [&] { count.set_value(m_server->queues().waitingCount(computerId)); });
     return count.get_future().get();
 }

@@ -6,39 +6,30 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
 
 #include <boost/asio/io_context.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
-#include <boost/beast/http/fields.hpp>
-#include <boost/beast/http/verb.hpp>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <thread>
 
 struct HttpReply
 {
-    int status = 0; // 0: no answer
-    boost::beast::http::fields headers;
+    int status = 0;                       // 0: no answer
+    QMap<QByteArray, QByteArray> headers; // names lower-cased
     QByteArray body;
 
     QJsonObject json() const { return QJsonDocument::fromJson(body).object(); }
     QString error() const { return json().value(QStringLiteral("error")).toString(); }
-    // Empty when absent; the name is compared without case.
-    QByteArray header(std::string_view name) const
-    {
-        const std::string_view value = headers[name];
-        return QByteArray(value.data(), qsizetype(value.size()));
-    }
+    QByteArray header(const QByteArray &lowerName) const { return headers.value(lowerName); }
 };
 
-// A keep-alive HTTP client for the relay on 127.0.0.1, one connection, reconnecting when the relay closed
-// it. Carries the login cookie once logged in. One thread at a time.
+// An HTTP client for the relay on 127.0.0.1, one connection per request, which the relay closes after its
+// answer. Carries the login cookie once logged in.
 class RelayClient
 {
 public:
@@ -46,15 +37,15 @@ public:
         : m_port(port)
     {}
 
-    HttpReply request(boost::beast::http::verb method, const std::string &target, const QByteArray &body = {},
-                      const std::string &contentType = "application/json",
-                      const std::map<std::string, std::string> &headers = {});
-    HttpReply get(const std::string &target) { return request(boost::beast::http::verb::get, target); }
+    HttpReply request(const char *method, const std::string &target, const QByteArray &body = {},
+                      const QByteArray &contentType = "application/json",
+                      const QByteArray &extraHeaders = {});
+    HttpReply get(const std::string &target) { return request("GET", target); }
     HttpReply post(const std::string &target, const QJsonObject &body);
     // A url-encoded form, as agents post.
     HttpReply postForm(const std::string &target, const QByteArray &form)
     {
-        return request(boost::beast::http::verb::post, target, form, "application/x-www-form-urlencoded");
+        return request("POST", target, form, "application/x-www-form-urlencoded");
     }
 
     // Logs in with the token, carrying the cookie from then on when the relay gave one.
@@ -70,15 +61,12 @@ public:
     static QJsonArray requests(const HttpReply &reply);
 
     // Writes raw bytes on a fresh connection and reads what comes back until the relay closes it.
-    QByteArray raw(const QByteArray &bytes);
+    QByteArray raw(const QByteArray &bytes) const;
 
     QByteArray cookie;
 
 private:
     quint16 m_port;
-    boost::asio::io_context m_io;
-    std::optional<boost::beast::tcp_stream> m_stream;
-    boost::beast::flat_buffer m_buffer;
 };
 
 // base64url("=" kept) of zlib of compact JSON, as agents pack "result" and "os_sessions".
