@@ -38,14 +38,11 @@ QJsonArray collect(RelayClient &agent, int count, std::chrono::seconds deadline 
     return all;
 }
 
-std::future<HttpReply> askLater(quint16 port, QByteArray cookie, QJsonObject request,
-                                QString computer = kComputer)
+// Asks on a thread of its own, as a page waits for its answer.
+std::future<HttpReply> askLater(const RelayClient &browser, const QJsonObject &request,
+                                const QString &computer = kComputer)
 {
-    return std::async(std::launch::async, [=] {
-        RelayClient client(port);
-        client.cookie = cookie;
-        return client.ask(computer, request);
-    });
+    return std::async(std::launch::async, [=] { return browser.ask(computer, request); });
 }
 
 } // namespace
@@ -56,12 +53,12 @@ TEST(RelayQueue, EachRequestGoesToOnePostAndItsResultBack)
     auto browser = relay.browser();
     std::vector<std::future<HttpReply>> calls;
     for (int n = 1; n <= 3; ++n)
-        calls.push_back(askLater(relay.port(), browser->cookie, search(n)));
+        calls.push_back(askLater(*browser, search(n)));
     QJsonObject encrypted{{u"request_type"_s, u"encrypted"_s},
                           {u"encrypted_request"_s, u"AAAA"_s},
                           {u"cache_key"_s, u"chosen-by-page"_s},
                           {u"relay_ticket"_s, u"forged"_s}};
-    calls.push_back(askLater(relay.port(), browser->cookie, encrypted));
+    calls.push_back(askLater(*browser, encrypted));
 
     // Two agent connections poll at once, as an agent with two StorageRoots does. Each polls on for 6 s
     // unless it alone gets all four, so a request handed out twice would show up here.
@@ -73,9 +70,10 @@ TEST(RelayQueue, EachRequestGoesToOnePostAndItsResultBack)
         handedOut.append(request);
     ASSERT_EQ(handedOut.size(), 4) << "every request reaches exactly one post, once";
 
+    // Each is answered as the agent does: the request record with its output is the result.
     std::set<QString> tickets;
     for (const QJsonValue &value : handedOut) {
-        const QJsonObject request = value.toObject();
+        QJsonObject request = value.toObject();
         const QString ticket = request.value(u"relay_ticket"_s).toString();
         EXPECT_GE(ticket.size(), 20);
         EXPECT_NE(ticket, u"forged"_s);
@@ -83,14 +81,6 @@ TEST(RelayQueue, EachRequestGoesToOnePostAndItsResultBack)
         if (request.value(u"request_type"_s) == u"encrypted"_s) {
             EXPECT_EQ(request.value(u"cache_key"_s).toString(), ticket);
             EXPECT_EQ(request.value(u"encrypted_request"_s).toString(), u"AAAA"_s);
-        }
-    }
-    EXPECT_EQ(tickets.size(), 4u);
-
-    // Answer each as the agent does: the request record with its output is the result.
-    for (const QJsonValue &value : handedOut) {
-        QJsonObject request = value.toObject();
-        if (request.value(u"request_type"_s) == u"encrypted"_s) {
             const QByteArray form =
                 "computer_id=" + kComputer.toUtf8() +
                 "&cache_key=" + request.value(u"cache_key"_s).toString().toUtf8() +
@@ -102,6 +92,7 @@ TEST(RelayQueue, EachRequestGoesToOnePostAndItsResultBack)
             EXPECT_EQ(agentA.poll(kComputer, {u"s"_s}, request).status, 200);
         }
     }
+    EXPECT_EQ(tickets.size(), 4u);
     for (int n = 1; n <= 3; ++n) {
         const HttpReply reply = calls[std::size_t(n - 1)].get();
         ASSERT_EQ(reply.status, 200) << reply.body.toStdString();
@@ -124,8 +115,8 @@ TEST(RelayQueue, AHeldPollWakesOnlyForItsComputerAndResultsReachOnlyTheLoginThat
     // The poll is held: without a request it would not answer for 30 s.
     EXPECT_EQ(held.wait_for(500ms), std::future_status::timeout);
     // Bob's computer never polls: his call ends with its lifetime, which the lifetime test checks.
-    auto bobCall = askLater(relay.port(), bob->cookie, search(2, 3), u"computer-two"_s);
-    auto aliceCall = askLater(relay.port(), alice->cookie, search(1, 3));
+    auto bobCall = askLater(*bob, search(2, 3), u"computer-two"_s);
+    auto aliceCall = askLater(*alice, search(1, 3));
     ASSERT_EQ(held.wait_for(20s), std::future_status::ready);
     const QJsonArray mine = RelayClient::requests(held.get());
     ASSERT_EQ(mine.size(), 1);
@@ -173,9 +164,9 @@ TEST(RelayQueue, LifetimeExpiryAndLimits)
 
     // A lifetime beyond the cap is cut to it; the agent sees the cut value.
     std::vector<std::future<HttpReply>> waiting;
-    waiting.push_back(askLater(relay.port(), browser->cookie, search(3, 1e12)));
+    waiting.push_back(askLater(*browser, search(3, 1e12)));
     for (int n = 4; n <= 5; ++n)
-        waiting.push_back(askLater(relay.port(), browser->cookie, search(n)));
+        waiting.push_back(askLater(*browser, search(n)));
     // The queue holds three; once it does, a fourth is refused.
     EXPECT_TRUE(QTest::qWaitFor([&] { return relay.waitingCount(kComputer) >= 3; }, 20000));
     const HttpReply refused = browser->ask(kComputer, search(6));

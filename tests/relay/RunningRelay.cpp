@@ -25,7 +25,7 @@ QByteArray packEnvelope(const QJsonDocument &document)
 }
 
 HttpReply RelayClient::request(const char *method, const std::string &target, const QByteArray &body,
-                               const QByteArray &contentType, const QByteArray &extraHeaders)
+                               const QByteArray &contentType, const QByteArray &extraHeaders) const
 {
     QByteArray head = method + (' ' + QByteArray::fromStdString(target)) +
                       " HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(m_port) +
@@ -48,7 +48,7 @@ HttpReply RelayClient::request(const char *method, const std::string &target, co
     return reply;
 }
 
-HttpReply RelayClient::post(const std::string &target, const QJsonObject &body)
+HttpReply RelayClient::post(const std::string &target, const QJsonObject &body) const
 {
     return request("POST", target, QJsonDocument(body).toJson(QJsonDocument::Compact));
 }
@@ -62,18 +62,18 @@ HttpReply RelayClient::login(const QByteArray &token)
     return reply;
 }
 
-QString RelayClient::openSession()
+QString RelayClient::openSession() const
 {
     return post("/api/session", {}).json().value(u"os_session"_s).toString();
 }
 
-HttpReply RelayClient::ask(const QString &computerId, const QJsonObject &request)
+HttpReply RelayClient::ask(const QString &computerId, const QJsonObject &request) const
 {
     return post("/api/request", {{u"computer_id"_s, computerId}, {u"request"_s, request}});
 }
 
 HttpReply RelayClient::poll(const QString &computerId, const QStringList &sessions,
-                            const std::optional<QJsonObject> &result)
+                            const std::optional<QJsonObject> &result) const
 {
     QByteArray form = "computer_id=" + QUrl::toPercentEncoding(computerId) + "&os_sessions=" +
                       QUrl::toPercentEncoding(QString::fromLatin1(

@@ -39,24 +39,24 @@ public:
 
     HttpReply request(const char *method, const std::string &target, const QByteArray &body = {},
                       const QByteArray &contentType = "application/json",
-                      const QByteArray &extraHeaders = {});
-    HttpReply get(const std::string &target) { return request("GET", target); }
-    HttpReply post(const std::string &target, const QJsonObject &body);
+                      const QByteArray &extraHeaders = {}) const;
+    HttpReply get(const std::string &target) const { return request("GET", target); }
+    HttpReply post(const std::string &target, const QJsonObject &body) const;
     // A url-encoded form, as agents post.
-    HttpReply postForm(const std::string &target, const QByteArray &form)
+    HttpReply postForm(const std::string &target, const QByteArray &form) const
     {
         return request("POST", target, form, "application/x-www-form-urlencoded");
     }
 
     // Logs in with the token, carrying the cookie from then on when the relay gave one.
     HttpReply login(const QByteArray &token);
-    QString openSession();
+    QString openSession() const;
     // A browser request for the computer; blocks until the relay answers.
-    HttpReply ask(const QString &computerId, const QJsonObject &request);
+    HttpReply ask(const QString &computerId, const QJsonObject &request) const;
 
     // An agent's poll: the form the agent sends, with the result packed when given.
     HttpReply poll(const QString &computerId, const QStringList &sessions = {},
-                   const std::optional<QJsonObject> &result = std::nullopt);
+                   const std::optional<QJsonObject> &result = std::nullopt) const;
     // The requests of a poll's answer.
     static QJsonArray requests(const HttpReply &reply);
 
