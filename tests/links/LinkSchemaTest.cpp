@@ -159,9 +159,7 @@ TEST(LinkScoring, EachRuleAddsItsPointsForFilesAndFolders)
     const QString moved = home.filePath(u"Moved/Deeper/Elsewhere/report.txt"_s);
     QDir().mkpath(QFileInfo(moved).absolutePath());
     ASSERT_TRUE(QFile::rename(original, moved));
-    const LinkCandidate record = qlk_Schema::fileInfoDict(moved, link);
-    EXPECT_EQ(record.score, 12500);
-    EXPECT_EQ(record.path, moved);
+    EXPECT_EQ(score(moved, link), 12500);
 
     // Decoys where the original was: another size (no checksum read), then the same size.
     home.writeFile(u"Users/ann/Documents/report.txt"_s, "short");

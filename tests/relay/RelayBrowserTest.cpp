@@ -165,25 +165,23 @@ TEST(RelayBrowser, DownloadsStayInsideTheStorageRoot)
     writeFile(relay.storageRoot() + u"/inside.txt"_s, "inside");
     QFile::link(relay.storageRoot() + u"/inside.txt"_s, relay.storageRoot() + u"/alias.txt"_s);
 
-    const HttpReply ok =
-        browser->get("/api/download?cloud=0&path=" +
-                     QUrl::toPercentEncoding(u"uploads/2026/11/résumé \"big\".bin"_s).toStdString());
+    const auto download = [&](const QString &path) {
+        return browser->get("/api/download?cloud=0&path=" + QUrl::toPercentEncoding(path).toStdString());
+    };
+    const HttpReply ok = download(u"uploads/2026/11/résumé \"big\".bin"_s);
     ASSERT_EQ(ok.status, 200);
     EXPECT_EQ(ok.body, big);
     EXPECT_TRUE(ok.header("content-disposition").startsWith("attachment;"));
     EXPECT_TRUE(ok.header("content-disposition").contains("UTF-8''r%C3%A9sum%C3%A9%20%22big%22.bin"));
-    EXPECT_EQ(browser->get("/api/download?cloud=0&path=alias.txt").body, QByteArray("inside"));
+    EXPECT_EQ(download(u"alias.txt"_s).body, QByteArray("inside"));
 
-    const std::string outsidePath = relay.path(u"outside/secret.txt"_s).toStdString();
-    for (const std::string &bad :
-         std::vector<std::string>{"../outside/secret.txt", "link.txt", "linkdir/secret.txt", outsidePath,
-                                  "uploads/../../outside/secret.txt", "uploads", "", "nothing.txt",
-                                  "uploads//2026/11/x", "./inside.txt"}) {
-        const HttpReply reply =
-            browser->get("/api/download?cloud=0&path=" +
-                         QUrl::toPercentEncoding(QString::fromStdString(bad)).toStdString());
-        EXPECT_EQ(reply.status, 404) << bad;
-        EXPECT_FALSE(reply.body.contains("secret")) << bad;
+    for (const QString &bad :
+         {u"../outside/secret.txt"_s, u"link.txt"_s, u"linkdir/secret.txt"_s,
+          relay.path(u"outside/secret.txt"_s), u"uploads/../../outside/secret.txt"_s, u"uploads"_s, QString(),
+          u"nothing.txt"_s, u"uploads//2026/11/x"_s, u"./inside.txt"_s}) {
+        const HttpReply reply = download(bad);
+        EXPECT_EQ(reply.status, 404) << bad.toStdString();
+        EXPECT_FALSE(reply.body.contains("secret")) << bad.toStdString();
     }
     for (const char *bad : {"/api/download?cloud=1&path=inside.txt", "/api/download?cloud=-1&path=inside.txt",
                             "/api/download?cloud=x&path=inside.txt", "/api/download"}) {

@@ -117,7 +117,7 @@ RunningRelay::RunningRelay(const std::function<void(RelayConfig &)> &adjust)
         page.write("<!doctype html><title>placeholder page</title>");
     RelayConfig config;
     config.port = 0;
-    config.cloudFolders = {cloudFolder()};
+    config.cloudFolders = {path(u"cloud"_s)};
     config.stateDir = m_dir.filePath(u"state"_s);
     config.webRoot = m_dir.filePath(u"web"_s);
     config.sessionStaleAfter = std::chrono::milliseconds(1500);

@@ -81,8 +81,7 @@ public:
     ~RunningRelay();
 
     quint16 port() const { return m_server->port(); }
-    QString cloudFolder() const { return m_dir.filePath(QStringLiteral("cloud")); }
-    QString storageRoot() const { return cloudFolder() + QStringLiteral("/Apps/vandrel"); }
+    QString storageRoot() const { return path(QStringLiteral("cloud/Apps/vandrel")); }
     QString path(const QString &relative) const { return m_dir.filePath(relative); }
     QByteArray token() const { return m_token; }
     // A client logged in with the access token.
