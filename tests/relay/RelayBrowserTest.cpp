@@ -284,6 +284,10 @@ TEST(RelayBrowser, BadInputGetsAClearErrorAndTheRelayCarriesOn)
     EXPECT_EQ(page.header("content-type"), QByteArray("text/html; charset=utf-8"));
     EXPECT_EQ(agent.get("/../state/access_token").status, 404);
     EXPECT_EQ(agent.get("/%2E%2E/state/access_token").status, 404);
+    // A kept-alive connection carries one request after another; this client closes its own after one.
+    const QByteArray twoAnswers = agent.raw("GET /api/computers HTTP/1.1\r\nHost: x\r\n\r\n"
+                                            "GET / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+    EXPECT_TRUE(twoAnswers.startsWith("HTTP/1.1 401") && twoAnswers.contains("placeholder page"));
 
     // After all that, the relay still serves a normal exchange.
     EXPECT_EQ(RelayClient::requests(agent.poll(u"c"_s)).size(), 0);

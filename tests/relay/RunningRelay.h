@@ -37,6 +37,7 @@ public:
         : m_port(port)
     {}
 
+    // extraHeaders: whole header lines, each ending in "\r\n".
     HttpReply request(const char *method, const std::string &target, const QByteArray &body = {},
                       const QByteArray &contentType = "application/json",
                       const QByteArray &extraHeaders = {}) const;
