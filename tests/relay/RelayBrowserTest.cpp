@@ -152,13 +152,13 @@ TEST(RelayBrowser, ComputersFromInfoFiles)
     EXPECT_EQ(reply.json().value(u"computers"_s).toArray(), expected) << reply.body.toStdString();
 }
 
-TEST(RelayBrowser, DownloadsStayInsideTheStorageRoot)
+TEST(RelayBrowser, FilesGoInAndOutOnlyInsideTheStorageRootAndNeverOverwrite)
 {
-    RunningRelay relay;
+    RunningRelay relay([](RelayConfig &config) { config.uploadLimit = 4 << 20; });
     auto browser = relay.browser();
     QByteArray big(5 << 20, 'v');
     big.replace(0, 5, "start");
-    writeFile(relay.storageRoot() + u"/uploads/2026/11/résumé \"big\".bin"_s, big);
+    writeFile(relay.storageRoot() + u"/Shared/résumé \"big\".bin"_s, big);
     writeFile(relay.path(u"outside/secret.txt"_s), "secret");
     QFile::link(relay.path(u"outside/secret.txt"_s), relay.storageRoot() + u"/link.txt"_s);
     QFile::link(relay.path(u"outside"_s), relay.storageRoot() + u"/linkdir"_s);
@@ -168,7 +168,7 @@ TEST(RelayBrowser, DownloadsStayInsideTheStorageRoot)
     const auto download = [&](const QString &path) {
         return browser->get("/api/download?cloud=0&path=" + QUrl::toPercentEncoding(path).toStdString());
     };
-    const HttpReply ok = download(u"uploads/2026/11/résumé \"big\".bin"_s);
+    const HttpReply ok = download(u"Shared/résumé \"big\".bin"_s);
     ASSERT_EQ(ok.status, 200);
     EXPECT_EQ(ok.body, big);
     EXPECT_TRUE(ok.header("content-disposition").startsWith("attachment;"));
@@ -189,12 +189,7 @@ TEST(RelayBrowser, DownloadsStayInsideTheStorageRoot)
         EXPECT_EQ(reply.status, 400) << bad;
         EXPECT_FALSE(reply.json().value(u"message"_s).toString().isEmpty());
     }
-}
 
-TEST(RelayBrowser, UploadsNeverOverwriteNorLeaveTheStorageRoot)
-{
-    RunningRelay relay([](RelayConfig &config) { config.uploadLimit = 4 << 20; });
-    auto browser = relay.browser();
     const QDate today = QDate::currentDate();
     const QString month = u"uploads/%1/%2/"_s.arg(today.year()).arg(today.month());
 
