@@ -46,35 +46,31 @@ TEST(RelayProcess, MakesAPrivateTokenPrintsTheAddressAndCleansUpOnSignal)
     const QString cloud = dir.filePath(u"cloud"_s);
     QDir().mkpath(cloud);
     const QStringList base = {u"--port"_s, u"0"_s, u"--state-dir"_s, state};
-    QString session;
-    QByteArray firstToken;
-    {
-        RelayProcess relay(base + QStringList{u"--cloud-folder"_s, cloud, u"--web-root"_s, dir.path()});
-        ASSERT_NE(relay.port, 0) << relay.line.toStdString()
-                                 << relay.process.readAllStandardError().toStdString();
-        firstToken = relay.token;
-        QFile tokenFile(state + u"/access_token"_s);
-        ASSERT_TRUE(tokenFile.open(QIODevice::ReadOnly));
-        EXPECT_EQ(tokenFile.readAll().trimmed(), relay.token);
-        EXPECT_EQ(tokenFile.permissions(), QFileDevice::ReadOwner | QFileDevice::WriteOwner |
-                                               QFileDevice::ReadUser | QFileDevice::WriteUser);
+    RelayProcess relay(base + QStringList{u"--cloud-folder"_s, cloud, u"--web-root"_s, dir.path()});
+    ASSERT_NE(relay.port, 0) << relay.line.toStdString()
+                             << relay.process.readAllStandardError().toStdString();
+    QFile tokenFile(state + u"/access_token"_s);
+    ASSERT_TRUE(tokenFile.open(QIODevice::ReadOnly));
+    EXPECT_EQ(tokenFile.readAll().trimmed(), relay.token);
+    EXPECT_EQ(tokenFile.permissions(), QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                           QFileDevice::ReadUser | QFileDevice::WriteUser);
 
-        RelayClient browser(relay.port);
-        ASSERT_EQ(browser.login(relay.token).status, 200);
-        session = browser.openSession();
-        const QString sessionFile = cloud + u"/Apps/vandrel/data.vdldata/sessions/"_s + session + u".json"_s;
-        EXPECT_EQ(browser.get("/l/f/2/marker-text/a/b/c/secret-name").status, 200);
-        EXPECT_TRUE(QFileInfo::exists(sessionFile));
-        ::kill(pid_t(relay.process.processId()), SIGINT);
-        ASSERT_TRUE(relay.finished());
-        EXPECT_EQ(relay.process.exitStatus(), QProcess::NormalExit);
-        EXPECT_EQ(relay.process.exitCode(), 0);
-        EXPECT_FALSE(QFileInfo::exists(sessionFile));
-        const QByteArray log = relay.process.readAllStandardError();
-        EXPECT_FALSE(log.contains(session.toLatin1())) << "session ids are not logged";
-        EXPECT_FALSE(log.contains("secret-name") || log.contains("marker-text")) << "links are not logged";
-    }
-    EXPECT_EQ(RelayProcess(base).token, firstToken) << "the token is kept across starts";
+    RelayClient browser(relay.port);
+    ASSERT_EQ(browser.login(relay.token).status, 200);
+    const QString session = browser.openSession();
+    const QString sessionFile = cloud + u"/Apps/vandrel/data.vdldata/sessions/"_s + session + u".json"_s;
+    EXPECT_EQ(browser.get("/l/f/2/marker-text/a/b/c/secret-name").status, 200);
+    EXPECT_TRUE(QFileInfo::exists(sessionFile));
+    ::kill(pid_t(relay.process.processId()), SIGINT);
+    ASSERT_TRUE(relay.finished());
+    EXPECT_EQ(relay.process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(relay.process.exitCode(), 0);
+    EXPECT_FALSE(QFileInfo::exists(sessionFile));
+    const QByteArray log = relay.process.readAllStandardError();
+    EXPECT_FALSE(log.contains(session.toLatin1())) << "session ids are not logged";
+    EXPECT_FALSE(log.contains("secret-name") || log.contains("marker-text")) << "links are not logged";
+
+    EXPECT_EQ(RelayProcess(base).token, relay.token) << "the token is kept across starts";
     // A token others can read is not a secret: the relay refuses to start with it.
     QFile::setPermissions(state + u"/access_token"_s,
                           QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadOther);
