@@ -479,17 +479,6 @@ std::optional<std::uint32_t> NameTable::Reader::idForPath(std::string_view path)
     return current;
 }
 
-bool NameTable::Reader::isBelow(std::uint32_t id, std::uint32_t ancestor) const
-{
-    std::optional<RecordView> current = byId(id);
-    for (int depth = 0; current && current->parent != 0 && depth < 4096; ++depth) {
-        if (current->parent == ancestor)
-            return true;
-        current = byId(current->parent);
-    }
-    return false;
-}
-
 void NameTable::Reader::scanMain(const Visit &visit) const
 {
     const std::vector<bool> &tombstones = m_table.m_tombstones;

@@ -98,8 +98,6 @@ public:
     std::string path(const RecordView &record) const;
     // The record at an absolute path, walking down from the root that holds it.
     std::optional<std::uint32_t> idForPath(std::string_view path) const;
-    // True when `id` lies strictly below the folder `ancestor`.
-    bool isBelow(std::uint32_t id, std::uint32_t ancestor) const;
     std::vector<std::uint32_t> roots() const;
 
     // Main-segment scans, newest first, skipping replaced rows. Each stops when `visit` returns false.

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <unordered_map>
 
 namespace {
 
@@ -168,6 +169,58 @@ struct Context
 {
     const NameTable::Reader &reader;
     const std::vector<std::uint32_t> &scopeIds;
+};
+
+// Whether records lie in the scope: strictly below one of its folders, or one of several roots that stand for
+// a scope above them (a scope folder itself is not inside). The answer is kept for every folder a walk up
+// passes: hits share their upper folders, so most walks stop after a step or two instead of at the root.
+class ScopeMembership
+{
+public:
+    ScopeMembership(const NameTable::Reader &reader, const std::vector<std::uint32_t> &scopeIds)
+        : m_reader(reader)
+        , m_scopeIds(scopeIds)
+    {
+        for (const std::uint32_t id : scopeIds)
+            m_inside.emplace(id, true);
+    }
+
+    bool contains(const RecordView &r)
+    {
+        if (m_scopeIds.empty())
+            return true;
+        if (r.parent == 0)
+            return m_scopeIds.size() > 1 &&
+                   std::find(m_scopeIds.begin(), m_scopeIds.end(), r.id) != m_scopeIds.end();
+        return folderInside(r.parent);
+    }
+
+private:
+    // A scope folder, or a folder strictly below one.
+    bool folderInside(std::uint32_t folder)
+    {
+        std::vector<std::uint32_t> walked;
+        bool inside = false;
+        for (std::uint32_t current = folder; walked.size() < kMaxDepth;) {
+            if (const auto known = m_inside.find(current); known != m_inside.end()) {
+                inside = known->second;
+                break;
+            }
+            walked.push_back(current);
+            const std::optional<RecordView> record = m_reader.byId(current);
+            if (!record || record->parent == 0)
+                break;
+            current = record->parent;
+        }
+        for (const std::uint32_t id : walked)
+            m_inside.emplace(id, inside);
+        return inside;
+    }
+
+    static constexpr std::size_t kMaxDepth = 4096;
+    const NameTable::Reader &m_reader;
+    const std::vector<std::uint32_t> &m_scopeIds;
+    std::unordered_map<std::uint32_t, bool> m_inside;
 };
 
 bool evalComparison(const Compiled &c, const RecordView &r, const Context &context)
@@ -389,21 +442,8 @@ std::vector<std::string> QueryEvaluator::run(const NameTable &table, const Query
     const Compiled compiled = compile(query, resolver, cache);
     const NameTable::Reader reader = table.read();
     const Context context{reader, scopeIds};
-    auto inScope = [&](const RecordView &r) {
-        if (scopeIds.empty())
-            return true;
-        for (std::uint32_t scope : scopeIds) {
-            if (r.id == scope) {
-                // A root standing for a scope above it counts as inside; a scope folder itself does not.
-                if (r.parent == 0 && scopeIds.size() > 1)
-                    return true;
-                continue;
-            }
-            if (reader.isBelow(r.id, scope))
-                return true;
-        }
-        return false;
-    };
+    ScopeMembership scope(reader, scopeIds);
+    const auto inScope = [&](const RecordView &r) { return scope.contains(r); };
     const std::size_t limit = descending ? maxCount : std::size_t(-1);
     std::vector<Hit> hits;
     std::unordered_set<std::uint32_t> seen;

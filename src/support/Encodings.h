@@ -15,9 +15,15 @@ QString base64Encoding_URL_SAFE(const QByteArray &bytes);
 // URL-safe alphabet, a non-ASCII text or a single dangling symbol gives none. "" gives empty bytes.
 std::optional<QByteArray> dataWithBase64EncodedString_URL_SAFE(const QString &text);
 
-// A zlib (RFC 1950) stream at the default level; empty input is returned as empty bytes, not a stream.
+// A zlib (RFC 1950) stream at the fastest level; empty input is returned as empty bytes, not a stream.
 // None only when zlib cannot be initialised.
 std::optional<QByteArray> zlibDeflate(const QByteArray &bytes);
+
+// One piece of a raw deflate stream at the same level. A piece that is not the last ends on a byte boundary
+// and leaves the stream open, so pieces deflated apart, laid end to end with the last one closing, make one
+// stream: behind zlibHeader() and the Adler-32 of all their bytes (big-endian), a zlib stream.
+std::optional<QByteArray> rawDeflatePiece(const QByteArray &bytes, bool last);
+QByteArray zlibHeader();
 
 // Reads standard base64 written by another program: characters outside the alphabet are ignored. The
 // decoded bytes read as UTF-8, or none for an empty result or invalid UTF-8.

@@ -1,6 +1,7 @@
 #include "utils/vd_FileUtils.h"
 
 #include "support/Encodings.h"
+#include "support/ZlibJsonPacker.h"
 #include "utils/PathHelpers.h"
 #include "utils/UtilsLog.h"
 #include "utils/vd_SimpleUtils.h"
@@ -182,14 +183,15 @@ void vd_FileUtils::writeJsonFile(const QJsonValue &value, const QString &path)
 
 std::optional<QString> vd_FileUtils::base64URLSafeZlibJSON(const QJsonValue &value)
 {
-    QByteArray json;
+    // Answers, one packer for all: a folder's long sub-folder list is deflated once, not once an answer.
+    static auto *packer = new ZlibJsonPacker;
+    std::optional<QByteArray> compressed;
     if (value.isObject())
-        json = QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact);
+        compressed = packer->pack(value.toObject());
     else if (value.isArray())
-        json = QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact);
+        compressed = zlibDeflate(QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact));
     else
         return std::nullopt;
-    const std::optional<QByteArray> compressed = zlibDeflate(json);
     if (!compressed)
         return std::nullopt;
     return base64Encoding_URL_SAFE(*compressed);
