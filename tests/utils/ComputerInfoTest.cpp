@@ -38,40 +38,38 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
     const QDateTime now = QDateTime::currentDateTimeUtc();
     const double t = vd_FileUtils::JSONDate(now);
     const QString own = vd_FileUtils::getComputerUUID() + QStringLiteral(".json");
-    info.computerFile(own, machine(QStringLiteral("ours"), t - 50));
-    // Names of 61 characters or more are the cloud client's conflicted copies; 60 is an ordinary name.
-    info.computerFile(QString(56, u'c') + QStringLiteral(".json"), machine(QStringLiteral("conflict"), t));
-    info.computerFile(QString(55, u'k') + QStringLiteral(".json"), machine(QStringLiteral("kept"), t));
-    info.computerFile(QStringLiteral("recent.json"), machine(QStringLiteral("recent"), t - 199999));
-    info.computerFile(QStringLiteral("old.json"), machine(QStringLiteral("old"), t - 200001));
-    info.computerFile(QStringLiteral("future.json"), machine(QStringLiteral("future"), t + 200001));
-    info.computerFile(QStringLiteral("dupOlder.json"), machine(QStringLiteral("twin"), t - 100));
-    info.computerFile(QStringLiteral("dupNewer.json"), machine(QStringLiteral("twin"), t - 10));
-    info.computerFile(QStringLiteral("tieA.json"), machine(QStringLiteral("tie"), t - 5));
-    info.computerFile(QStringLiteral("tieB.json"), machine(QStringLiteral("tie"), t - 5));
-    // Files without a name are nobody's duplicates.
-    info.computerFile(QStringLiteral("namelessA.json"), {{QStringLiteral("last_updated"), t - 20}});
-    info.computerFile(QStringLiteral("namelessB.json"), {{QStringLiteral("last_updated"), t - 30}});
-    // Without "last_updated" the modification time dates the file: this one was touched long ago.
-    const QString undated = info.computerFile(QStringLiteral("undated.json"),
-                                              {{QStringLiteral("computer_name"), QStringLiteral("u")}});
+    const QString undated = QStringLiteral("undated.json");
+    const std::tuple<QString, QJsonObject, bool> files[] = {
+        {own, machine(QStringLiteral("ours"), t - 50), true},
+        // Names of 61 characters or more are the cloud client's conflicted copies; 60 is an ordinary name.
+        {QString(56, u'c') + QStringLiteral(".json"), machine(QStringLiteral("conflict"), t), false},
+        {QString(55, u'k') + QStringLiteral(".json"), machine(QStringLiteral("kept"), t), true},
+        {QStringLiteral("recent.json"), machine(QStringLiteral("recent"), t - 199999), true},
+        {QStringLiteral("old.json"), machine(QStringLiteral("old"), t - 200001), false},
+        {QStringLiteral("future.json"), machine(QStringLiteral("future"), t + 200001), false},
+        {QStringLiteral("dupOlder.json"), machine(QStringLiteral("twin"), t - 100), false},
+        {QStringLiteral("dupNewer.json"), machine(QStringLiteral("twin"), t - 10), true},
+        {QStringLiteral("tieA.json"), machine(QStringLiteral("tie"), t - 5), true},
+        {QStringLiteral("tieB.json"), machine(QStringLiteral("tie"), t - 5), true},
+        // Files without a name are nobody's duplicates.
+        {QStringLiteral("namelessA.json"), {{QStringLiteral("last_updated"), t - 20}}, true},
+        {QStringLiteral("namelessB.json"), {{QStringLiteral("last_updated"), t - 30}}, true},
+        // Without "last_updated" the modification time dates the file: this one is backdated below.
+        {undated, {{QStringLiteral("computer_name"), QStringLiteral("u")}}, false}};
+    QStringList expected{QStringLiteral("junk.json")};
+    for (const auto &[name, content, kept] : files) {
+        info.computerFile(name, content);
+        if (kept)
+            expected.append(name);
+    }
     const struct timespec longAgo[2] = {{0, UTIME_OMIT}, {qint64(t) - 300000, 0}};
-    ::utimensat(AT_FDCWD, QFile::encodeName(undated).constData(), longAgo, 0);
+    ::utimensat(AT_FDCWD, QFile::encodeName(info.computers() + u'/' + undated).constData(), longAgo, 0);
     info.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/computers/junk.json"), "[not an object");
     info.writeFile(
         QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here (conflicted copy).json"), "{}");
 
     vd_FileUtils::writeComputerInfoFileTo(info.root(), false, now);
 
-    QStringList expected{own,
-                         QString(55, u'k') + QStringLiteral(".json"),
-                         QStringLiteral("dupNewer.json"),
-                         QStringLiteral("junk.json"),
-                         QStringLiteral("namelessA.json"),
-                         QStringLiteral("namelessB.json"),
-                         QStringLiteral("recent.json"),
-                         QStringLiteral("tieA.json"),
-                         QStringLiteral("tieB.json")};
     expected.sort(); // the computer id is random, so its place in the listing is too
     QStringList remaining = QDir(info.computers()).entryList(QDir::Files);
     remaining.sort();
@@ -101,6 +99,9 @@ TEST(ComputerInfo, PasswordFlagAndCheckOnlyWrites)
 {
     InfoHome info;
     const QString own = info.computers() + u'/' + vd_FileUtils::getComputerUUID() + QStringLiteral(".json");
+    const auto flag = [&] {
+        return vd_FileUtils::readJsonFileMutableDictionary(own).value(QStringLiteral("pword_required"));
+    };
     vd_FileUtils::ensureComputerInfo();
     ASSERT_TRUE(QFileInfo::exists(own));
     // No root: no data folder at the top of the file system.
@@ -113,27 +114,25 @@ TEST(ComputerInfo, PasswordFlagAndCheckOnlyWrites)
     info.setPassword(QStringLiteral("secret"));
     vd_FileUtils::ensureComputerInfo();
     EXPECT_TRUE(QFileInfo::exists(conflict));
-    EXPECT_FALSE(vd_FileUtils::readJsonFileMutableDictionary(own).contains(QStringLiteral("pword_required")));
+    EXPECT_TRUE(flag().isUndefined());
 
     vd_FileUtils::updateComputerInfo();
     EXPECT_FALSE(QFileInfo::exists(conflict));
-    EXPECT_EQ(vd_FileUtils::readJsonFileMutableDictionary(own).value(QStringLiteral("pword_required")),
-              QJsonValue(true));
+    EXPECT_EQ(flag(), QJsonValue(true));
 
     // A password store that cannot be read changes nothing about the flag, either way.
     const QByteArray keychain = QFile::encodeName(FileSecretStore::defaultPath());
     ::chmod(keychain.constData(), 0644);
     vd_FileUtils::updateComputerInfo();
-    EXPECT_EQ(vd_FileUtils::readJsonFileMutableDictionary(own).value(QStringLiteral("pword_required")),
-              QJsonValue(true));
+    EXPECT_EQ(flag(), QJsonValue(true));
     ::chmod(keychain.constData(), 0600);
 
     info.setPassword(QStringLiteral(""));
     vd_FileUtils::updateComputerInfo();
-    EXPECT_FALSE(vd_FileUtils::readJsonFileMutableDictionary(own).contains(QStringLiteral("pword_required")));
+    EXPECT_TRUE(flag().isUndefined());
     ::chmod(keychain.constData(), 0644);
     vd_FileUtils::updateComputerInfo();
-    EXPECT_FALSE(vd_FileUtils::readJsonFileMutableDictionary(own).contains(QStringLiteral("pword_required")));
+    EXPECT_TRUE(flag().isUndefined());
 }
 
 TEST(ComputerInfo, OneComputerIdForManyThreadsAndVersionRule)
