@@ -25,11 +25,6 @@ QByteArray opensslEnc(const QByteArray &input, const QByteArray &key, bool decry
     return openssl.readAllStandardOutput();
 }
 
-QByteArray sha256Of(const QByteArray &bytes)
-{
-    return QCryptographicHash::hash(bytes, QCryptographicHash::Sha256);
-}
-
 QString exceptionName(const std::function<void()> &call)
 {
     try {
@@ -45,7 +40,7 @@ QString exceptionName(const std::function<void()> &call)
 TEST(Cipher, InteroperatesWithOpensslCommandLine)
 {
     const QString keyString = QStringLiteral("4Zq9computerid___s\u00e9cret");
-    const QByteArray derivedKey = sha256Of(keyString.toUtf8());
+    const QByteArray derivedKey = QCryptographicHash::hash(keyString.toUtf8(), QCryptographicHash::Sha256);
     const QByteArray plain = QByteArray("{\"request_type\":\"search\",\"path\":\"/home/x\"}").repeated(3);
 
     const std::optional<QByteArray> ours = encryptWithString(plain, keyString);
