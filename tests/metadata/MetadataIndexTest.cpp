@@ -133,6 +133,34 @@ TEST_F(MetadataIndexTest, CrawlsExtractsAndAnswersEveryKindOfQuery)
 
     EXPECT_FALSE(
         index.query(QStringLiteral("kMDItemFSName == \"x\""), {}, QStringLiteral("kMDItemFSSize")).ok);
+    // Malformed queries fail cleanly; the last would match "notes.txt" if the stray quote were dropped.
+    for (const QString &bad :
+         {QStringLiteral("   "), QString(200000, u'('), QString::fromUtf16(u"a == \"\0\"", 9),
+          QStringLiteral("x == \"") + QChar(0xdc00) + QChar(0xd800),
+          QStringLiteral("kMDItemFSName == \"notes\".txt\"")}) {
+        const MetadataQueryResult result = index.query(bad);
+        EXPECT_FALSE(result.ok) << bad.left(40).toStdString();
+        EXPECT_TRUE(result.paths.isEmpty());
+    }
+    // Well-formed but odd: answered, never loosely. Everything is the home, its six folders and nine files.
+    const std::size_t all = 16;
+    EXPECT_TRUE(index.query(QStringLiteral("kMDItemFSName == \"\"")).paths.isEmpty());
+    EXPECT_TRUE(index.query(QStringLiteral("kMDItemDisplayName == \"*\\0*\"cd")).paths.isEmpty());
+    EXPECT_EQ(index.query(QStringLiteral("* == \"\"cdw")).paths.size(), all); // every word begins with ""
+    EXPECT_TRUE(index.query(QStringLiteral("kMDItemTextContent == \"***\"cdw")).ok);
+
+    EXPECT_TRUE(index.query(everything, {}, {}, true, 0).paths.isEmpty());
+    EXPECT_TRUE(index.query(everything, {}, {}, true, -5).paths.isEmpty());
+    EXPECT_EQ(index.query(everything, {}, {}, true, std::numeric_limits<int>::max()).paths.size(), all);
+    EXPECT_EQ(index.query(everything, {}, {}, false, 1).paths.size(), 1u);
+    EXPECT_EQ(relative(index.query(everything, m_home.filePath(QStringLiteral("Work/../Work/./"))).paths),
+              (QStringList{"Work/Caches", "Work/Caches/plan.txt"}));
+    EXPECT_TRUE(index.query(everything, m_home.filePath(QStringLiteral("missing"))).paths.isEmpty());
+    EXPECT_TRUE(index.query(everything, m_home.filePath(tagged)).paths.isEmpty()); // a file is no scope
+    EXPECT_TRUE(index.query(everything, QStringLiteral("relative/path")).ok);
+    // "/" and an ancestor of every root both mean the whole index.
+    EXPECT_EQ(index.query(everything, QStringLiteral("/")).paths.size(), all);
+    EXPECT_EQ(index.query(everything, QFileInfo(m_home.path()).absolutePath()).paths.size(), all);
 
     const std::tuple<QString, const char *, QStringList> attributes[] = {
         {pdf, "kMDItemNumberOfPages", {"1"}},
@@ -311,43 +339,6 @@ TEST_F(MetadataIndexTest, ChangeDuringFirstCrawlGoesBeforeItsBacklog)
     EXPECT_EQ(names(index, nameQuery(QStringLiteral("meanwhile"))), QStringList{"written meanwhile.txt"});
     // Found while most of the tree was still unread.
     EXPECT_LT(filesWhenFound, 45000);
-}
-
-TEST_F(MetadataIndexTest, BadQueriesScopesAndCountsFailCleanly)
-{
-    m_home.writeFile(QStringLiteral("a/one.txt"), "x");
-    const QString file = m_home.writeFile(QStringLiteral("a/two.txt"), "x");
-    MetadataIndex index(config());
-    ASSERT_TRUE(index.updateNow());
-
-    // A quote inside a name must not be dropped so that "one.txt" matches loosely.
-    for (const QString &bad :
-         {QStringLiteral("   "), QString(200000, u'('), QString::fromUtf16(u"a == \"\0\"", 9),
-          QStringLiteral("x == \"") + QChar(0xdc00) + QChar(0xd800),
-          QStringLiteral("kMDItemFSName == \"one\".txt\"")}) {
-        const MetadataQueryResult result = index.query(bad);
-        EXPECT_FALSE(result.ok) << bad.left(40).toStdString();
-        EXPECT_TRUE(result.paths.isEmpty());
-    }
-    // Well-formed but odd: answered, never loosely.
-    EXPECT_TRUE(index.query(QStringLiteral("kMDItemFSName == \"\"")).paths.isEmpty());
-    EXPECT_TRUE(index.query(QStringLiteral("kMDItemDisplayName == \"*\\0*\"cd")).paths.isEmpty());
-    EXPECT_EQ(index.query(QStringLiteral("* == \"\"cdw")).paths.size(), 4u); // every word begins with ""
-    EXPECT_TRUE(index.query(QStringLiteral("kMDItemTextContent == \"***\"cdw")).ok);
-
-    // Counts and scopes.
-    EXPECT_TRUE(index.query(everything, {}, {}, true, 0).paths.isEmpty());
-    EXPECT_TRUE(index.query(everything, {}, {}, true, -5).paths.isEmpty());
-    EXPECT_EQ(index.query(everything, {}, {}, true, std::numeric_limits<int>::max()).paths.size(), 4u);
-    EXPECT_EQ(index.query(everything, {}, {}, false, 1).paths.size(), 1u);
-    EXPECT_EQ(relative(index.query(everything, m_home.filePath(QStringLiteral("a/../a/./"))).paths),
-              (QStringList{"a/one.txt", "a/two.txt"}));
-    EXPECT_TRUE(index.query(everything, m_home.filePath(QStringLiteral("missing"))).paths.isEmpty());
-    EXPECT_TRUE(index.query(everything, file).paths.isEmpty()); // a file is no scope
-    EXPECT_TRUE(index.query(everything, QStringLiteral("relative/path")).ok);
-    // "/" and an ancestor of every root both mean the whole index.
-    EXPECT_EQ(index.query(everything, QStringLiteral("/")).paths.size(), 4u);
-    EXPECT_EQ(index.query(everything, QFileInfo(m_home.path()).absolutePath()).paths.size(), 4u);
 }
 
 TEST_F(MetadataIndexTest, SettingsOddNamesAndLinksAreHonoured)
