@@ -5,11 +5,12 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QSet>
-#include <QThread>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+
+#include <thread>
 
 namespace {
 
@@ -139,13 +140,11 @@ TEST(ComputerInfo, OneComputerIdForManyThreadsAndVersionRule)
 {
     TempHome home;
     QList<QString> ids(16);
-    std::vector<std::unique_ptr<QThread>> threads;
-    for (int i = 0; i < ids.size(); ++i)
-        threads.emplace_back(QThread::create([&ids, i] { ids[i] = vd_FileUtils::getComputerUUID(); }));
-    for (auto &thread : threads)
-        thread->start();
-    for (auto &thread : threads)
-        thread->wait();
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < ids.size(); ++i)
+            threads.emplace_back([&ids, i] { ids[i] = vd_FileUtils::getComputerUUID(); });
+    }
     EXPECT_EQ(QSet<QString>(ids.begin(), ids.end()).size(), 1);
     EXPECT_EQ(ids.first().size(), 32);
     EXPECT_FALSE(ids.first().contains(u'+') || ids.first().contains(u'/') || ids.first().contains(u'='));

@@ -155,7 +155,6 @@ TEST(CloudFolders, ListedAfterDropboxAndGoogleDriveByTheSameMarkerRules)
               (QStringList{home.root(), h + "/GDrive/Apps/vandrel", h + "/Sync/Apps/vandrel",
                            h + "/Nextcloud/Projects/Vandrel"}))
         << "a cloud folder that is also the Dropbox folder gives its root once; one without any gives none";
-    EXPECT_EQ(UserDefaults::stringValue(SettingsKeys::LastBestPath), h + "/Nextcloud/Projects/Vandrel");
 
     // The folder a path lies in, by whole components.
     EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(h + "/Sync/Apps/vandrel"), h + "/Sync");
