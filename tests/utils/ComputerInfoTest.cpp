@@ -93,7 +93,6 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
               info.filePath(QStringLiteral("Dropbox")));
     EXPECT_TRUE(QFileInfo(written.value(QStringLiteral("uploads_folder")).toString()).isDir());
     EXPECT_DOUBLE_EQ(written.value(QStringLiteral("last_updated")).toDouble(), t);
-    EXPECT_FALSE(written.contains(QStringLiteral("pword_required")));
 }
 
 TEST(ComputerInfo, PasswordFlagAndCheckOnlyWrites)

@@ -45,9 +45,8 @@ TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
     TempHome home;
     // Accounts without a path count as no account file.
     home.writeFile(QStringLiteral(".dropbox/info.json"), "{\"personal\": {\"host\": 1}}");
-    QDir(home.path()).mkpath(QStringLiteral("Legacy"));
-    QDir(home.path()).mkpath(QStringLiteral("Dropbox (Team)"));
-    QDir(home.path()).mkpath(QStringLiteral("Dropbox"));
+    for (const char *folder : {"Legacy", "Dropbox (Team)", "Dropbox"})
+        QDir(home.path()).mkpath(QLatin1String(folder));
     home.writeFile(QStringLiteral("Dropbox Notes"), "a file, not a folder");
     const QByteArray encoded = home.filePath(QStringLiteral("Legacy")).toUtf8().toBase64();
     home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\n" + encoded + "\nmore");
