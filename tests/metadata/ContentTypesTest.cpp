@@ -47,7 +47,6 @@ TEST(ContentTypes, MapsMimeTypesOntoTheUniformTypeTree)
     EXPECT_EQ(treeOf("Holiday", true), (QStringList{"public.folder", "public.directory", "public.item"}));
     // Each name's tree starts with the first type and holds the second.
     const std::pair<const char *, std::pair<const char *, const char *>> files[] = {
-        {"a.JPG", {"public.jpeg", "public.image"}},
         {"backup.tar.gz", {"", "public.archive"}},
         {"clip.mp4", {"", "public.movie"}},
         {"message.emlx", {"com.apple.mail.emlx", "public.email-message"}},

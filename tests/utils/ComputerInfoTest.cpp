@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonDocument>
 #include <QSet>
 
 #include <fcntl.h>
@@ -14,17 +15,8 @@
 
 namespace {
 
-// The computer files folder of a Dropbox home, and a file written into it.
-struct InfoHome : DropboxHome
-{
-    QString computers() const { return root() + QStringLiteral("/data.vdldata/computers"); }
-    QString computerFile(const QString &name, const QJsonObject &object) const
-    {
-        QDir().mkpath(computers());
-        vd_FileUtils::writeJsonFile(object, computers() + u'/' + name);
-        return computers() + u'/' + name;
-    }
-};
+// The computer files folder of a Dropbox home, relative to the home.
+const QString kComputers = QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/computers/");
 
 QJsonObject machine(const QString &name, double lastUpdated)
 {
@@ -35,7 +27,7 @@ QJsonObject machine(const QString &name, double lastUpdated)
 
 TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
 {
-    InfoHome info;
+    DropboxHome info;
     const QDateTime now = QDateTime::currentDateTimeUtc();
     const double t = vd_FileUtils::JSONDate(now);
     const QString own = vd_FileUtils::getComputerUUID() + QStringLiteral(".json");
@@ -59,20 +51,20 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
         {undated, {{QStringLiteral("computer_name"), QStringLiteral("u")}}, false}};
     QStringList expected{QStringLiteral("junk.json")};
     for (const auto &[name, content, kept] : files) {
-        info.computerFile(name, content);
+        info.writeFile(kComputers + name, QJsonDocument(content).toJson());
         if (kept)
             expected.append(name);
     }
     const struct timespec longAgo[2] = {{0, UTIME_OMIT}, {qint64(t) - 300000, 0}};
-    ::utimensat(AT_FDCWD, QFile::encodeName(info.computers() + u'/' + undated).constData(), longAgo, 0);
-    info.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/computers/junk.json"), "[not an object");
+    ::utimensat(AT_FDCWD, QFile::encodeName(info.filePath(kComputers + undated)).constData(), longAgo, 0);
+    info.writeFile(kComputers + QStringLiteral("junk.json"), "[not an object");
     info.writeFile(
         QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions_are_here (conflicted copy).json"), "{}");
 
     vd_FileUtils::writeComputerInfoFileTo(info.root(), false, now);
 
     expected.sort(); // the computer id is random, so its place in the listing is too
-    QStringList remaining = QDir(info.computers()).entryList(QDir::Files);
+    QStringList remaining = QDir(info.filePath(kComputers)).entryList(QDir::Files);
     remaining.sort();
     EXPECT_EQ(remaining, expected);
     // Nothing was deleted: every removed item is in the trash with its restore record.
@@ -86,7 +78,7 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
                   0);
     EXPECT_TRUE(QFileInfo::exists(info.root() + QStringLiteral("/data.vdldata/sessions_are_here.json")));
 
-    const QJsonObject written = vd_FileUtils::readJsonFileMutableDictionary(info.computers() + u'/' + own);
+    const QJsonObject written = vd_FileUtils::readJsonFileMutableDictionary(info.filePath(kComputers + own));
     EXPECT_EQ(written.value(QStringLiteral("platform")).toString(), QStringLiteral("osx"));
     EXPECT_EQ(written.value(QStringLiteral("computer_id")).toString() + QStringLiteral(".json"), own);
     EXPECT_EQ(written.value(QStringLiteral("dropbox_path")).toString(),
@@ -97,8 +89,8 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
 
 TEST(ComputerInfo, PasswordFlagAndCheckOnlyWrites)
 {
-    InfoHome info;
-    const QString own = info.computers() + u'/' + vd_FileUtils::getComputerUUID() + QStringLiteral(".json");
+    DropboxHome info;
+    const QString own = info.filePath(kComputers + vd_FileUtils::getComputerUUID() + QStringLiteral(".json"));
     const auto flag = [&] {
         return vd_FileUtils::readJsonFileMutableDictionary(own).value(QStringLiteral("pword_required"));
     };
@@ -109,8 +101,8 @@ TEST(ComputerInfo, PasswordFlagAndCheckOnlyWrites)
     EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/data.vdldata")));
 
     // With the file present a check changes nothing, not even the clean-up.
-    const QString conflict =
-        info.computerFile(QString(60, u'x') + QStringLiteral(".j"), machine(QStringLiteral("c"), 0));
+    const QString conflict = info.writeFile(kComputers + QString(60, u'x') + QStringLiteral(".j"),
+                                            QJsonDocument(machine(QStringLiteral("c"), 0)).toJson());
     info.setPassword(QStringLiteral("secret"));
     vd_FileUtils::ensureComputerInfo();
     EXPECT_TRUE(QFileInfo::exists(conflict));
@@ -147,7 +139,6 @@ TEST(ComputerInfo, OneComputerIdForManyThreadsAndVersionRule)
     EXPECT_EQ(QSet<QString>(ids.begin(), ids.end()).size(), 1);
     EXPECT_EQ(ids.first().size(), 32);
     EXPECT_FALSE(ids.first().contains(u'+') || ids.first().contains(u'/') || ids.first().contains(u'='));
-    EXPECT_EQ(vd_FileUtils::getComputerUUID(), ids.first());
     // A version too long for the WebApp's field gives way to the build number.
     EXPECT_EQ(vd_FileUtils::appVersionString(QString(21, u'9'), QStringLiteral("142")),
               QStringLiteral("142"));

@@ -169,13 +169,8 @@ TEST(CloudFolders, StoredListWhenTheEnvironmentSaysNothing)
     qunsetenv("VANDREL_CLOUD_FOLDERS");
     writeMarker(home, QStringLiteral("A/Apps/vandrel"), 5);
     writeMarker(home, QStringLiteral("B/Apps/vandrel"), 5);
-    EXPECT_TRUE(vd_FileUtils::cloudFolders().isEmpty());
     EXPECT_TRUE(vd_FileUtils::storageFoldersDropBoxGDriveEtc().isEmpty());
     UserDefaults::setValue(SettingsKeys::CloudFolders, QStringList{home.filePath("B"), home.filePath("A")});
     EXPECT_EQ(vd_FileUtils::storageFoldersDropBoxGDriveEtc(),
               (QStringList{home.filePath("B/Apps/vandrel"), home.filePath("A/Apps/vandrel")}));
-    UserDefaults::setValue(SettingsKeys::CloudFolders, home.filePath("A"));
-    EXPECT_EQ(vd_FileUtils::cloudFolders(), QStringList{home.filePath("A")});
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(home.filePath("A/Apps/vandrel")), home.filePath("A"));
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(home.filePath("B/Apps/vandrel")), QString());
 }
