@@ -10,34 +10,46 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-TEST(StorageFolders, AccountsKeepFileOrderAndGoogleDriveComesLast)
+TEST(StorageFolders, AccountsInFileOrderThenGoogleDriveThenCloudFoldersByTheSameMarkerRules)
 {
     TempHome home;
-    const QDateTime now = QDateTime::currentDateTimeUtc();
-    writeMarker(home, QStringLiteral("Work/Apps/vandrel"), 100000, now);
-    writeMarker(home, QStringLiteral("Personal/Apps/vandrel"), 100000, now);
-    QDir(home.path()).mkpath(QStringLiteral("GDrive"));
-    QDir(home.path()).mkpath(QStringLiteral("Dropbox (Old)")); // only the legacy branch scans the home folder
+    const QString h = home.path();
+    writeMarker(home, QStringLiteral("Work/Apps/vandrel"), 100000);
+    writeMarker(home, QStringLiteral("Personal/Apps/vandrel"), 100000);
+    writeMarker(home, QStringLiteral("Sync/Apps/vandrel"), 100000);
+    // No standard folder: the deep search finds the moved one, as in a Dropbox folder.
+    writeMarker(home, QStringLiteral("Nextcloud/Projects/Vandrel"), 10);
+    // Only the legacy branch scans the home folder for "Dropbox (Old)".
+    for (const char *folder : {"GDrive", "Empty", "Dropbox (Old)"})
+        QDir(h).mkpath(QLatin1String(folder));
     // Saved with a byte-order mark, as editors on other systems do.
     home.writeFile(
         QStringLiteral(".dropbox/info.json"),
         QStringLiteral("\uFEFF{\"zeta\": {\"path\": \"%1/Personal\"}, \"alpha\": {\"path\": \"%1/Work\"},"
                        " \"other\": {\"host\": 5}}")
-            .arg(home.path())
+            .arg(h)
             .toUtf8());
+    home.setEnvironment("VANDREL_CLOUD_FOLDERS", (h + "/Sync/:" + h + "/missing::relative/folder:" + h +
+                                                  "/Nextcloud:" + h + "/Work:" + h + "/Sync:" + h + "/Empty")
+                                                     .toUtf8());
 
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Personal")),
-                                                                home.filePath(QStringLiteral("Work"))}));
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), (QStringList{h + "/Personal", h + "/Work"}));
+    EXPECT_EQ(vd_FileUtils::cloudFolders(),
+              (QStringList{h + "/Sync", h + "/Nextcloud", h + "/Work", h + "/Empty"}))
+        << "missing and relative folders are left out, each folder once";
     EXPECT_EQ(vd_FileUtils::storageFoldersDropBoxGDriveEtc(),
-              QStringList({home.filePath(QStringLiteral("Personal/Apps/vandrel")),
-                           home.filePath(QStringLiteral("Work/Apps/vandrel")),
-                           home.filePath(QStringLiteral("GDrive/Apps/vandrel"))}));
-    EXPECT_TRUE(QFileInfo(home.filePath(QStringLiteral("GDrive/Apps/vandrel"))).isDir());
+              (QStringList{h + "/Personal/Apps/vandrel", h + "/Work/Apps/vandrel", h + "/GDrive/Apps/vandrel",
+                           h + "/Sync/Apps/vandrel", h + "/Nextcloud/Projects/Vandrel"}))
+        << "a cloud folder that is also a Dropbox folder gives its root once; one without any gives none";
+    EXPECT_TRUE(QFileInfo(h + "/GDrive/Apps/vandrel").isDir());
 
-    // A plain prefix test, as the cloud client's own folders are compared.
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(home.filePath(QStringLiteral("Work2/a"))),
-              home.filePath(QStringLiteral("Work")));
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(QStringLiteral("/elsewhere")), QString());
+    // A plain prefix test, as the cloud client's own folders are compared; whole components for the others.
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(h + "/Work2/a"), h + "/Work");
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(h + "/Nextcloud/Projects/Vandrel/uploads/x"), h + "/Nextcloud");
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(h + "/Sync-other/Apps/vandrel"), QString());
+    QDir(h).mkpath(QStringLiteral("Dropbox"));
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(QStringLiteral("/elsewhere")), h + "/Dropbox")
+        << "the standard folder when nothing else holds the path";
 }
 
 TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
@@ -130,37 +142,6 @@ TEST(StorageFolders, MonthFoldersForUploadsAndDownloads)
               home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/11")));
     EXPECT_TRUE(
         QFileInfo(home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/11"))).isDir());
-}
-
-TEST(CloudFolders, ListedAfterDropboxAndGoogleDriveByTheSameMarkerRules)
-{
-    DropboxHome home;
-    writeMarker(home, QStringLiteral("Dropbox/Apps/vandrel"), 100000);
-    QDir(home.path()).mkpath(QStringLiteral("GDrive"));
-    writeMarker(home, QStringLiteral("Sync/Apps/vandrel"), 100000);
-    // No standard folder: the deep search finds the moved one, as in a Dropbox folder.
-    writeMarker(home, QStringLiteral("Nextcloud/Projects/Vandrel"), 10);
-    QDir(home.path()).mkpath(QStringLiteral("Empty"));
-    const QString h = home.path();
-    home.setEnvironment("VANDREL_CLOUD_FOLDERS",
-                        (h + "/Sync/:" + h + "/missing::relative/folder:" + h + "/Nextcloud:" + h +
-                         "/Dropbox:" + h + "/Sync:" + h + "/Empty")
-                            .toUtf8());
-
-    EXPECT_EQ(vd_FileUtils::cloudFolders(),
-              (QStringList{h + "/Sync", h + "/Nextcloud", h + "/Dropbox", h + "/Empty"}))
-        << "missing and relative folders are left out, each folder once";
-    EXPECT_EQ(vd_FileUtils::storageFoldersDropBoxGDriveEtc(),
-              (QStringList{home.root(), h + "/GDrive/Apps/vandrel", h + "/Sync/Apps/vandrel",
-                           h + "/Nextcloud/Projects/Vandrel"}))
-        << "a cloud folder that is also the Dropbox folder gives its root once; one without any gives none";
-
-    // The folder a path lies in, by whole components.
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(h + "/Sync/Apps/vandrel"), h + "/Sync");
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(h + "/Nextcloud/Projects/Vandrel/uploads/x"), h + "/Nextcloud");
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(home.root()), h + "/Dropbox");
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(h + "/Sync-other/Apps/vandrel"), h + "/Dropbox")
-        << "not the cloud folder whose name merely begins it; the Dropbox fallback as before";
 }
 
 TEST(CloudFolders, StoredListWhenTheEnvironmentSaysNothing)
