@@ -4,9 +4,8 @@
 #include "support/SFHFKeychainUtils.h"
 #include "support/ls_Keychain.h"
 
+#include <QDir>
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -34,17 +33,9 @@ TEST(Keychain, StoreReadReplaceAndFailuresKeepTheirLogLinesAndQuirks)
     std::optional<SFHFKeychainUtils::Error> error;
 
     // An item without a readable secret (the only item so far): reading reports -1999, storing replaces it.
-    ASSERT_EQ(FileSecretStore().write(service, service, QStringLiteral("k"), "x").status,
-              SecretStore::Success);
-    QFile store(FileSecretStore::defaultPath());
-    ASSERT_TRUE(store.open(QIODevice::ReadWrite));
-    QJsonObject items = QJsonDocument::fromJson(store.readAll()).object();
-    QJsonObject item = items.begin()->toObject();
-    item.remove(QStringLiteral("secret"));
-    items[items.begin().key()] = item;
-    ASSERT_TRUE(store.resize(0) && store.seek(0));
-    store.write(QJsonDocument(items).toJson());
-    store.close();
+    const QString store = FileSecretStore::defaultPath();
+    home.writeFile(QDir(home.path()).relativeFilePath(store), "{\"VandrelOSX\\nk\": {\"account\": \"k\"}}");
+    ASSERT_EQ(::chmod(QFile::encodeName(store).constData(), 0600), 0);
 
     EXPECT_EQ(SFHFKeychainUtils::getPasswordForUsername(QStringLiteral("k"), service, &error), std::nullopt);
     ASSERT_TRUE(error.has_value());
@@ -71,14 +62,14 @@ TEST(Keychain, StoreReadReplaceAndFailuresKeepTheirLogLinesAndQuirks)
 
     ls_Keychain::setString(QStringLiteral("first"), QStringLiteral("computer_password_x"));
     EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("first"));
-    const ino_t written = inode(store.fileName());
+    const ino_t written = inode(store);
 
     // The same value again changes nothing on disk; another value does.
     ls_Keychain::setString(QStringLiteral("first"), QStringLiteral("computer_password_x"));
-    EXPECT_EQ(inode(store.fileName()), written);
+    EXPECT_EQ(inode(store), written);
 
     ls_Keychain::setString(QStringLiteral("second"), QStringLiteral("computer_password_x"));
-    EXPECT_NE(inode(store.fileName()), written);
+    EXPECT_NE(inode(store), written);
     EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("second"));
     ls_Keychain::setString(QString(), QStringLiteral("computer_password_x")); // a missing value
     EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("second"));

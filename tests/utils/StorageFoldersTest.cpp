@@ -129,7 +129,6 @@ TEST(StorageFolders, MonthFoldersForUploadsAndDownloads)
     EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolder(home.filePath(QStringLiteral("root")), march),
               home.filePath(QStringLiteral("root/uploads/2014/3")));
     EXPECT_TRUE(QFileInfo(home.filePath(QStringLiteral("root/uploads/2014/3"))).isDir());
-    EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolderROOT(QString()), QString());
     // No root: nothing is made at the top of the file system.
     EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolder(QString(), march), QString());
     EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/2014/3")));
