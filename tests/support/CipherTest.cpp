@@ -68,7 +68,6 @@ TEST(Cipher, SizesAndInitialValueRules)
     // Another IV length is digested, and decryption ignores any IV: only the first block comes out wrong.
     const QByteArray otherIv = *encrypt(plain, key, QByteArray("short iv"));
     EXPECT_NE(otherIv, zeroIv);
-    EXPECT_EQ(decrypt(zeroIv, key, QByteArray(16, '\x7f')), plain);
     EXPECT_EQ(decrypt(zeroIv, key, QByteArray("any")), plain);
     EXPECT_EQ(decrypt(otherIv, key)->mid(16), plain.mid(16));
     EXPECT_EQ(sha1("abc").toHex(), QByteArray("a9993e364706816aba3e25717850c26c"));

@@ -62,7 +62,6 @@ TEST(Encodings, ZlibStreamsInflateWithZlib)
     for (const QByteArray &input : {QByteArray("{}"), QByteArray(100000, 'a'), randomBytes(50000, 7)}) {
         const std::optional<QByteArray> stream = zlibDeflate(input);
         ASSERT_TRUE(stream.has_value());
-        EXPECT_EQ(quint8(stream->at(0)), 0x78);
         // qUncompress inflates a plain zlib stream behind its own big-endian length.
         QByteArray framed(4, '\0');
         qToBigEndian(quint32(input.size()), framed.data());

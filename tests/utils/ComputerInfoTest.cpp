@@ -68,14 +68,12 @@ TEST(ComputerInfo, CleanUpTrashesConflictsOldFilesDuplicatesAndMarkerCopies)
     remaining.sort();
     EXPECT_EQ(remaining, expected);
     // Nothing was deleted: every removed item is in the trash with its restore record.
-    const QStringList trashed = QDir(info.filePath(QStringLiteral(".local/share/Trash/files")))
+    const QString trash = info.filePath(QStringLiteral(".local/share/Trash/"));
+    const QStringList trashed = QDir(trash + QStringLiteral("files"))
                                     .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
     EXPECT_EQ(trashed.size(), 6) << trashed.join(u',').toStdString();
     for (const QString &name : trashed)
-        EXPECT_GT(QFileInfo(info.filePath(QStringLiteral(".local/share/Trash/info/") + name +
-                                          QStringLiteral(".trashinfo")))
-                      .size(),
-                  0);
+        EXPECT_GT(QFileInfo(trash + QStringLiteral("info/") + name + QStringLiteral(".trashinfo")).size(), 0);
     EXPECT_TRUE(QFileInfo::exists(info.root() + QStringLiteral("/data.vdldata/sessions_are_here.json")));
 
     const QJsonObject written = vd_FileUtils::readJsonFileMutableDictionary(info.filePath(kComputers + own));
