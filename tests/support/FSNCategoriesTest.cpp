@@ -6,21 +6,20 @@
 
 TEST(FSNCategories, UrlEncoding)
 {
-    EXPECT_EQ(urlEncodedString(QStringLiteral("x y&z")), QStringLiteral("x%20y%26z"));
-    EXPECT_EQ(urlEncodedString(QStringLiteral("!*'();:@&=+$,/?%#[]")),
-              QStringLiteral("%21%2A%27%28%29%3B%3A%40%26%3D%2B%24%2C%2F%3F%25%23%5B%5D"));
-    EXPECT_EQ(urlEncodedString(QStringLiteral("aZ09-._~")), QStringLiteral("aZ09-._~"));
-    EXPECT_EQ(urlEncodedString(QString::fromUtf8("é\"<")), QStringLiteral("%C3%A9%22%3C"));
-
-    EXPECT_EQ(urlEncodedString(QVariant(-42)), QStringLiteral("-42"));
-    EXPECT_EQ(urlEncodedString(QVariant(quint64(18446744073709551615ULL))),
-              QStringLiteral("18446744073709551615"));
-    EXPECT_EQ(urlEncodedString(QVariant(0.1)), QStringLiteral("0.1"));
-    EXPECT_EQ(urlEncodedString(QVariant(true)), QStringLiteral("1"));
-    // Elements are escaped, commas in them too, but the joining comma is not.
-    EXPECT_EQ(urlEncodedString(
-                  QVariant(QVariantList{QStringLiteral("a,b"), 3, QVariantList{QStringLiteral("c d")}})),
-              QStringLiteral("a%2Cb,3,c%20d"));
+    const std::pair<QVariant, QString> encoded[] = {
+        {QStringLiteral("!*'();:@&=+$,/?%#[]"),
+         QStringLiteral("%21%2A%27%28%29%3B%3A%40%26%3D%2B%24%2C%2F%3F%25%23%5B%5D")},
+        {QStringLiteral("aZ09-._~"), QStringLiteral("aZ09-._~")},
+        {QString::fromUtf8("é\"<"), QStringLiteral("%C3%A9%22%3C")},
+        {-42, QStringLiteral("-42")},
+        {quint64(18446744073709551615ULL), QStringLiteral("18446744073709551615")},
+        {0.1, QStringLiteral("0.1")},
+        {true, QStringLiteral("1")},
+        // Elements are escaped, commas in them too, but the joining comma is not.
+        {QVariantList{QStringLiteral("a,b"), 3, QVariantList{QStringLiteral("c d")}},
+         QStringLiteral("a%2Cb,3,c%20d")}};
+    for (const auto &[value, text] : encoded)
+        EXPECT_EQ(urlEncodedString(value), text) << text.toStdString();
 
     const QVariantMap parameters{{QStringLiteral("b"), QStringLiteral("x y&z")},
                                  {QStringLiteral("a key"), 5},

@@ -4,21 +4,13 @@
 #include "support/SFHFKeychainUtils.h"
 #include "support/ls_Keychain.h"
 
+#include <QDir>
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 namespace {
-
-// ctest runs each case in its own process, and the store is chosen once per process: the file store here.
-struct FileKeychain
-{
-    FileKeychain() { home.setEnvironment("VANDREL_KEYCHAIN", "file"); }
-    TempHome home;
-};
 
 // The file is replaced, never rewritten in place: a new inode means it was written again.
 ino_t inode(const QString &path)
@@ -31,52 +23,19 @@ ino_t inode(const QString &path)
 
 } // namespace
 
-TEST(Keychain, StoreReadAndReplaceWithTheirLogLines)
+// The store is chosen once per process, so one case covers every use of the file store.
+TEST(Keychain, StoreReadReplaceAndFailuresKeepTheirLogLinesAndQuirks)
 {
-    FileKeychain keychain;
-    LogCapture log;
-    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), std::nullopt);
-    EXPECT_TRUE(LogCapture::lines.isEmpty()); // not found is no error
-
-    ls_Keychain::setString(QStringLiteral("first"), QStringLiteral("computer_password_x"));
-    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("first"));
-    const QString file = FileSecretStore::defaultPath();
-    const ino_t written = inode(file);
-
-    // The same value again changes nothing on disk; another value does.
-    ls_Keychain::setString(QStringLiteral("first"), QStringLiteral("computer_password_x"));
-    EXPECT_EQ(inode(file), written);
-
-    ls_Keychain::setString(QStringLiteral("second"), QStringLiteral("computer_password_x"));
-    EXPECT_NE(inode(file), written);
-    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("second"));
-    ls_Keychain::setString(QString(), QStringLiteral("computer_password_x")); // a missing value
-    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("second"));
-
-    ASSERT_EQ(LogCapture::lines.size(), 1);
-    EXPECT_TRUE(LogCapture::lines[0].startsWith(QStringLiteral("error setting password ")));
-    EXPECT_TRUE(LogCapture::lines[0].contains(QStringLiteral("SFHFKeychainUtilsErrorDomain error -2000")));
-}
-
-TEST(Keychain, UnreadableItemsAreReplacedAndFailedWritesKeepTheirQuirk)
-{
-    FileKeychain keychain;
+    TempHome home;
+    home.setEnvironment("VANDREL_KEYCHAIN", "file");
+    const LogCapture log;
     const QString service = QStringLiteral("VandrelOSX");
     std::optional<SFHFKeychainUtils::Error> error;
 
-    // An item without a readable secret: reading reports -1999, storing replaces it.
-    FileSecretStore store;
-    ASSERT_EQ(store.write(service, service, QStringLiteral("k"), "x").status, SecretStore::Success);
-    QFile file(FileSecretStore::defaultPath());
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    QJsonObject items = QJsonDocument::fromJson(file.readAll()).object();
-    file.close();
-    QJsonObject item = items.begin()->toObject();
-    item.remove(QStringLiteral("secret"));
-    items[items.begin().key()] = item;
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(QJsonDocument(items).toJson());
-    file.close();
+    // An item without a readable secret (the only item so far): reading reports -1999, storing replaces it.
+    const QString store = FileSecretStore::defaultPath();
+    home.writeFile(QDir(home.path()).relativeFilePath(store), "{\"VandrelOSX\\nk\": {\"account\": \"k\"}}");
+    ASSERT_EQ(::chmod(QFile::encodeName(store).constData(), 0600), 0);
 
     EXPECT_EQ(SFHFKeychainUtils::getPasswordForUsername(QStringLiteral("k"), service, &error), std::nullopt);
     ASSERT_TRUE(error.has_value());
@@ -95,12 +54,32 @@ TEST(Keychain, UnreadableItemsAreReplacedAndFailedWritesKeepTheirQuirk)
 
     EXPECT_FALSE(SFHFKeychainUtils::deleteItemForUsername(QString(), service, &error));
     EXPECT_EQ(error->code, -2000);
-    EXPECT_EQ(error->domain, QStringLiteral("SFHFKeychainUtilsErrorDomain"));
+
+    LogCapture::lines.clear();
+    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), std::nullopt);
+    EXPECT_TRUE(LogCapture::lines.isEmpty()); // not found is no error
+
+    ls_Keychain::setString(QStringLiteral("first"), QStringLiteral("computer_password_x"));
+    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("first"));
+    const ino_t written = inode(store);
+
+    // The same value again changes nothing on disk; another value does.
+    ls_Keychain::setString(QStringLiteral("first"), QStringLiteral("computer_password_x"));
+    EXPECT_EQ(inode(store), written);
+
+    ls_Keychain::setString(QStringLiteral("second"), QStringLiteral("computer_password_x"));
+    EXPECT_NE(inode(store), written);
+    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("second"));
+    ls_Keychain::setString(QString(), QStringLiteral("computer_password_x")); // a missing value
+    EXPECT_EQ(ls_Keychain::stringForKey(QStringLiteral("computer_password_x")), QStringLiteral("second"));
+
+    ASSERT_EQ(LogCapture::lines.size(), 1);
+    EXPECT_TRUE(LogCapture::lines[0].startsWith(QStringLiteral("error setting password ")));
+    EXPECT_TRUE(LogCapture::lines[0].contains(QStringLiteral("SFHFKeychainUtilsErrorDomain error -2000")));
 
     // A store that cannot be written: the add fails, and only a caller without an error slot hears "true".
-    keychain.home.setEnvironment(
-        "XDG_DATA_HOME",
-        QFile::encodeName(keychain.home.writeFile(QStringLiteral("blocker"), "file") + "/data"));
+    home.setEnvironment("XDG_DATA_HOME",
+                        QFile::encodeName(home.writeFile(QStringLiteral("blocker"), "file") + "/data"));
     EXPECT_FALSE(
         SFHFKeychainUtils::storeUsername(QStringLiteral("n"), QStringLiteral("v"), service, true, &error));
     EXPECT_EQ(error->code, int(SecretStore::StoreFailed));

@@ -9,7 +9,7 @@
 
 // Objects are read (after a byte-order mark too); other text is logged and read as empty; so is a file too
 // large to be one of ours.
-TEST(FileUtils, TolerantReaderLogsOnlyForTextThatIsNotAnObject)
+TEST(FileUtils, TolerantReaderLogsOnlyForTextThatIsNotAnObjectAndWriterReplacesWhole)
 {
     TempHome home;
     LogCapture log;
@@ -21,7 +21,6 @@ TEST(FileUtils, TolerantReaderLogsOnlyForTextThatIsNotAnObject)
         return vd_FileUtils::readJsonFileMutableDictionary(home.writeFile(QStringLiteral("f.json"), content));
     };
     EXPECT_EQ(read("{\"date\": 12.5, \"a\": [1]}").value(QStringLiteral("date")).toDouble(), 12.5);
-    // Text saved with a UTF-8 byte-order mark in front.
     EXPECT_EQ(read("\xEF\xBB\xBF{\"date\": 3}").value(QStringLiteral("date")).toDouble(), 3);
     EXPECT_TRUE(LogCapture::lines.isEmpty());
 
@@ -37,11 +36,8 @@ TEST(FileUtils, TolerantReaderLogsOnlyForTextThatIsNotAnObject)
     EXPECT_TRUE(LogCapture::lines.first().contains(QStringLiteral("too large")));
     EXPECT_EQ(read("{\"date\": 5" + padding.left(1 << 20) + "}").value(QStringLiteral("date")).toDouble(),
               5.0);
-}
 
-TEST(FileUtils, WritesIndentedJsonAtomicallyAndRoundTrips)
-{
-    TempHome home;
+    // Written indented; a value that is no object or array writes nothing and leaves the old file whole.
     const QString path = home.filePath(QStringLiteral("out.json"));
     QJsonObject record{{QStringLiteral("computer_name"), QStringLiteral("Zoë")}, {QStringLiteral("n"), 3}};
     vd_FileUtils::writeJsonFile(record, path);
@@ -49,11 +45,10 @@ TEST(FileUtils, WritesIndentedJsonAtomicallyAndRoundTrips)
     QFile file(path);
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_TRUE(file.readAll().contains("\n    \"n\": 3"));
-
-    // A value that is no object or array writes nothing and leaves the old file whole.
     vd_FileUtils::writeJsonFile(QJsonValue(5), path);
     EXPECT_EQ(vd_FileUtils::readJsonFileMutableDictionary(path), record);
-    EXPECT_EQ(QDir(home.path()).entryList(QDir::Files), QStringList({QStringLiteral("out.json")}));
+    EXPECT_EQ(QDir(home.path()).entryList(QDir::Files),
+              QStringList({QStringLiteral("f.json"), QStringLiteral("out.json")}));
 }
 
 TEST(FileUtils, JsonDatesRoundTrip)

@@ -10,34 +10,46 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-TEST(StorageFolders, AccountsKeepFileOrderAndGoogleDriveComesLast)
+TEST(StorageFolders, AccountsInFileOrderThenGoogleDriveThenCloudFoldersByTheSameMarkerRules)
 {
     TempHome home;
-    const QDateTime now = QDateTime::currentDateTimeUtc();
-    writeMarker(home, QStringLiteral("Work/Apps/vandrel"), 100000, now);
-    writeMarker(home, QStringLiteral("Personal/Apps/vandrel"), 100000, now);
-    QDir(home.path()).mkpath(QStringLiteral("GDrive"));
-    QDir(home.path()).mkpath(QStringLiteral("Dropbox (Old)")); // only the legacy branch scans the home folder
+    const QString h = home.path();
+    writeMarker(home, QStringLiteral("Work/Apps/vandrel"), 100000);
+    writeMarker(home, QStringLiteral("Personal/Apps/vandrel"), 100000);
+    writeMarker(home, QStringLiteral("Sync/Apps/vandrel"), 100000);
+    // No standard folder: the deep search finds the moved one, as in a Dropbox folder.
+    writeMarker(home, QStringLiteral("Nextcloud/Projects/Vandrel"), 10);
+    // Only the legacy branch scans the home folder for "Dropbox (Old)".
+    for (const char *folder : {"GDrive", "Empty", "Dropbox (Old)"})
+        QDir(h).mkpath(QLatin1String(folder));
     // Saved with a byte-order mark, as editors on other systems do.
     home.writeFile(
         QStringLiteral(".dropbox/info.json"),
         QStringLiteral("\uFEFF{\"zeta\": {\"path\": \"%1/Personal\"}, \"alpha\": {\"path\": \"%1/Work\"},"
                        " \"other\": {\"host\": 5}}")
-            .arg(home.path())
+            .arg(h)
             .toUtf8());
+    home.setEnvironment("VANDREL_CLOUD_FOLDERS", (h + "/Sync/:" + h + "/missing::relative/folder:" + h +
+                                                  "/Nextcloud:" + h + "/Work:" + h + "/Sync:" + h + "/Empty")
+                                                     .toUtf8());
 
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Personal")),
-                                                                home.filePath(QStringLiteral("Work"))}));
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), (QStringList{h + "/Personal", h + "/Work"}));
+    EXPECT_EQ(vd_FileUtils::cloudFolders(),
+              (QStringList{h + "/Sync", h + "/Nextcloud", h + "/Work", h + "/Empty"}))
+        << "missing and relative folders are left out, each folder once";
     EXPECT_EQ(vd_FileUtils::storageFoldersDropBoxGDriveEtc(),
-              QStringList({home.filePath(QStringLiteral("Personal/Apps/vandrel")),
-                           home.filePath(QStringLiteral("Work/Apps/vandrel")),
-                           home.filePath(QStringLiteral("GDrive/Apps/vandrel"))}));
-    EXPECT_TRUE(QFileInfo(home.filePath(QStringLiteral("GDrive/Apps/vandrel"))).isDir());
+              (QStringList{h + "/Personal/Apps/vandrel", h + "/Work/Apps/vandrel", h + "/GDrive/Apps/vandrel",
+                           h + "/Sync/Apps/vandrel", h + "/Nextcloud/Projects/Vandrel"}))
+        << "a cloud folder that is also a Dropbox folder gives its root once; one without any gives none";
+    EXPECT_TRUE(QFileInfo(h + "/GDrive/Apps/vandrel").isDir());
 
-    // A plain prefix test, as the cloud client's own folders are compared.
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(home.filePath(QStringLiteral("Work2/a"))),
-              home.filePath(QStringLiteral("Work")));
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(QStringLiteral("/elsewhere")), QString());
+    // A plain prefix test, as the cloud client's own folders are compared; whole components for the others.
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(h + "/Work2/a"), h + "/Work");
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(h + "/Nextcloud/Projects/Vandrel/uploads/x"), h + "/Nextcloud");
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(h + "/Sync-other/Apps/vandrel"), QString());
+    QDir(h).mkpath(QStringLiteral("Dropbox"));
+    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(QStringLiteral("/elsewhere")), h + "/Dropbox")
+        << "the standard folder when nothing else holds the path";
 }
 
 TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
@@ -45,9 +57,8 @@ TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
     TempHome home;
     // Accounts without a path count as no account file.
     home.writeFile(QStringLiteral(".dropbox/info.json"), "{\"personal\": {\"host\": 1}}");
-    QDir(home.path()).mkpath(QStringLiteral("Legacy"));
-    QDir(home.path()).mkpath(QStringLiteral("Dropbox (Team)"));
-    QDir(home.path()).mkpath(QStringLiteral("Dropbox"));
+    for (const char *folder : {"Legacy", "Dropbox (Team)", "Dropbox"})
+        QDir(home.path()).mkpath(QLatin1String(folder));
     home.writeFile(QStringLiteral("Dropbox Notes"), "a file, not a folder");
     const QByteArray encoded = home.filePath(QStringLiteral("Legacy")).toUtf8().toBase64();
     home.writeFile(QStringLiteral(".dropbox/host.db"), "1234\n" + encoded + "\nmore");
@@ -72,7 +83,6 @@ TEST(StorageFolders, LegacyHostFileAndItsHomeScanThenTheStandardFolder)
     EXPECT_EQ(vd_FileUtils::dropBoxFolderGETAll(), QStringList({home.filePath(QStringLiteral("Dropbox"))}));
     QDir(home.filePath(QStringLiteral("Dropbox"))).removeRecursively();
     EXPECT_TRUE(vd_FileUtils::dropBoxFolderGETAll().isEmpty());
-    EXPECT_EQ(vd_FileUtils::dropBoxFolderGET(home.filePath(QStringLiteral("x"))), QString());
 }
 
 TEST(StorageFolders, DeepSearchDepthFreshnessAndCache)
@@ -119,7 +129,6 @@ TEST(StorageFolders, MonthFoldersForUploadsAndDownloads)
     EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolder(home.filePath(QStringLiteral("root")), march),
               home.filePath(QStringLiteral("root/uploads/2014/3")));
     EXPECT_TRUE(QFileInfo(home.filePath(QStringLiteral("root/uploads/2014/3"))).isDir());
-    EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolderROOT(QString()), QString());
     // No root: nothing is made at the top of the file system.
     EXPECT_EQ(vd_FileUtils::getDefaultDropBoxUploadsFolder(QString(), march), QString());
     EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/2014/3")));
@@ -132,4 +141,16 @@ TEST(StorageFolders, MonthFoldersForUploadsAndDownloads)
               home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/11")));
     EXPECT_TRUE(
         QFileInfo(home.filePath(QStringLiteral("T\u00e9l\u00e9chargements/From Dropbox/2014/11"))).isDir());
+}
+
+TEST(CloudFolders, StoredListWhenTheEnvironmentSaysNothing)
+{
+    TempHome home;
+    qunsetenv("VANDREL_CLOUD_FOLDERS");
+    writeMarker(home, QStringLiteral("A/Apps/vandrel"), 5);
+    writeMarker(home, QStringLiteral("B/Apps/vandrel"), 5);
+    EXPECT_TRUE(vd_FileUtils::storageFoldersDropBoxGDriveEtc().isEmpty());
+    UserDefaults::setValue(SettingsKeys::CloudFolders, QStringList{home.filePath("B"), home.filePath("A")});
+    EXPECT_EQ(vd_FileUtils::storageFoldersDropBoxGDriveEtc(),
+              (QStringList{home.filePath("B/Apps/vandrel"), home.filePath("A/Apps/vandrel")}));
 }
