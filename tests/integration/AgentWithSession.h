@@ -78,13 +78,16 @@ protected:
     void TearDown() override;
     virtual void prepareHome() {}
 
-    // Sends one request (with the password hash unless told otherwise) and waits for its result; an object
-    // holding only "missing" with the agent's log when none came in time.
+    // Sends one request in session "web", marked so its result can be told apart, and waits for the poll
+    // that posts that result.
+    std::optional<FakeRelay::Poll> send(QJsonObject request, bool withHash, std::chrono::milliseconds wait);
+    // The result of one request sent with the password hash unless told otherwise; an object holding only
+    // "missing" with the agent's log when none came in time.
     QJsonObject ask(QJsonObject request, bool withHash = true);
+    // Whether no result came for one request, sent without the hash unless told, within a short wait.
+    bool unanswered(QJsonObject request, bool withHash = false);
     // The result of a listing of the home folder asked with this password hash.
     QJsonObject searchWith(const QString &proof);
-    // Sends one request and answers whether no result for it came within the wait.
-    bool unanswered(QJsonObject request, bool withHash = false);
     // The record sealed as an "encrypted" envelope under the password "pw", tagged with the cache key.
     QJsonObject sealed(const QJsonObject &inner, const QString &cacheKey) const;
     // The plaintext of the result posted to /result_encrypted with the cache key, or none.
@@ -100,7 +103,6 @@ protected:
     std::unique_ptr<AgentProcess> agent;
 
 private:
-    std::optional<FakeRelay::Poll> send(QJsonObject request, bool withHash, std::chrono::milliseconds wait);
     QString m_key;
     int m_sent = 0;
 };

@@ -8,7 +8,6 @@
 #include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -18,8 +17,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -260,12 +257,10 @@ TEST_F(AgentWithPlantedLinks, LeadNowhere)
 // bounded stream of answers, and an honest request afterwards is answered as usual.
 TEST_F(AgentWithSession, AWrongHashFloodIsBounded)
 {
-    QByteArray flood = "{\"requests\":[";
-    for (int i = 0; i < 1000; ++i)
-        flood += (i ? "," : "") +
-                 QByteArray(R"({"request_type":"search","os_session":"web","search_dir":"/",)") +
-                 R"("pword_hash":")" + QByteArray(64, '0') + "\"}";
-    flood += "]}";
+    const QByteArray search =
+        R"({"request_type":"search","os_session":"web","search_dir":"/","pword_hash":")" +
+        QByteArray(64, '0') + "\"}";
+    const QByteArray flood = "{\"requests\":[" + (search + ',').repeated(999) + search + "]}";
     const qint64 baseline = agent->residentKb();
     relay.setMisbehaviour(TestHttpServer::Reply::json(200, flood));
     const qsizetype start = relay.polls().size();
