@@ -8,6 +8,8 @@
 #include <QJsonDocument>
 #include <QThread>
 
+#include <sys/stat.h>
+
 #include <csignal>
 
 using namespace std::chrono_literals;
@@ -44,6 +46,12 @@ QStringList unexpectedKeys(const QJsonObject &result, QStringList allowed)
     QStringList keys = result.keys();
     keys.removeIf([&](const QString &key) { return allowed.contains(key); });
     return keys;
+}
+
+int mode(const QString &path)
+{
+    struct stat info;
+    return ::lstat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
 }
 
 } // namespace
@@ -84,6 +92,16 @@ TEST_F(AgentWithTwoRoots, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain
     EXPECT_TRUE(relay.waitForPoll([](const Poll &poll) {
         return poll.result && poll.result->value(QStringLiteral("n")) == QStringLiteral("a");
     }));
+
+    // A thousand wrong-hash searches in every reply cost bounded memory and a bounded stream of refusals.
+    const QByteArray search =
+        R"({"request_type":"search","os_session":"web","search_dir":"/","pword_hash":")" +
+        QByteArray(64, '0') + "\"}";
+    relay.setMisbehaviour(Reply::json(200, "{\"requests\":[" + (search + ',').repeated(999) + search + "]}"));
+    const int floodStart = server.requestCount();
+    QThread::sleep(6);
+    EXPECT_LT(agent->residentKb() - baseline, 60 * 1024) << "memory grew under the flood";
+    EXPECT_LT(server.requestCount() - floodStart, 6 * 40) << "every refusal was answered at once";
 
     // Half a million tiny records: each would become a queued operation.
     const QByteArray flood = "{\"requests\":[" + QByteArray("{},").repeated(500'000) + "{}]}";
@@ -163,6 +181,12 @@ TEST_F(AgentWithSession, AnswersThroughTheRelay)
     for (int attempt = 0; attempt < 20 && !found.contains(fresh); ++attempt)
         found = itemPaths(ask(byName));
     EXPECT_TRUE(found.contains(fresh));
+    // The index of the user's file names and words, and the settings that name folders, are theirs alone.
+    const QString index = home.filePath(QStringLiteral(".cache/vandrel/index.db"));
+    EXPECT_EQ(mode(QFileInfo(index).path()), 0700);
+    EXPECT_EQ(mode(index), 0600);
+    EXPECT_EQ(mode(index + QStringLiteral("-wal")), 0600);
+    EXPECT_EQ(mode(home.filePath(QStringLiteral(".config/vandrel/vandrel.conf"))), 0600);
     QJsonObject malformed = byName;
     malformed.insert(QStringLiteral("file_type"), QStringLiteral("kMDItemContentTypeTree == (("));
     const QJsonObject broken = ask(malformed);

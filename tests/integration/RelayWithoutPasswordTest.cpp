@@ -13,7 +13,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
-#include <QThread>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -23,12 +22,6 @@ namespace {
 QStringList entries(const QString &folder)
 {
     return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
-}
-
-int mode(const QString &path)
-{
-    struct stat info;
-    return ::lstat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
 }
 
 } // namespace
@@ -251,38 +244,4 @@ TEST_F(AgentWithPlantedLinks, LeadNowhere)
         EXPECT_FALSE(poll.sessions.contains(QStringLiteral("fresh")));
     EXPECT_TRUE(agent->log().contains(QStringLiteral("refusing ") + root + QStringLiteral("/uploads")))
         << agent->log().toStdString();
-}
-
-// A relay that answers every poll with a thousand wrong-hash searches costs the agent bounded memory and a
-// bounded stream of answers, and an honest request afterwards is answered as usual.
-TEST_F(AgentWithSession, AWrongHashFloodIsBounded)
-{
-    const QByteArray search =
-        R"({"request_type":"search","os_session":"web","search_dir":"/","pword_hash":")" +
-        QByteArray(64, '0') + "\"}";
-    const QByteArray flood = "{\"requests\":[" + (search + ',').repeated(999) + search + "]}";
-    const qint64 baseline = agent->residentKb();
-    relay.setMisbehaviour(TestHttpServer::Reply::json(200, flood));
-    const qsizetype start = relay.polls().size();
-    QThread::sleep(6);
-    const qsizetype posts = relay.polls().size() - start;
-    EXPECT_TRUE(agent->running());
-    EXPECT_LT(agent->residentKb() - baseline, 60 * 1024) << "memory grew under the flood";
-    EXPECT_LT(posts, 6 * 40) << "every refusal was answered at once";
-    relay.setMisbehaviour(std::nullopt);
-    EXPECT_FALSE(ask(record({{"request_type", "search"}, {"search_dir", "root_folders"}}))
-                     .contains(QStringLiteral("missing")));
-}
-
-// The index of the user's file names and words, and the settings that name folders, are the user's alone.
-TEST_F(AgentWithSession, TheIndexIsPrivate)
-{
-    const QString index = home.filePath(QStringLiteral(".cache/vandrel/index.db"));
-    home.writeFile(QStringLiteral("Notes/budget.txt"), "words");
-    for (int i = 0; i < 100 && !QFile::exists(index + QStringLiteral("-wal")); ++i)
-        QThread::msleep(100);
-    EXPECT_EQ(mode(QFileInfo(index).path()), 0700);
-    EXPECT_EQ(mode(index), 0600);
-    EXPECT_EQ(mode(index + QStringLiteral("-wal")), 0600);
-    EXPECT_EQ(mode(home.filePath(QStringLiteral(".config/vandrel/vandrel.conf"))), 0600);
 }
