@@ -27,7 +27,8 @@ QStringList entries(const QString &folder)
 } // namespace
 
 // A relay that knows the computer id but not the password: the computer list marker opens nothing but the
-// computer list, and a clear member beside a genuine envelope steers nothing.
+// computer list (a refused thumbnail posts nothing), and a clear member beside a genuine envelope steers
+// nothing. What is asked sealed is answered sealed and kept out of the log.
 TEST_F(AgentWithSession, TheComputerListMarkerOpensOnlyTheComputerList)
 {
     const QString secret = home.writeFile(QStringLiteral("Documents/secret.txt"), "private");
