@@ -77,40 +77,6 @@ void parseUrlEncoded(const QByteArray &text, QMap<QString, QByteArray> &form)
     }
 }
 
-// The value of `name=` in a header such as Content-Type or Content-Disposition, without its quotes.
-QByteArray headerParameter(const QByteArray &header, const QByteArray &name)
-{
-    for (const QByteArray &part : header.split(';')) {
-        const QByteArray trimmed = part.trimmed();
-        if (!trimmed.toLower().startsWith(name + '='))
-            continue;
-        const QByteArray value = trimmed.mid(name.size() + 1);
-        return value.size() >= 2 && value.startsWith('"') && value.endsWith('"') ? value.sliced(1).chopped(1)
-                                                                                 : value;
-    }
-    return {};
-}
-
-void parseMultipart(const QByteArray &body, const QByteArray &boundary, QMap<QString, QByteArray> &form)
-{
-    // With a line break in front, every delimiter, the first included, reads "\r\n--boundary".
-    const QByteArray text = "\r\n" + body;
-    const QByteArray delimiter = "\r\n--" + boundary;
-    for (qsizetype at = text.indexOf(delimiter); at >= 0 && !boundary.isEmpty();) {
-        const qsizetype headStart = at + delimiter.size();
-        const qsizetype headEnd = text.indexOf("\r\n\r\n", headStart);
-        const qsizetype next = headEnd < 0 ? -1 : text.indexOf(delimiter, headEnd + 4);
-        if (next < 0 || text.mid(headStart, 2) == "--")
-            return;
-        for (const QByteArray &line : text.mid(headStart, headEnd - headStart).split('\n')) {
-            if (line.trimmed().toLower().startsWith("content-disposition:"))
-                form.insert(QString::fromUtf8(headerParameter(line.trimmed(), "name")),
-                            text.mid(headEnd + 4, next - headEnd - 4));
-        }
-        at = next;
-    }
-}
-
 // One client connection on the server thread: reads requests one after another and answers each in turn.
 // A child of its socket, so it goes when the socket does.
 class Connection : public QObject
@@ -143,9 +109,7 @@ private:
             const QList<QByteArray> lines = m_buffer.first(headEnd).split('\n');
             const QList<QByteArray> requestLine = lines.first().trimmed().split(' ');
             request.method = requestLine.value(0);
-            request.target = requestLine.value(1);
-            const qsizetype question = request.target.indexOf('?');
-            request.path = question < 0 ? request.target : request.target.first(question);
+            request.path = requestLine.value(1).split('?').first();
             for (const QByteArray &line : lines.mid(1)) {
                 const qsizetype colon = line.indexOf(':');
                 if (colon > 0)
@@ -156,14 +120,8 @@ private:
                 return;
             request.body = m_buffer.mid(headEnd + 4, length);
             m_buffer.remove(0, headEnd + 4 + length);
-            if (question >= 0)
-                parseUrlEncoded(request.target.mid(question + 1), request.form);
-            const QByteArray contentType = request.header("Content-Type").toLower();
-            if (contentType.startsWith("application/x-www-form-urlencoded"))
+            if (request.header("Content-Type").toLower().startsWith("application/x-www-form-urlencoded"))
                 parseUrlEncoded(request.body, request.form);
-            else if (contentType.startsWith("multipart/form-data"))
-                parseMultipart(request.body, headerParameter(request.header("Content-Type"), "boundary"),
-                               request.form);
             answer(m_server->take(request));
         }
     }
@@ -246,13 +204,6 @@ QByteArray TestHttpServer::Request::header(const QByteArray &name) const
             return value;
     }
     return {};
-}
-
-bool TestHttpServer::Request::hasHeader(const QByteArray &name) const
-{
-    return std::any_of(headers.cbegin(), headers.cend(), [&](const auto &header) {
-        return header.first.compare(name, Qt::CaseInsensitive) == 0;
-    });
 }
 
 TestHttpServer::TestHttpServer(Handler handler)

@@ -20,16 +20,14 @@ public:
     struct Request
     {
         QByteArray method;
-        QByteArray target; // path and query, still percent-encoded
-        QByteArray path;   // target up to "?"
+        QByteArray path; // the target up to "?", still percent-encoded
         QList<std::pair<QByteArray, QByteArray>> headers;
         QByteArray body;
-        // Fields of the query and of a url-encoded or multipart/form-data body.
+        // Fields of a url-encoded body, the only kind the agent posts.
         QMap<QString, QByteArray> form;
 
         // The first header of that name, compared without case; empty when absent.
         QByteArray header(const QByteArray &name) const;
-        bool hasHeader(const QByteArray &name) const;
     };
 
     struct Reply

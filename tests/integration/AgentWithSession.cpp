@@ -1,19 +1,132 @@
 #include "AgentWithSession.h"
 
+#include "common/Envelope.h"
+#include "platform/SettingsKeys.h"
+#include "platform/UserDefaults.h"
 #include "support/AesCipher.h"
 #include "support/Encodings.h"
 #include "utils/vd_SimpleUtils.h"
 
-#include <QJsonArray>
+#include <QElapsedTimer>
+#include <QFile>
 #include <QJsonDocument>
+#include <QThread>
 
 #include <csignal>
 
 using namespace std::chrono_literals;
 
+FakeRelay::FakeRelay()
+    : m_server([this](const TestHttpServer::Request &) {
+        std::lock_guard lock(m_lock);
+        if (m_misbehaviour)
+            return *m_misbehaviour;
+        const QJsonArray requests = m_queued.isEmpty() ? QJsonArray() : m_queued.takeFirst();
+        return TestHttpServer::Reply::json(200,
+                                           QJsonDocument(QJsonObject{{QStringLiteral("requests"), requests}})
+                                               .toJson(QJsonDocument::Compact));
+    })
+{}
+
+void FakeRelay::queueRequests(const QJsonArray &requests)
+{
+    std::lock_guard lock(m_lock);
+    m_queued.append(requests);
+}
+
+void FakeRelay::setMisbehaviour(std::optional<TestHttpServer::Reply> reply)
+{
+    std::lock_guard lock(m_lock);
+    m_misbehaviour = std::move(reply);
+}
+
+QList<FakeRelay::Poll> FakeRelay::polls() const
+{
+    QList<Poll> polls;
+    for (const TestHttpServer::Request &request : m_server.requests()) {
+        Poll poll{request.path, {}, {}, request.form};
+        for (const QJsonValue &id :
+             unpackEnvelope(QString::fromLatin1(request.form.value(QStringLiteral("os_sessions")))).array())
+            poll.sessions << id.toString();
+        if (request.form.contains(QStringLiteral("result")))
+            poll.result =
+                unpackEnvelope(QString::fromLatin1(request.form.value(QStringLiteral("result")))).object();
+        polls << poll;
+    }
+    return polls;
+}
+
+std::optional<FakeRelay::Poll> FakeRelay::waitForPoll(const std::function<bool(const Poll &)> &condition,
+                                                      std::chrono::milliseconds timeout) const
+{
+    QElapsedTimer clock;
+    clock.start();
+    do {
+        for (const Poll &poll : polls()) {
+            if (condition(poll))
+                return poll;
+        }
+        QThread::msleep(50);
+    } while (clock.elapsed() < timeout.count());
+    return std::nullopt;
+}
+
+AgentProcess::AgentProcess(const TempHome &home)
+    : m_logPath(home.filePath(QStringLiteral("agent.log")))
+{
+    // The agent indexes only its temporary home, not the whole machine.
+    UserDefaults::setValue(SettingsKeys::IndexedRoots, QStringList{home.path()});
+    // Under AddressSanitizer freed memory is held back for a while; a small hold keeps the memory
+    // figures about the agent rather than the sanitizer.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("ASAN_OPTIONS"), environment.value(QStringLiteral("ASAN_OPTIONS")) +
+                                                           QStringLiteral(":quarantine_size_mb=8"));
+    m_process.setProcessEnvironment(environment);
+    m_process.setProcessChannelMode(QProcess::MergedChannels);
+    m_process.setStandardOutputFile(m_logPath);
+    m_process.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("--headless")});
+    m_process.waitForStarted(10000);
+}
+
+AgentProcess::~AgentProcess()
+{
+    if (running()) {
+        m_process.kill();
+        m_process.waitForFinished(10000);
+    }
+}
+
+int AgentProcess::stop(int signal)
+{
+    if (!running())
+        return -1;
+    ::kill(pid_t(m_process.processId()), signal);
+    if (!m_process.waitForFinished(20000) || m_process.exitStatus() != QProcess::NormalExit)
+        return -1;
+    return m_process.exitCode();
+}
+
+qint64 AgentProcess::residentKb() const
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(m_process.processId()));
+    if (!running() || !status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').value(0).toLongLong();
+    }
+    return 0;
+}
+
+QString AgentProcess::log() const
+{
+    QFile file(m_logPath);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
 void AgentWithSession::SetUp()
 {
-    home.setEnvironment("VANDREL_RELAY_URL", relay.baseUrl().toUtf8());
+    home.setEnvironment("VANDREL_RELAY_URL", relay.server().url(QString()).toString().toUtf8());
     root = home.root();
     home.addSession(QStringLiteral("web"));
     home.setPassword(QStringLiteral("pw"));
@@ -21,8 +134,9 @@ void AgentWithSession::SetUp()
     agent = std::make_unique<AgentProcess>(home);
     const auto first = relay.waitForPoll([](const FakeRelay::Poll &) { return true; });
     ASSERT_TRUE(first) << agent->log().toStdString();
-    computerId = first->computerId;
-    hash = vd_SimpleUtils::sha256Hex(computerId + QStringLiteral("___pw"));
+    computerId = QString::fromUtf8(first->form.value(QStringLiteral("computer_id")));
+    m_key = computerId + QStringLiteral("___pw");
+    hash = vd_SimpleUtils::sha256Hex(m_key);
 }
 
 void AgentWithSession::TearDown()
@@ -30,7 +144,8 @@ void AgentWithSession::TearDown()
     agent->stop(SIGTERM);
 }
 
-QString AgentWithSession::mark(QJsonObject &request, bool withHash)
+std::optional<FakeRelay::Poll> AgentWithSession::send(QJsonObject request, bool withHash,
+                                                      std::chrono::milliseconds wait)
 {
     const QString marker = QString::number(++m_sent);
     request.insert(QStringLiteral("n"), marker);
@@ -38,31 +153,34 @@ QString AgentWithSession::mark(QJsonObject &request, bool withHash)
     if (withHash)
         request.insert(QStringLiteral("pword_hash"), hash);
     relay.queueRequests(QJsonArray{request});
-    return marker;
+    return relay.waitForPoll(
+        [&](const FakeRelay::Poll &p) { return p.result && p.result->value(QStringLiteral("n")) == marker; },
+        wait);
 }
 
 QJsonObject AgentWithSession::ask(QJsonObject request, bool withHash)
 {
-    const QString marker = mark(request, withHash);
-    const auto poll = relay.waitForPoll(
-        [&](const FakeRelay::Poll &p) { return p.result && p.result->value(QStringLiteral("n")) == marker; },
-        30s);
+    const auto poll = send(std::move(request), withHash, 30s);
     return poll ? *poll->result : QJsonObject{{QStringLiteral("missing"), agent->log()}};
+}
+
+QJsonObject AgentWithSession::searchWith(const QString &proof)
+{
+    return ask(QJsonObject{{QStringLiteral("request_type"), QStringLiteral("search")},
+                           {QStringLiteral("search_dir"), home.path()},
+                           {QStringLiteral("pword_hash"), proof}},
+               false);
 }
 
 bool AgentWithSession::unanswered(QJsonObject request, bool withHash)
 {
-    const QString marker = mark(request, withHash);
-    return !relay.waitForPoll(
-        [&](const FakeRelay::Poll &p) { return p.result && p.result->value(QStringLiteral("n")) == marker; },
-        3s);
+    return !send(std::move(request), withHash, 3s);
 }
 
 QJsonObject AgentWithSession::sealed(const QJsonObject &inner, const QString &cacheKey) const
 {
-    const QByteArray cipher = encryptWithString(QJsonDocument(inner).toJson(QJsonDocument::Compact),
-                                                computerId + QStringLiteral("___pw"))
-                                  .value_or(QByteArray());
+    const QByteArray cipher =
+        encryptWithString(QJsonDocument(inner).toJson(QJsonDocument::Compact), m_key).value_or(QByteArray());
     return {{QStringLiteral("request_type"), QStringLiteral("encrypted")},
             {QStringLiteral("os_session"), QStringLiteral("web")},
             {QStringLiteral("cache_key"), cacheKey},
@@ -81,7 +199,7 @@ std::optional<QByteArray> AgentWithSession::openedResult(const QString &cacheKey
         return std::nullopt;
     const std::optional<QByteArray> cipher = dataWithBase64EncodedString_URL_SAFE(
         QString::fromLatin1(poll->form.value(QStringLiteral("result_encrypted"))));
-    return cipher ? decryptWithString(*cipher, computerId + QStringLiteral("___pw")) : std::nullopt;
+    return cipher ? decryptWithString(*cipher, m_key) : std::nullopt;
 }
 
 QStringList AgentWithSession::itemPaths(const QJsonObject &result)
