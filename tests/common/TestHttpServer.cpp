@@ -240,11 +240,6 @@ TestHttpServer::~TestHttpServer()
     d->thread.wait();
 }
 
-quint16 TestHttpServer::port() const
-{
-    return d->port;
-}
-
 QUrl TestHttpServer::url(const QString &path) const
 {
     return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(d->port).arg(path));

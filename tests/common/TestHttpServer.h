@@ -77,7 +77,6 @@ public:
     TestHttpServer(const TestHttpServer &) = delete;
     TestHttpServer &operator=(const TestHttpServer &) = delete;
 
-    quint16 port() const;
     // "http://127.0.0.1:<port>" plus the path.
     QUrl url(const QString &path = QStringLiteral("/")) const;
 
