@@ -1,20 +1,20 @@
 #include "common/DropboxHome.h"
 #include "common/JsonRecord.h"
 #include "common/LogCapture.h"
-#include "engine/RequestAuth.h"
 #include "engine/vd_Searcher.h"
 #include "support/AesCipher.h"
 #include "support/Encodings.h"
-#include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
 
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QThread>
 
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <semaphore>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -24,63 +24,47 @@ struct TwoRoots : DropboxHome
 {
     TwoRoots()
     {
-        addSession(QStringLiteral("box"));
-        writeFile(QStringLiteral("GDrive/Apps/vandrel/data.vdldata/sessions/drive.json"), "{}");
+        addSession(u"box"_s);
+        writeFile(u"GDrive/Apps/vandrel/data.vdldata/sessions/drive.json"_s, "{}");
     }
-    QString drive = filePath(QStringLiteral("GDrive/Apps/vandrel"));
+    QString drive = filePath(u"GDrive/Apps/vandrel"_s);
 };
 
-// Records the records the handlers see, and can hold the queue's threads until released.
+// Records the requests the handlers see; "info" requests hold their queue thread until the gate lets them by.
 struct HandlerProbe
 {
+    static constexpr int kOpen = 1000;
     HandlerProbe()
     {
         vd_Searcher::HandlerTable table;
         for (const char *type :
              {"search", "preview", "thumb", "copy_to_dropbox", "move_from_dropbox", "info"})
-            table[QString::fromLatin1(type)] = [this](vd_Searcher &operation, QJsonObject &request) {
-                std::unique_lock lock(mutex);
-                seen.append(request);
-                request.insert(QStringLiteral("handled"), true);
-                operation.setOutRawData(QByteArray("raw"));
-                changed.notify_all();
-                if (request.value(QStringLiteral("request_type")) == QStringLiteral("info")) {
-                    changed.wait(lock, [this] { return released || permits > 0; });
-                    if (!released)
-                        --permits;
+            table[QString::fromLatin1(type)] = [this](vd_Searcher &, QJsonObject &request) {
+                {
+                    const std::lock_guard lock(mutex);
+                    seen.append(request);
                 }
+                changed.notify_all();
+                if (request.value(u"request_type"_s) == u"info"_s)
+                    gate.acquire();
             };
         vd_Searcher::setHandlers(std::move(table));
     }
     ~HandlerProbe()
     {
-        release();
+        gate.release(kOpen);
         vd_Searcher::opQ().waitForDone();
         vd_Searcher::setHandlers({});
-    }
-    void release()
-    {
-        std::lock_guard lock(mutex);
-        released = true;
-        changed.notify_all();
-    }
-    // Lets one blocked handler finish, so exactly one queue thread becomes free.
-    void releaseOne()
-    {
-        std::lock_guard lock(mutex);
-        ++permits;
-        changed.notify_all();
     }
     bool waitForCount(qsizetype count)
     {
         std::unique_lock lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(10), [&] { return seen.size() >= count; });
     }
+    std::counting_semaphore<4 * kOpen> gate{0};
     std::mutex mutex;
     std::condition_variable changed;
-    bool released = false;
-    int permits = 0;
-    QList<QJsonObject> seen;
+    QList<QJsonObject> seen; // guarded by mutex
 };
 
 } // namespace
@@ -89,15 +73,15 @@ TEST(Operation, ResolvesTheSessionInItsStorageRootAndDropsOrphans)
 {
     TwoRoots roots;
     HandlerProbe probe;
-    probe.release();
+    probe.gate.release(HandlerProbe::kOpen);
     LogCapture log;
     const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey().value());
 
     vd_Searcher inDrive(record({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
     inDrive.main();
     ASSERT_EQ(probe.seen.size(), 1);
-    EXPECT_EQ(probe.seen[0].value(QStringLiteral("request_type")), QStringLiteral("info"));
-    EXPECT_EQ(probe.seen.back().value(QStringLiteral("vandrel_folder")), roots.drive);
+    EXPECT_EQ(probe.seen[0].value(u"request_type"_s), u"info"_s);
+    EXPECT_EQ(probe.seen[0].value(u"vandrel_folder"_s), roots.drive);
     EXPECT_EQ(inDrive.theRequest(), std::nullopt);
 
     // No session, or one in no StorageRoot: dropped before any check, the record in the log.
@@ -106,15 +90,15 @@ TEST(Operation, ResolvesTheSessionInItsStorageRootAndDropsOrphans)
     vd_Searcher stranger(record({{"request_type", "search"}, {"os_session", "gone"}, {"pword_hash", hash}}));
     stranger.main();
     EXPECT_EQ(probe.seen.size(), 1);
-    EXPECT_TRUE(log.lines.contains(
-        QStringLiteral(R"(no session found for {"request_type":"search","search_dir":"root_folders"})")));
-    EXPECT_TRUE(log.lines.contains(QStringLiteral("Can't find a storage path...")));
+    EXPECT_TRUE(log.lines.contains(u"no session found for {\"request_type\":\"search\","
+                                   u"\"search_dir\":\"root_folders\"}"_s));
+    EXPECT_TRUE(log.lines.contains(u"Can't find a storage path..."_s));
 
     // A session in the first root resolves there; the computer's small icon needs no hash.
     vd_Searcher icon(record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.64.64.png"}}));
     icon.main();
     ASSERT_EQ(probe.seen.size(), 2);
-    EXPECT_EQ(probe.seen[1].value(QStringLiteral("vandrel_folder")), roots.root());
+    EXPECT_EQ(probe.seen[1].value(u"vandrel_folder"_s), roots.root());
 }
 
 TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
@@ -153,17 +137,16 @@ TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
     QThread::msleep(200);
     EXPECT_EQ(probe.seen.size(), 4) << "a fifth operation started while four were running";
     // One thread at a time: the waiting operations then start strictly in the queue's order.
-    probe.releaseOne();
+    probe.gate.release();
     probe.waitForCount(8);
-    probe.release();
+    probe.gate.release(HandlerProbe::kOpen);
     vd_Searcher::opQ().waitForDone();
 
     QStringList order;
     for (qsizetype i = 4; i < probe.seen.size(); ++i)
-        order << probe.seen[i].value(QStringLiteral("n")).toString();
-    EXPECT_EQ(order, QStringList({QStringLiteral("sealed"), QStringLiteral("plain"), QStringLiteral("thumb1"),
-                                  QStringLiteral("thumb2")}));
-    EXPECT_EQ(probe.seen[4].value(QStringLiteral("encrypt_reply")), QJsonValue(true));
+        order << probe.seen[i].value(u"n"_s).toString();
+    EXPECT_EQ(order, QStringList({u"sealed"_s, u"plain"_s, u"thumb1"_s, u"thumb2"_s}));
+    EXPECT_EQ(probe.seen[4].value(u"encrypt_reply"_s), QJsonValue(true));
 
     // Replies that are not objects, or hold no request array, queue nothing; only the first are refused.
     for (const auto &[body, accepted] :
