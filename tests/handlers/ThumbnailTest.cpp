@@ -15,6 +15,8 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using vips::VImage;
@@ -52,23 +54,20 @@ long peakResidentKilobytes()
 
 TEST(Thumbnail, RequestPathsAndDimensions)
 {
-    auto thumb = ThumbnailHandler::parseThumbPath(QStringLiteral("/Users/name/a.jpg.1384567890.128.96.jpg"));
-    EXPECT_EQ(thumb.itemPath, QStringLiteral("/Users/name/a.jpg"));
+    auto thumb = ThumbnailHandler::parseThumbPath(u"/Users/name/a.jpg.1384567890.128.96.jpg"_s);
+    EXPECT_EQ(thumb.itemPath, u"/Users/name/a.jpg"_s);
     EXPECT_EQ(std::make_tuple(thumb.width, thumb.height, thumb.png), std::make_tuple(128, 96, false));
-    thumb = ThumbnailHandler::parseThumbPath(QStringLiteral("/x/b.png.1.1.5000.png"));
+    thumb = ThumbnailHandler::parseThumbPath(u"/x/b.png.1.1.5000.png"_s);
     EXPECT_EQ(std::make_tuple(thumb.width, thumb.height, thumb.png), std::make_tuple(128, 128, true));
-    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral("/.1384567890.64.64.png")).itemPath,
-              QStringLiteral("/"));
-    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral(".0.64.64.png")).itemPath,
-              vd_ImageUtils::kComputerPath);
-    EXPECT_EQ(ThumbnailHandler::parseThumbPath(QStringLiteral("/a/.hidden.1.64.64.jpg")).itemPath,
-              QStringLiteral("/a/.hidden"));
+    EXPECT_EQ(ThumbnailHandler::parseThumbPath(u"/.1384567890.64.64.png"_s).itemPath, u"/"_s);
+    EXPECT_EQ(ThumbnailHandler::parseThumbPath(u".0.64.64.png"_s).itemPath, vd_ImageUtils::kComputerPath);
+    EXPECT_EQ(ThumbnailHandler::parseThumbPath(u"/a/.hidden.1.64.64.jpg"_s).itemPath, u"/a/.hidden"_s);
 
-    EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("3")), 3);
-    EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("2")), 128);
-    EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("4096")), 4096);
-    EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("4097")), 128);
-    EXPECT_EQ(ThumbnailHandler::getDimension(QStringLiteral("wide")), 128);
+    EXPECT_EQ(ThumbnailHandler::getDimension(u"3"_s), 3);
+    EXPECT_EQ(ThumbnailHandler::getDimension(u"2"_s), 128);
+    EXPECT_EQ(ThumbnailHandler::getDimension(u"4096"_s), 4096);
+    EXPECT_EQ(ThumbnailHandler::getDimension(u"4097"_s), 128);
+    EXPECT_EQ(ThumbnailHandler::getDimension(u"wide"_s), 128);
 }
 
 TEST(Thumbnail, CropBeforeScaleAndTheDrawingLimit)
@@ -91,7 +90,7 @@ TEST(Thumbnail, CropBeforeScaleAndTheDrawingLimit)
 TEST(Thumbnail, PicturesOfImagesWithTheSharedCache)
 {
     TempHome home;
-    const QString jpeg = writePicture(home, QStringLiteral("Pictures/photo.jpg"), 1600, 1200);
+    const QString jpeg = writePicture(home, u"Pictures/photo.jpg"_s, 1600, 1200);
     const auto thumb = vd_ImageUtils::imageDataForPath(jpeg, 128, 96, true, 0.54);
     ASSERT_TRUE(thumb);
     const VImage picture = decoded(*thumb);
@@ -101,14 +100,14 @@ TEST(Thumbnail, PicturesOfImagesWithTheSharedCache)
     const QStringList cached = QDir(ThumbnailCache::folderFor(128)).entryList(QDir::Files);
     ASSERT_EQ(cached.size(), 1);
     EXPECT_TRUE(ThumbnailCache::read(jpeg, 128).has_value());
-    home.writeFile(QStringLiteral("Pictures/photo.jpg"), "changed"); // a new mtime or content invalidates
+    home.writeFile(u"Pictures/photo.jpg"_s, "changed"); // a new mtime or content invalidates
     ::utimensat(AT_FDCWD, QFile::encodeName(jpeg).constData(), nullptr, 0);
     const struct timespec later[2] = {{0, UTIME_OMIT}, {2000000000, 0}};
     ::utimensat(AT_FDCWD, QFile::encodeName(jpeg).constData(), later, 0);
     EXPECT_FALSE(ThumbnailCache::read(jpeg, 128).has_value());
 
     // A PNG with transparency asked as PNG keeps its alpha; the JPEG qualities differ as they should.
-    const QString png = writePicture(home, QStringLiteral("Pictures/logo.png"), 300, 200, true);
+    const QString png = writePicture(home, u"Pictures/logo.png"_s, 300, 200, true);
     const auto pngThumb = vd_ImageUtils::imageDataForPath(png, 64, 64, false, 0.54);
     ASSERT_TRUE(pngThumb);
     EXPECT_TRUE(pngThumb->startsWith("\x89PNG"));
@@ -124,32 +123,30 @@ TEST(Thumbnail, DocumentsIconsCorruptFilesAndBombs)
 {
     TempHome home;
     LogCapture log;
-    const auto pdf = vd_ImageUtils::createImage(
-        home.writeFile(QStringLiteral("Documents/page.pdf"), makePdf("page")), 256, 256);
+    const auto pdf =
+        vd_ImageUtils::createImage(home.writeFile(u"Documents/page.pdf"_s, makePdf("page")), 256, 256);
     ASSERT_TRUE(pdf);
     EXPECT_EQ(pdf->height(), 256); // the letter-size page itself, not a square icon
     EXPECT_NEAR(pdf->width(), 198, 2);
 
-    const auto unknown =
-        vd_ImageUtils::createImage(home.writeFile(QStringLiteral("data.xyz123"), "\x01\x02"), 64, 64);
+    const auto unknown = vd_ImageUtils::createImage(home.writeFile(u"data.xyz123"_s, "\x01\x02"), 64, 64);
     ASSERT_TRUE(unknown);
     EXPECT_EQ(unknown->width(), 64);
 
     QByteArray corrupt = QByteArray("\xff\xd8\xff\xe0", 4) + QByteArray(2000, '\x55');
-    const auto broken =
-        vd_ImageUtils::createImage(home.writeFile(QStringLiteral("broken.jpg"), corrupt), 64, 64);
+    const auto broken = vd_ImageUtils::createImage(home.writeFile(u"broken.jpg"_s, corrupt), 64, 64);
     ASSERT_TRUE(broken); // the icon stands in
-    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(QStringLiteral("The file may be corrupt: ") +
-                                                       home.filePath(QStringLiteral("broken.jpg"))));
+    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(u"The file may be corrupt: "_s +
+                                                       home.filePath(u"broken.jpg"_s)));
 
     // 400 megapixels of zeros in a small file: refused from its header, the icon stands in, memory stays low.
-    const QString bomb = home.filePath(QStringLiteral("bomb.png"));
+    const QString bomb = home.filePath(u"bomb.png"_s);
     VImage::black(20000, 20000).pngsave(QFile::encodeName(bomb).constData());
     const long before = peakResidentKilobytes();
     const auto defused = vd_ImageUtils::createImage(bomb, 256, 256);
     ASSERT_TRUE(defused);
     EXPECT_LT(peakResidentKilobytes() - before, 100 * 1024);
-    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(QStringLiteral("400 megapixels")));
+    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(u"400 megapixels"_s));
 }
 
 TEST(Thumbnail, ThumbnailerOutputIsReadWithinLimits)
@@ -159,75 +156,73 @@ TEST(Thumbnail, ThumbnailerOutputIsReadWithinLimits)
     vips_init("test");
     // The machine's thumbnailer for videos copies the picture named inside the video file, padding it to
     // the size named after it.
-    const QString script = home.writeFile(QStringLiteral("bin/thumbnail-video"),
-                                          "#!/bin/sh\nset -- \"$1\" \"$2\" $(cat \"$1\")\n"
-                                          "cp \"$3\" \"$2\" && truncate -s \"${4:-+0}\" \"$2\"\n");
+    const QString script =
+        home.writeFile(u"bin/thumbnail-video"_s, "#!/bin/sh\nset -- \"$1\" \"$2\" $(cat \"$1\")\n"
+                                                 "cp \"$3\" \"$2\" && truncate -s \"${4:-+0}\" \"$2\"\n");
     QFile::setPermissions(script, QFile::ReadOwner | QFile::ExeOwner);
-    home.writeFile(QStringLiteral(".local/share/thumbnailers/video.thumbnailer"),
+    home.writeFile(u".local/share/thumbnailers/video.thumbnailer"_s,
                    "[Thumbnailer Entry]\nTryExec=" + script.toUtf8() + "\nExec=" + script.toUtf8() +
                        " %i %o\nMimeType=video/x-matroska;\n");
-    const QString small = writePicture(home, QStringLiteral("small.png"), 120, 90);
-    const QString bomb = home.filePath(QStringLiteral("bomb.png"));
+    const QString small = writePicture(home, u"small.png"_s, 120, 90);
+    const QString bomb = home.filePath(u"bomb.png"_s);
     VImage::black(10000, 10001, VImage::option()->set("bands", 3))
         .pngsave(QFile::encodeName(bomb).constData());
     const auto video = [&](const char *name, const QString &content) {
         return home.writeFile(QString::fromLatin1(name), content.toUtf8());
     };
 
-    const auto plain =
-        ExternalThumbnailer::thumbnail(video("plain.mkv", small), QStringLiteral("video/x-matroska"), 128);
+    const auto plain = ExternalThumbnailer::thumbnail(video("plain.mkv", small), u"video/x-matroska"_s, 128);
     ASSERT_TRUE(plain);
     EXPECT_EQ(plain->width(), 120);
 
     // A picture file past 16 MiB is not read, however valid its start.
-    const QString padded = video("padded.mkv", small + QStringLiteral(" 17M"));
-    EXPECT_FALSE(ExternalThumbnailer::thumbnail(padded, QStringLiteral("video/x-matroska"), 128));
+    const QString padded = video("padded.mkv", small + u" 17M"_s);
+    EXPECT_FALSE(ExternalThumbnailer::thumbnail(padded, u"video/x-matroska"_s, 128));
     const auto icon = vd_ImageUtils::createImage(padded, 64, 64);
     ASSERT_TRUE(icon); // the icon stands in
     EXPECT_EQ(icon->width(), 64);
 
     // 100 million pixels of three bands in a small file: refused from its header, memory stays low.
     const long before = peakResidentKilobytes();
-    EXPECT_FALSE(
-        ExternalThumbnailer::thumbnail(video("bomb.mkv", bomb), QStringLiteral("video/x-matroska"), 128));
+    EXPECT_FALSE(ExternalThumbnailer::thumbnail(video("bomb.mkv", bomb), u"video/x-matroska"_s, 128));
     EXPECT_LT(peakResidentKilobytes() - before, 100 * 1024);
-    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(QStringLiteral("no thumbnail for ") +
-                                                       home.filePath(QStringLiteral("bomb.mkv"))));
+    EXPECT_TRUE(
+        LogCapture::lines.join(u'\n').contains(u"no thumbnail for "_s + home.filePath(u"bomb.mkv"_s)));
 }
 
 TEST(Thumbnail, RequestsFillThumbAndPreviewAndRawBytes)
 {
     TempHome home;
-    const QString jpeg = writePicture(home, QStringLiteral("Pictures/p.jpg"), 900, 600);
-    QJsonObject request{{QStringLiteral("path"), jpeg + QStringLiteral(".1384567890.200.100.jpg")}};
+    const QString jpeg = writePicture(home, u"Pictures/p.jpg"_s, 900, 600);
+    QJsonObject request{{u"path"_s, jpeg + u".1384567890.200.100.jpg"_s}};
     QByteArray raw;
     ThumbnailHandler::handleThumbRequest(request, &raw);
-    EXPECT_EQ(dataWithBase64EncodedString_URL_SAFE(request.value(QStringLiteral("thumb")).toString()), raw);
+    EXPECT_EQ(dataWithBase64EncodedString_URL_SAFE(request.value(u"thumb"_s).toString()), raw);
     EXPECT_EQ(decoded(raw).height(), 100);
 
-    QJsonObject computer{{QStringLiteral("path"), QStringLiteral(".0.128.128.png")}};
+    QJsonObject computer{{u"path"_s, u".0.128.128.png"_s}};
     ThumbnailHandler::handleThumbRequest(computer, &raw);
     EXPECT_TRUE(raw.startsWith("\x89PNG"));
 
-    QJsonObject preview{{QStringLiteral("path"), jpeg + QStringLiteral(".jpg")}};
+    QJsonObject preview{{u"path"_s, jpeg + u".jpg"_s}};
     ThumbnailHandler::handlePreviewRequest(preview, &raw);
     const VImage large = decoded(raw);
     EXPECT_EQ(std::make_pair(large.width(), large.height()), std::make_pair(768, 512));
     // Only the last component carries the format suffix: a dot in a folder name cuts nothing.
-    const QString named = writePicture(home, QStringLiteral("a.b/picture.jpg"), 900, 600);
+    const QString named = writePicture(home, u"a.b/picture.jpg"_s, 900, 600);
     QFile::rename(named, named.chopped(4));
-    QJsonObject plain{{QStringLiteral("path"), named.chopped(4)}};
+    QJsonObject plain{{u"path"_s, named.chopped(4)}};
     ThumbnailHandler::handlePreviewRequest(plain, &raw);
     EXPECT_EQ(decoded(raw).height(), 512);
 
     // The iCloud documents folder has its own picture.
-    const QString iCloud = home.filePath(QStringLiteral("Library/Mobile Documents"));
+    const QString iCloud = home.filePath(u"Library/Mobile Documents"_s);
     QDir().mkpath(iCloud);
-    QJsonObject cloud{{QStringLiteral("path"), iCloud + QStringLiteral(".1.64.64.png")}};
+    QJsonObject cloud{{u"path"_s, iCloud + u".1.64.64.png"_s}};
     ThumbnailHandler::handleThumbRequest(cloud, &raw);
     const double cloudPicture = decoded(raw).avg();
-    QDir().mkpath(home.filePath(QStringLiteral("Plain")));
-    QJsonObject folder{{QStringLiteral("path"), home.filePath(QStringLiteral("Plain.1.64.64.png"))}};
+    QDir().mkpath(home.filePath(u"Plain"_s));
+    QJsonObject folder{{u"path"_s, home.filePath(u"Plain.1.64.64.png"_s)}};
     ThumbnailHandler::handleThumbRequest(folder, &raw);
     EXPECT_NE(decoded(raw).avg(), cloudPicture);
 }
