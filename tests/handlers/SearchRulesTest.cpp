@@ -35,7 +35,7 @@ QStringList displays(const QJsonArray &list)
 // The terms the query makes of typed name text, in order.
 QStringList terms(const QString &typed)
 {
-    static const QRegularExpression clause(QStringLiteral(R"(kMDItemDisplayName == "\*?(.*?)\*"cd)"));
+    static const QRegularExpression clause(uR"(kMDItemDisplayName == "\*?(.*?)\*"cd)"_s);
     QStringList found;
     for (const QRegularExpressionMatch &match :
          clause.globalMatch(SpotlightSearch::currentQueryString({}, typed, {})))
@@ -43,17 +43,9 @@ QStringList terms(const QString &typed)
     return found;
 }
 
-// Whether polishing offers the item for copying to the StorageRoot.
-bool uploadable(const QString &path)
-{
-    QJsonArray page{QJsonObject{{u"path"_s, path}}};
-    ItemRecords::polishResults(page, {});
-    return page[0][u"up_ok"_s].toBool();
-}
-
 } // namespace
 
-TEST(SearchRules, TermsPhrasesAndFields)
+TEST(SearchRules, TermsPhrasesFieldsAndQueryTextInItsOrder)
 {
     EXPECT_EQ(terms(u"tax  2013"_s), QStringList({u"tax"_s, u"2013"_s}));
     EXPECT_EQ(terms(u"\"annual report\" 2014"_s), QStringList({u"annual report"_s, u"2014"_s}));
@@ -62,21 +54,15 @@ TEST(SearchRules, TermsPhrasesAndFields)
     EXPECT_EQ(terms(u"a \"unclosed phrase here"_s), QStringList({u"a"_s, u"unclosed phrase here"_s}));
     EXPECT_EQ(terms(u"end \""_s), QStringList({u"end"_s, QString()}));
     EXPECT_EQ(terms(u"last:"_s), QStringList({u"last:"_s}));
-}
 
-TEST(SearchRules, QueryTextInItsOrder)
-{
-    EXPECT_EQ(
-        SpotlightSearch::currentQueryString(u"com.adobe.pdf"_s, u"re"_s, u"tax 2013"_s),
-        QStringLiteral(
-            "( kMDItemDisplayName == \"*re*\"cd ) && ( kMDItemContentTypeTree == \"com.adobe.pdf\" ) && "
-            "( * == \"tax*\"cdw || kMDItemTextContent == \"tax*\"cdw ) && "
-            "( * == \"2013*\"cdw || kMDItemTextContent == \"2013*\"cdw ) && "
-            "(kMDItemSupportFileType != MDSystemFile)"));
-    EXPECT_EQ(
-        SpotlightSearch::currentQueryString(u"kMDItemContentType == 'public.folder'"_s, u"a"_s, u"x"_s),
-        QStringLiteral("( kMDItemDisplayName == \"a*\"cd ) && ( kMDItemContentType == 'public.folder' ) && "
-                       "( * == \"x\"cdw ) && (kMDItemSupportFileType != MDSystemFile)"));
+    EXPECT_EQ(SpotlightSearch::currentQueryString(u"com.adobe.pdf"_s, u"re"_s, u"tax 2013"_s),
+              u"( kMDItemDisplayName == \"*re*\"cd ) && ( kMDItemContentTypeTree == \"com.adobe.pdf\" ) && "
+              "( * == \"tax*\"cdw || kMDItemTextContent == \"tax*\"cdw ) && "
+              "( * == \"2013*\"cdw || kMDItemTextContent == \"2013*\"cdw ) && "
+              "(kMDItemSupportFileType != MDSystemFile)"_s);
+    EXPECT_EQ(SpotlightSearch::currentQueryString(u"kMDItemContentType == 'public.folder'"_s, u"a"_s, u"x"_s),
+              u"( kMDItemDisplayName == \"a*\"cd ) && ( kMDItemContentType == 'public.folder' ) && "
+              "( * == \"x\"cdw ) && (kMDItemSupportFileType != MDSystemFile)"_s);
 }
 
 TEST(SearchRules, PagingKeepsItsQuirks)
@@ -108,18 +94,23 @@ TEST(SearchRules, FinderOrderAndUploadRule)
     EXPECT_EQ(displays(list), QStringList({u"apple"_s, u"etc"_s, u"\u00e9t\u00e9"_s, u"file 9"_s, u"File 9"_s,
                                            u"file 10"_s, u"Zebra"_s}));
 
+    // Offered for copying to the StorageRoot: not the home, its standard folders, libraries or short paths.
     TempHome home;
     const QString h = home.path();
-    for (const char *folder : {"Documents/Documents", "Work/Library", "Pictures/iPhoto Library", "Documents"})
+    for (const char *folder : {"Documents/Documents", "Work/Library", "Pictures/iPhoto Library"})
         QDir(h).mkpath(QString::fromUtf8(folder));
-    EXPECT_FALSE(uploadable(h));
-    EXPECT_FALSE(uploadable(h + u"/Documents"_s));
-    EXPECT_TRUE(uploadable(h + u"/Documents/Documents"_s) == (h.split(u'/').size() + 2 >= 5));
-    EXPECT_FALSE(uploadable(h + u"/Work/Library"_s));
-    EXPECT_FALSE(uploadable(h + u"/Pictures/iPhoto Library"_s));
-    EXPECT_FALSE(uploadable(u"/tmp/abcd"_s));
-    EXPECT_TRUE(uploadable(u"/tmp/abcde"_s));
-    EXPECT_FALSE(uploadable(u"/opt/thing/System"_s));
+    for (const auto &[path, offered] : {std::pair{h, false},
+                                        {h + u"/Documents"_s, false},
+                                        {h + u"/Documents/Documents"_s, h.count(u'/') + 3 >= 5},
+                                        {h + u"/Work/Library"_s, false},
+                                        {h + u"/Pictures/iPhoto Library"_s, false},
+                                        {u"/tmp/abcd"_s, false},
+                                        {u"/tmp/abcde"_s, true},
+                                        {u"/opt/thing/System"_s, false}}) {
+        QJsonArray page{QJsonObject{{u"path"_s, path}}};
+        ItemRecords::polishResults(page, {});
+        EXPECT_EQ(page[0][u"up_ok"_s].toBool(), offered) << path.toStdString();
+    }
 }
 
 TEST(SearchRules, SearchPagesBundlesCachesAndPhotoLibraries)
@@ -135,13 +126,11 @@ TEST(SearchRules, SearchPagesBundlesCachesAndPhotoLibraries)
     home.writeFile(u"Library/Caches/cachedpage.txt"_s, "x");
     const QString year = home.filePath(u"Pictures/iPhoto Library/Masters/2024"_s);
     home.writeFile(u"Pictures/iPhoto Library/Masters/2024/05/pic.jpg"_s, "x");
-    MetadataConfig config;
-    config.roots = {home.path()};
-    config.storePath = home.filePath(u".cache/vandrel/index.db"_s);
-    config.lowPriority = false;
-    config.watch = false;
-    config.extract = false;
-    MetadataIndex index(config);
+    MetadataIndex index({.roots = {home.path()},
+                         .storePath = home.filePath(u".cache/vandrel/index.db"_s),
+                         .lowPriority = false,
+                         .watch = false,
+                         .extract = false});
     ASSERT_TRUE(index.updateNow());
     SearchIndex::setCurrent(&index);
     const auto search = [&](QJsonObject request) {
@@ -179,19 +168,20 @@ TEST(SearchRules, SearchPagesBundlesCachesAndPhotoLibraries)
     EXPECT_EQ(caches[0][u"path"_s].toString(), home.filePath(u"Library/Caches"_s));
 
     // Bundles by their name, folders only; photo libraries stay browsable.
-    const QJsonObject tool = ItemRecords::fileInfoDict(home.filePath(u"Apps/Tool.app"_s));
-    EXPECT_TRUE(tool[u"pkg"_s].toBool());
-    EXPECT_TRUE(tool[u"dir"_s].toBool());
-    EXPECT_FALSE(ItemRecords::fileInfoDict(home.filePath(u"Apps/Shots.aplibrary"_s))[u"pkg"_s].toBool());
-    EXPECT_FALSE(ItemRecords::fileInfoDict(home.filePath(u"Apps/readme.app"_s))[u"pkg"_s].toBool());
-    EXPECT_TRUE(ItemRecords::fileInfoDict(home.filePath(u"Apps/Tool.app/"_s))[u"pkg"_s].toBool());
+    for (const auto &[path, bundle] : {std::pair{"Apps/Tool.app", true},
+                                       {"Apps/Tool.app/", true},
+                                       {"Apps/Shots.aplibrary", false},
+                                       {"Apps/readme.app", false}})
+        EXPECT_EQ(ItemRecords::fileInfoDict(home.filePath(QLatin1String(path)))[u"pkg"_s].toBool(), bundle)
+            << path;
+    EXPECT_TRUE(ItemRecords::fileInfoDict(home.filePath(u"Apps/Tool.app"_s))[u"dir"_s].toBool());
     EXPECT_EQ(ItemRecords::getSubFolders(home.filePath(u"Apps"_s)),
               QStringList{home.filePath(u"Apps/Shots.aplibrary"_s)});
     EXPECT_TRUE(ItemRecords::getSubFolders(home.filePath(u"missing"_s)).isEmpty());
 
     // An iPhoto year lists its months, with or without a trailing "/"; a month is the search of its pictures.
-    EXPECT_EQ(displays(Listings::doListing(year)), QStringList{u"05"_s});
-    EXPECT_EQ(displays(Listings::doListing(year + u'/')), QStringList{u"05"_s});
-    EXPECT_EQ(displays(Listings::doListing(year + u"/05"_s)), QStringList{u"pic.jpg"_s});
+    for (const auto &[folder, listed] :
+         {std::pair{year, u"05"_s}, {year + u'/', u"05"_s}, {year + u"/05"_s, u"pic.jpg"_s}})
+        EXPECT_EQ(displays(Listings::doListing(folder)), QStringList{listed}) << folder.toStdString();
     SearchIndex::setCurrent(nullptr);
 }

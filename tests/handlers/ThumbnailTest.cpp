@@ -29,16 +29,15 @@ VImage decoded(const QByteArray &bytes)
 // A colourful test picture: a gradient in three bands, optionally with an alpha band.
 QString writePicture(const TempHome &home, const QString &name, int width, int height, bool alpha = false)
 {
-    VImage picture =
-        VImage::xyz(width, height).extract_band(0).bandjoin(VImage::xyz(width, height).extract_band(1));
-    picture =
-        (picture.bandjoin(picture.extract_band(0)) * 255 / std::max(width, height)).cast(VIPS_FORMAT_UCHAR);
+    const VImage xy = VImage::xyz(width, height) * 255 / std::max(width, height);
+    VImage picture = xy.bandjoin(xy.extract_band(0));
     if (alpha)
-        picture = picture.bandjoin(VImage::black(width, height) + 128).cast(VIPS_FORMAT_UCHAR);
-    picture = picture.copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+        picture = picture.bandjoin(VImage::black(width, height) + 128);
     const QString path = home.filePath(name);
     QDir().mkpath(QFileInfo(path).absolutePath());
-    picture.write_to_file(QFile::encodeName(path).constData());
+    picture.cast(VIPS_FORMAT_UCHAR)
+        .copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB))
+        .write_to_file(QFile::encodeName(path).constData());
     return path;
 }
 
@@ -54,20 +53,19 @@ long peakResidentKilobytes()
 
 TEST(Thumbnail, RequestPathsAndDimensions)
 {
-    auto thumb = ThumbnailHandler::parseThumbPath(u"/Users/name/a.jpg.1384567890.128.96.jpg"_s);
-    EXPECT_EQ(thumb.itemPath, u"/Users/name/a.jpg"_s);
-    EXPECT_EQ(std::make_tuple(thumb.width, thumb.height, thumb.png), std::make_tuple(128, 96, false));
-    thumb = ThumbnailHandler::parseThumbPath(u"/x/b.png.1.1.5000.png"_s);
-    EXPECT_EQ(std::make_tuple(thumb.width, thumb.height, thumb.png), std::make_tuple(128, 128, true));
-    EXPECT_EQ(ThumbnailHandler::parseThumbPath(u"/.1384567890.64.64.png"_s).itemPath, u"/"_s);
-    EXPECT_EQ(ThumbnailHandler::parseThumbPath(u".0.64.64.png"_s).itemPath, vd_ImageUtils::kComputerPath);
-    EXPECT_EQ(ThumbnailHandler::parseThumbPath(u"/a/.hidden.1.64.64.jpg"_s).itemPath, u"/a/.hidden"_s);
-
-    EXPECT_EQ(ThumbnailHandler::getDimension(u"3"_s), 3);
-    EXPECT_EQ(ThumbnailHandler::getDimension(u"2"_s), 128);
-    EXPECT_EQ(ThumbnailHandler::getDimension(u"4096"_s), 4096);
-    EXPECT_EQ(ThumbnailHandler::getDimension(u"4097"_s), 128);
-    EXPECT_EQ(ThumbnailHandler::getDimension(u"wide"_s), 128);
+    for (const auto &[path, item, width, height, png] :
+         {std::tuple{u"/Users/name/a.jpg.1384567890.128.96.jpg"_s, u"/Users/name/a.jpg"_s, 128, 96, false},
+          {u"/x/b.png.1.1.5000.png"_s, u"/x/b.png"_s, 128, 128, true},
+          {u"/.1384567890.64.64.png"_s, u"/"_s, 64, 64, true},
+          {u".0.64.64.png"_s, vd_ImageUtils::kComputerPath, 64, 64, true},
+          {u"/a/.hidden.1.64.64.jpg"_s, u"/a/.hidden"_s, 64, 64, false}}) {
+        const auto thumb = ThumbnailHandler::parseThumbPath(path);
+        EXPECT_EQ(std::tuple(thumb.itemPath, thumb.width, thumb.height, thumb.png),
+                  std::tuple(item, width, height, png));
+    }
+    for (const auto &[text, dimension] :
+         {std::pair{"3", 3}, {"2", 128}, {"4096", 4096}, {"4097", 128}, {"wide", 128}})
+        EXPECT_EQ(ThumbnailHandler::getDimension(QLatin1String(text)), dimension) << text;
 }
 
 TEST(Thumbnail, CropBeforeScaleAndTheDrawingLimit)
@@ -119,10 +117,11 @@ TEST(Thumbnail, PicturesOfImagesWithTheSharedCache)
     EXPECT_EQ(decoded(*low).bands(), 3);
 }
 
-TEST(Thumbnail, DocumentsIconsCorruptFilesAndBombs)
+TEST(Thumbnail, IconsStandInForUnknownCorruptHugeAndOversizedPictures)
 {
     TempHome home;
     LogCapture log;
+    vips_init("test");
     const auto pdf =
         vd_ImageUtils::createImage(home.writeFile(u"Documents/page.pdf"_s, makePdf("page")), 256, 256);
     ASSERT_TRUE(pdf);
@@ -134,26 +133,10 @@ TEST(Thumbnail, DocumentsIconsCorruptFilesAndBombs)
     EXPECT_EQ(unknown->width(), 64);
 
     QByteArray corrupt = QByteArray("\xff\xd8\xff\xe0", 4) + QByteArray(2000, '\x55');
-    const auto broken = vd_ImageUtils::createImage(home.writeFile(u"broken.jpg"_s, corrupt), 64, 64);
-    ASSERT_TRUE(broken); // the icon stands in
-    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(u"The file may be corrupt: "_s +
-                                                       home.filePath(u"broken.jpg"_s)));
+    ASSERT_TRUE(vd_ImageUtils::createImage(home.writeFile(u"broken.jpg"_s, corrupt), 64, 64));
+    EXPECT_TRUE(
+        log.lines.join(u'\n').contains(u"The file may be corrupt: "_s + home.filePath(u"broken.jpg"_s)));
 
-    // 400 megapixels of zeros in a small file: refused from its header, the icon stands in, memory stays low.
-    const QString bomb = home.filePath(u"bomb.png"_s);
-    VImage::black(20000, 20000).pngsave(QFile::encodeName(bomb).constData());
-    const long before = peakResidentKilobytes();
-    const auto defused = vd_ImageUtils::createImage(bomb, 256, 256);
-    ASSERT_TRUE(defused);
-    EXPECT_LT(peakResidentKilobytes() - before, 100 * 1024);
-    EXPECT_TRUE(LogCapture::lines.join(u'\n').contains(u"400 megapixels"_s));
-}
-
-TEST(Thumbnail, ThumbnailerOutputIsReadWithinLimits)
-{
-    TempHome home;
-    LogCapture log;
-    vips_init("test");
     // The machine's thumbnailer for videos copies the picture named inside the video file, padding it to
     // the size named after it.
     const QString script =
@@ -163,66 +146,61 @@ TEST(Thumbnail, ThumbnailerOutputIsReadWithinLimits)
     home.writeFile(u".local/share/thumbnailers/video.thumbnailer"_s,
                    "[Thumbnailer Entry]\nTryExec=" + script.toUtf8() + "\nExec=" + script.toUtf8() +
                        " %i %o\nMimeType=video/x-matroska;\n");
-    const QString small = writePicture(home, u"small.png"_s, 120, 90);
-    const QString bomb = home.filePath(u"bomb.png"_s);
-    VImage::black(10000, 10001, VImage::option()->set("bands", 3))
-        .pngsave(QFile::encodeName(bomb).constData());
     const auto video = [&](const char *name, const QString &content) {
         return home.writeFile(QString::fromLatin1(name), content.toUtf8());
     };
-
+    const QString small = writePicture(home, u"small.png"_s, 120, 90);
     const auto plain = ExternalThumbnailer::thumbnail(video("plain.mkv", small), u"video/x-matroska"_s, 128);
     ASSERT_TRUE(plain);
     EXPECT_EQ(plain->width(), 120);
-
     // A picture file past 16 MiB is not read, however valid its start.
     const QString padded = video("padded.mkv", small + u" 17M"_s);
     EXPECT_FALSE(ExternalThumbnailer::thumbnail(padded, u"video/x-matroska"_s, 128));
     const auto icon = vd_ImageUtils::createImage(padded, 64, 64);
-    ASSERT_TRUE(icon); // the icon stands in
+    ASSERT_TRUE(icon);
     EXPECT_EQ(icon->width(), 64);
 
-    // 100 million pixels of three bands in a small file: refused from its header, memory stays low.
+    // Just over 100 million pixels of three bands in a small file, opened directly and as a thumbnailer's
+    // output: refused from its header, the icon stands in, memory stays low.
+    const QString bomb = home.filePath(u"bomb.png"_s);
+    VImage::black(10000, 10001, VImage::option()->set("bands", 3))
+        .pngsave(QFile::encodeName(bomb).constData());
     const long before = peakResidentKilobytes();
+    ASSERT_TRUE(vd_ImageUtils::createImage(bomb, 256, 256));
     EXPECT_FALSE(ExternalThumbnailer::thumbnail(video("bomb.mkv", bomb), u"video/x-matroska"_s, 128));
     EXPECT_LT(peakResidentKilobytes() - before, 100 * 1024);
-    EXPECT_TRUE(
-        LogCapture::lines.join(u'\n').contains(u"no thumbnail for "_s + home.filePath(u"bomb.mkv"_s)));
+    EXPECT_TRUE(log.lines.join(u'\n').contains(u"bomb.png has 100 megapixels"_s));
+    EXPECT_TRUE(log.lines.join(u'\n').contains(u"no thumbnail for "_s + home.filePath(u"bomb.mkv"_s)));
 }
 
 TEST(Thumbnail, RequestsFillThumbAndPreviewAndRawBytes)
 {
     TempHome home;
-    const QString jpeg = writePicture(home, u"Pictures/p.jpg"_s, 900, 600);
-    QJsonObject request{{u"path"_s, jpeg + u".1384567890.200.100.jpg"_s}};
     QByteArray raw;
-    ThumbnailHandler::handleThumbRequest(request, &raw);
-    EXPECT_EQ(dataWithBase64EncodedString_URL_SAFE(request.value(u"thumb"_s).toString()), raw);
+    const auto ask = [&](void (*handler)(QJsonObject &, QByteArray *), const QString &path) {
+        QJsonObject request{{u"path"_s, path}};
+        handler(request, &raw);
+        return request;
+    };
+    const QString jpeg = writePicture(home, u"Pictures/p.jpg"_s, 900, 600);
+    const QJsonObject thumb = ask(ThumbnailHandler::handleThumbRequest, jpeg + u".1384567890.200.100.jpg"_s);
+    EXPECT_EQ(dataWithBase64EncodedString_URL_SAFE(thumb.value(u"thumb"_s).toString()), raw);
     EXPECT_EQ(decoded(raw).height(), 100);
-
-    QJsonObject computer{{u"path"_s, u".0.128.128.png"_s}};
-    ThumbnailHandler::handleThumbRequest(computer, &raw);
+    ask(ThumbnailHandler::handleThumbRequest, u".0.128.128.png"_s);
     EXPECT_TRUE(raw.startsWith("\x89PNG"));
-
-    QJsonObject preview{{u"path"_s, jpeg + u".jpg"_s}};
-    ThumbnailHandler::handlePreviewRequest(preview, &raw);
-    const VImage large = decoded(raw);
-    EXPECT_EQ(std::make_pair(large.width(), large.height()), std::make_pair(768, 512));
+    ask(ThumbnailHandler::handlePreviewRequest, jpeg + u".jpg"_s);
+    EXPECT_EQ(std::pair(decoded(raw).width(), decoded(raw).height()), std::pair(768, 512));
     // Only the last component carries the format suffix: a dot in a folder name cuts nothing.
     const QString named = writePicture(home, u"a.b/picture.jpg"_s, 900, 600);
     QFile::rename(named, named.chopped(4));
-    QJsonObject plain{{u"path"_s, named.chopped(4)}};
-    ThumbnailHandler::handlePreviewRequest(plain, &raw);
+    ask(ThumbnailHandler::handlePreviewRequest, named.chopped(4));
     EXPECT_EQ(decoded(raw).height(), 512);
 
     // The iCloud documents folder has its own picture.
-    const QString iCloud = home.filePath(u"Library/Mobile Documents"_s);
-    QDir().mkpath(iCloud);
-    QJsonObject cloud{{u"path"_s, iCloud + u".1.64.64.png"_s}};
-    ThumbnailHandler::handleThumbRequest(cloud, &raw);
+    QDir().mkpath(home.filePath(u"Library/Mobile Documents"_s));
+    ask(ThumbnailHandler::handleThumbRequest, home.filePath(u"Library/Mobile Documents.1.64.64.png"_s));
     const double cloudPicture = decoded(raw).avg();
     QDir().mkpath(home.filePath(u"Plain"_s));
-    QJsonObject folder{{u"path"_s, home.filePath(u"Plain.1.64.64.png"_s)}};
-    ThumbnailHandler::handleThumbRequest(folder, &raw);
+    ask(ThumbnailHandler::handleThumbRequest, home.filePath(u"Plain.1.64.64.png"_s));
     EXPECT_NE(decoded(raw).avg(), cloudPicture);
 }
