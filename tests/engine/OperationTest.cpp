@@ -37,8 +37,7 @@ struct HandlerProbe
     HandlerProbe()
     {
         vd_Searcher::HandlerTable table;
-        for (const char *type :
-             {"search", "preview", "thumb", "copy_to_dropbox", "move_from_dropbox", "info"})
+        for (const char *type : {"search", "thumb", "info"})
             table[QString::fromLatin1(type)] = [this](vd_Searcher &, QJsonObject &request) {
                 {
                     const std::lock_guard lock(mutex);
@@ -69,39 +68,7 @@ struct HandlerProbe
 
 } // namespace
 
-TEST(Operation, ResolvesTheSessionInItsStorageRootAndDropsOrphans)
-{
-    TwoRoots roots;
-    HandlerProbe probe;
-    probe.gate.release(HandlerProbe::kOpen);
-    LogCapture log;
-    const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey().value());
-
-    vd_Searcher inDrive(record({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
-    inDrive.main();
-    ASSERT_EQ(probe.seen.size(), 1);
-    EXPECT_EQ(probe.seen[0].value(u"request_type"_s), u"info"_s);
-    EXPECT_EQ(probe.seen[0].value(u"vandrel_folder"_s), roots.drive);
-    EXPECT_EQ(inDrive.theRequest(), std::nullopt);
-
-    // No session, or one in no StorageRoot: dropped before any check, the record in the log.
-    vd_Searcher orphan(record({{"request_type", "search"}, {"search_dir", "root_folders"}}));
-    orphan.main();
-    vd_Searcher stranger(record({{"request_type", "search"}, {"os_session", "gone"}, {"pword_hash", hash}}));
-    stranger.main();
-    EXPECT_EQ(probe.seen.size(), 1);
-    EXPECT_TRUE(log.lines.contains(u"no session found for {\"request_type\":\"search\","
-                                   u"\"search_dir\":\"root_folders\"}"_s));
-    EXPECT_TRUE(log.lines.contains(u"Can't find a storage path..."_s));
-
-    // A session in the first root resolves there; the computer's small icon needs no hash.
-    vd_Searcher icon(record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.64.64.png"}}));
-    icon.main();
-    ASSERT_EQ(probe.seen.size(), 2);
-    EXPECT_EQ(probe.seen[1].value(u"vandrel_folder"_s), roots.root());
-}
-
-TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
+TEST(Operation, QueueRunsFourAtOnceSearchesOvertakeThumbnailsAndSessionsResolveToTheirRoot)
 {
     TwoRoots roots;
     HandlerProbe probe;
@@ -141,12 +108,13 @@ TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
     probe.waitForCount(8);
     probe.gate.release(HandlerProbe::kOpen);
     vd_Searcher::opQ().waitForDone();
-
     QStringList order;
     for (qsizetype i = 4; i < probe.seen.size(); ++i)
         order << probe.seen[i].value(u"n"_s).toString();
     EXPECT_EQ(order, QStringList({u"sealed"_s, u"plain"_s, u"thumb1"_s, u"thumb2"_s}));
     EXPECT_EQ(probe.seen[4].value(u"encrypt_reply"_s), QJsonValue(true));
+    // The session resolves in its StorageRoot; the computer's small icon needs no hash.
+    EXPECT_EQ(probe.seen[7].value(u"vandrel_folder"_s), roots.root());
 
     // Replies that are not objects, or hold no request array, queue nothing; only the first are refused.
     for (const auto &[body, accepted] :
@@ -154,6 +122,24 @@ TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
         EXPECT_EQ(vd_Searcher::runRequestsFromReply(body), accepted) << body;
     vd_Searcher::opQ().waitForDone();
     EXPECT_EQ(probe.seen.size(), 8);
+
+    // A session in the second StorageRoot resolves there; the request's own record is let go after the run.
+    LogCapture log;
+    vd_Searcher inDrive(record({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
+    inDrive.main();
+    ASSERT_EQ(probe.seen.size(), 9);
+    EXPECT_EQ(probe.seen[8].value(u"vandrel_folder"_s), roots.drive);
+    EXPECT_EQ(inDrive.theRequest(), std::nullopt);
+
+    // No session, or one in no StorageRoot: dropped before any check, the record in the log.
+    vd_Searcher orphan(record({{"request_type", "search"}, {"search_dir", "root_folders"}}));
+    orphan.main();
+    vd_Searcher stranger(record({{"request_type", "search"}, {"os_session", "gone"}, {"pword_hash", hash}}));
+    stranger.main();
+    EXPECT_EQ(probe.seen.size(), 9);
+    EXPECT_TRUE(log.lines.contains(u"no session found for {\"request_type\":\"search\","
+                                   u"\"search_dir\":\"root_folders\"}"_s));
+    EXPECT_TRUE(log.lines.contains(u"Can't find a storage path..."_s));
 }
 
 TEST(Operation, StatusWordsAreInverted)
