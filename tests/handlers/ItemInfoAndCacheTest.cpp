@@ -12,7 +12,7 @@
 
 using namespace Qt::StringLiterals;
 
-TEST(ItemInfo, LinesForFilesFoldersAndCutOffWalks)
+TEST(ItemInfo, LinesForFilesFoldersCutOffWalksAndSizeBands)
 {
     TempHome home;
     home.writeFile(u"f.bin"_s, QByteArray(1234, 'x'));
@@ -50,10 +50,7 @@ TEST(ItemInfo, LinesForFilesFoldersAndCutOffWalks)
     EXPECT_EQ(count, 51);
     EXPECT_FALSE(maxReached);
     EXPECT_EQ(vd_SimpleUtils::sizeOfItem(u"~/many/1"_s, 2, nullptr, nullptr), 10u);
-}
 
-TEST(ItemInfo, SizeBands)
-{
     for (const auto &[bytes, text] : {std::pair{0.0, "0"},
                                       {99.0, "0.0 KB"},
                                       {300.0, "0.3 KB"},

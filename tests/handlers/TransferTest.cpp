@@ -18,10 +18,10 @@ QByteArray contentOf(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
 }
 
-// A copy or move request from the home's StorageRoot, to its default folder unless a destination is given.
-QJsonObject request(const DropboxHome &home, const QString &path, const QString &destination = {})
+// A copy or move request from the StorageRoot, to its default folder unless a destination is given.
+QJsonObject request(const QString &root, const QString &path, const QString &destination = {})
 {
-    QJsonObject record{{u"path"_s, path}, {u"vandrel_folder"_s, home.root()}};
+    QJsonObject record{{u"path"_s, path}, {u"vandrel_folder"_s, root}};
     if (!destination.isNull())
         record.insert(u"dest_path"_s, destination);
     return record;
@@ -89,7 +89,7 @@ TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
 {
     DropboxHome box;
     const QString source = box.writeFile(u"Documents/a.txt"_s, "first");
-    QJsonObject copy = request(box, source);
+    QJsonObject copy = request(box.root(), source);
     TransferHandler::handleCopyToDropboxRequest(copy);
     const QString month = vd_FileUtils::getFileByDatePath(u"/uploads"_s);
     EXPECT_EQ(copy.value(u"message"_s).toString(), u"Copied to Dropbox"_s);
@@ -100,7 +100,7 @@ TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
     // Changed: the old copy is kept as "a V1.txt".
     const QDir uploads(box.root() + month);
     box.writeFile(u"Documents/a.txt"_s, "second");
-    QJsonObject changed = request(box, source);
+    QJsonObject changed = request(box.root(), source);
     TransferHandler::handleCopyToDropboxRequest(changed);
     EXPECT_EQ(contentOf(uploads.filePath(u"a.txt"_s)), QByteArray("second"));
     EXPECT_EQ(contentOf(uploads.filePath(u"a V1.txt"_s)), QByteArray("first"));
@@ -109,7 +109,7 @@ TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
     box.writeFile(u"Project/src/main.c"_s, "int main;");
     QFile::link(u"/etc/hostname"_s, box.filePath(u"Project/host"_s));
     QDir(box.path()).mkpath(u"Out"_s);
-    QJsonObject folder = request(box, box.filePath(u"Project/"_s), box.filePath(u"Out"_s));
+    QJsonObject folder = request(box.root(), box.filePath(u"Project/"_s), box.filePath(u"Out"_s));
     TransferHandler::handleCopyToDropboxRequest(folder);
     EXPECT_EQ(contentOf(box.filePath(u"Out/Project/src/main.c"_s)), QByteArray("int main;"));
     EXPECT_EQ(QFileInfo(box.filePath(u"Out/Project/host"_s)).symLinkTarget(), u"/etc/hostname"_s);
@@ -118,7 +118,7 @@ TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
     // Clipping drops as many characters as the StorageRoot has, wherever in the path it first occurs.
     const QString nested = box.filePath(u"Out"_s) + box.root();
     QDir().mkpath(nested);
-    QJsonObject deeper = request(box, source, nested);
+    QJsonObject deeper = request(box.root(), source, nested);
     TransferHandler::handleCopyToDropboxRequest(deeper);
     EXPECT_EQ(deeper.value(u"matching_path_clipped"_s).toString(),
               (nested + u"/a.txt"_s).mid(box.root().size()));
@@ -129,7 +129,7 @@ TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
     EXPECT_EQ(nowhere.value(u"error"_s).toString(), u"Not copied, error was no destination folder"_s);
     EXPECT_FALSE(QFile::exists(u"/a.txt"_s));
 
-    QJsonObject missing = request(box, box.filePath(u"nothing.txt"_s));
+    QJsonObject missing = request(box.root(), box.filePath(u"nothing.txt"_s));
     TransferHandler::handleCopyToDropboxRequest(missing);
     EXPECT_TRUE(missing.value(u"error"_s).toString().startsWith(u"Not copied, error was No such file"_s));
     EXPECT_FALSE(missing.contains(u"message"_s));
@@ -142,19 +142,19 @@ TEST(TransferRequest, MovesOutOfDropboxNeverReplaceAndKeepTheSourceOnFailure)
     const QString target = box.filePath(u"Target"_s);
     box.writeFile(u"Target/a.txt"_s, "existing");
     box.writeFile(u"Target/a (1).txt"_s, "existing 1");
-    QJsonObject move = request(box, inUploads, target);
+    QJsonObject move = request(box.root(), inUploads, target);
     TransferHandler::handleMoveFromDropboxRequest(move);
     EXPECT_EQ(move.value(u"message"_s).toString(), u"Moved out of Dropbox"_s);
     EXPECT_EQ(contentOf(target + u"/a (2).txt"_s), QByteArray("payload"));
     EXPECT_EQ(contentOf(target + u"/a.txt"_s), QByteArray("existing"));
     EXPECT_FALSE(QFile::exists(inUploads));
 
-    QJsonObject toDownloads = request(box, box.writeFile(u"Dropbox/Photos/p.jpg"_s, "jpeg"));
+    QJsonObject toDownloads = request(box.root(), box.writeFile(u"Dropbox/Photos/p.jpg"_s, "jpeg"));
     TransferHandler::handleMoveFromDropboxRequest(toDownloads);
     EXPECT_EQ(contentOf(vd_FileUtils::getDefaultMoveFromFolder() + u"/p.jpg"_s), QByteArray("jpeg"));
 
     const QString stays = box.writeFile(u"Dropbox/c.txt"_s, "c");
-    QJsonObject noFolder = request(box, stays, box.filePath(u"nowhere"_s));
+    QJsonObject noFolder = request(box.root(), stays, box.filePath(u"nowhere"_s));
     TransferHandler::handleMoveFromDropboxRequest(noFolder);
     EXPECT_TRUE(noFolder.value(u"error"_s).toString().startsWith(u"Not removed from Dropbox, error was "_s));
     EXPECT_TRUE(QFile::exists(stays));
@@ -174,9 +174,7 @@ TEST(TransferRequest, CloudFolderUploadsLeaveAndOutsideFilesStay)
     QDir().mkpath(target);
 
     for (const QString &path : {upload, outside, required}) {
-        QJsonObject move{{u"path"_s, path},
-                         {u"dest_path"_s, target},
-                         {u"vandrel_folder"_s, home.filePath(u"Sync/Apps/vandrel"_s)}};
+        QJsonObject move = request(home.filePath(u"Sync/Apps/vandrel"_s), path, target);
         TransferHandler::handleMoveFromDropboxRequest(move);
         EXPECT_EQ(move.contains(u"error"_s), path != upload) << path.toStdString();
     }
