@@ -18,18 +18,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// A home with two StorageRoots: Dropbox first, then Google Drive; a session "box" in the first and
-// "drive" in the second.
-struct TwoRoots : DropboxHome
-{
-    TwoRoots()
-    {
-        addSession(u"box"_s);
-        writeFile(u"GDrive/Apps/vandrel/data.vdldata/sessions/drive.json"_s, "{}");
-    }
-    QString drive = filePath(u"GDrive/Apps/vandrel"_s);
-};
-
 // Records the requests the handlers see; "info" requests hold their queue thread until the gate lets them by.
 struct HandlerProbe
 {
@@ -70,7 +58,10 @@ struct HandlerProbe
 
 TEST(Operation, QueueRunsFourAtOnceSearchesOvertakeThumbnailsAndSessionsResolveToTheirRoot)
 {
-    TwoRoots roots;
+    // Two StorageRoots: Dropbox first with a session "box", then Google Drive with a session "drive".
+    DropboxHome roots;
+    roots.addSession(u"box"_s);
+    roots.writeFile(u"GDrive/Apps/vandrel/data.vdldata/sessions/drive.json"_s, "{}");
     HandlerProbe probe;
     const QString key = vd_Searcher::encryptionKey().value();
     const QString hash = vd_SimpleUtils::sha256Hex(key);
@@ -128,7 +119,7 @@ TEST(Operation, QueueRunsFourAtOnceSearchesOvertakeThumbnailsAndSessionsResolveT
     vd_Searcher inDrive(record({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
     inDrive.main();
     ASSERT_EQ(probe.seen.size(), 9);
-    EXPECT_EQ(probe.seen[8].value(u"vandrel_folder"_s), roots.drive);
+    EXPECT_EQ(probe.seen[8].value(u"vandrel_folder"_s), roots.filePath(u"GDrive/Apps/vandrel"_s));
     EXPECT_EQ(inDrive.theRequest(), std::nullopt);
 
     // No session, or one in no StorageRoot: dropped before any check, the record in the log.
