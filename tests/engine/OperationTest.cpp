@@ -132,13 +132,3 @@ TEST(Operation, QueueRunsFourAtOnceSearchesOvertakeThumbnailsAndSessionsResolveT
                                    u"\"search_dir\":\"root_folders\"}"_s));
     EXPECT_TRUE(log.lines.contains(u"Can't find a storage path..."_s));
 }
-
-TEST(Operation, StatusWordsAreInverted)
-{
-    const QDateTime now = QDateTime::currentDateTimeUtc();
-    for (const auto &[secondsAgo, word] : {std::pair{30, "idle"}, {60, "idle"}, {61, "active"}}) {
-        vd_Searcher::gLastSessionActive.store(vd_Searcher::referenceSeconds(now.addSecs(-secondsAgo)));
-        EXPECT_EQ(vd_Searcher::sActive(now), secondsAgo <= 60);
-        EXPECT_EQ(vd_Searcher::statusString(now), QLatin1String(word));
-    }
-}

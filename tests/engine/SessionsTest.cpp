@@ -66,7 +66,7 @@ TEST(Sessions, ListingCountsJsonNamesOnlyAndExpiryDeletesStaleOnesButNotWhatALin
     EXPECT_TRUE(QFileInfo::exists(home.filePath(u"precious/keep.txt"_s)));
 }
 
-TEST(Sessions, UserCameOnlineAfterTwentyQuietSecondsHeardOnTheFindingThread)
+TEST(Sessions, UserCameOnlineAfterTwentyQuietSecondsHeardOnTheFindingThreadAndActiveForAMinute)
 {
     TempHome home;
     const QString root = home.filePath(u"root"_s);
@@ -94,6 +94,9 @@ TEST(Sessions, UserCameOnlineAfterTwentyQuietSecondsHeardOnTheFindingThread)
     EXPECT_EQ(notices, 2);
     EXPECT_DOUBLE_EQ(vd_Searcher::gLastSessionActive.load(),
                      vd_Searcher::referenceSeconds(start.addSecs(40)));
+    // The status word is inverted: "idle" while the user was seen within the last minute.
+    EXPECT_EQ(vd_Searcher::statusString(start.addSecs(100)), u"idle"_s);
+    EXPECT_EQ(vd_Searcher::statusString(start.addSecs(101)), u"active"_s);
 
     // A request's worker thread can be the one that finds the user back; observers hear it there.
     vd_Searcher::gLastSessionActive = 0;

@@ -65,7 +65,7 @@ TEST(SearchRules, TermsPhrasesFieldsAndQueryTextInItsOrder)
               "( * == \"x\"cdw ) && (kMDItemSupportFileType != MDSystemFile)"_s);
 }
 
-TEST(SearchRules, PagingKeepsItsQuirks)
+TEST(SearchRules, PagingKeepsItsQuirksFinderOrderAndUploadRule)
 {
     QJsonObject result;
     EXPECT_EQ(ItemRecords::pageOf(records(72), {{u"result_page"_s, 3}}, result).size(), 72);
@@ -83,10 +83,9 @@ TEST(SearchRules, PagingKeepsItsQuirks)
     EXPECT_EQ(result.value(u"total_item_count"_s).toInt(), 80);
     EXPECT_TRUE(ItemRecords::pageOf(records(80), {{u"result_page"_s, -1}}, result).isEmpty());
     EXPECT_EQ(ItemRecords::pageOf(records(80), {}, result).size(), 40);
-}
+    // A page so far out that its offset would overflow is simply empty.
+    EXPECT_TRUE(ItemRecords::pageOf(records(80), {{u"result_page"_s, 4e17}}, result).isEmpty());
 
-TEST(SearchRules, FinderOrderAndUploadRule)
-{
     QJsonArray list;
     for (const char *name : {"file 10", "File 9", "file 9", "\xc3\xa9t\xc3\xa9", "apple", "Zebra", "etc"})
         list.append(QJsonObject{{u"display"_s, QString::fromUtf8(name)}});
@@ -148,19 +147,13 @@ TEST(SearchRules, SearchPagesBundlesCachesAndPhotoLibraries)
         EXPECT_EQ(items.size(), page < 2 ? 40 : 20);
         for (const QJsonValue &item : items) {
             seen.insert(item[u"path"_s].toString());
-            EXPECT_TRUE(item[u"display"_s].toString().startsWith(u"page"));
             EXPECT_GT(item[u"mod_date"_s].toDouble(), 0);
             EXPECT_EQ(item[u"size"_s].toInt(-1), 1);
             EXPECT_EQ(item[u"preview_width"_s].toInt(), 768);
-            EXPECT_TRUE(item[u"up_ok"_s].toBool());
         }
     }
     EXPECT_EQ(seen.size(), 100);
     EXPECT_FALSE(seen.contains(home.filePath(u"Library/Caches/cachedpage.txt"_s)));
-    // A page so far out that its offset would overflow is simply empty.
-    const QJsonObject far = search({{u"name_search"_s, u"page"_s}, {u"result_page"_s, 4e17}});
-    EXPECT_TRUE(far[u"items"_s].toArray().isEmpty());
-    EXPECT_EQ(far[u"total_item_count"_s].toInt(), 100);
 
     // The Caches folder itself is found; what lies inside a Library's Caches is not.
     const QJsonArray caches = search({{u"name_search"_s, u"caches"_s}})[u"items"_s].toArray();

@@ -55,7 +55,6 @@ TEST(Thumbnail, RequestPathsDimensionsCropBeforeScaleAndTheDrawingLimit)
 {
     for (const auto &[path, item, width, height, png] :
          {std::tuple{u"/Users/name/a.jpg.1384567890.128.96.jpg"_s, u"/Users/name/a.jpg"_s, 128, 96, false},
-          {u"/x/b.png.1.1.5000.png"_s, u"/x/b.png"_s, 128, 128, true},
           {u"/.1384567890.64.64.png"_s, u"/"_s, 64, 64, true},
           {u".0.64.64.png"_s, vd_ImageUtils::kComputerPath, 64, 64, true},
           {u"/a/.hidden.1.64.64.jpg"_s, u"/a/.hidden"_s, 64, 64, false}}) {
@@ -80,36 +79,6 @@ TEST(Thumbnail, RequestPathsDimensionsCropBeforeScaleAndTheDrawingLimit)
     // Scaled, this one would still be 36 megapixels: it comes back unscaled; 25 are allowed.
     EXPECT_EQ(size(10000, 10000, 6000).first, 10000);
     EXPECT_EQ(size(10000, 10000, 5000).first, 5000);
-}
-
-TEST(Thumbnail, PicturesOfImagesWithTheSharedCache)
-{
-    TempHome home;
-    const QString jpeg = writePicture(home, u"Pictures/photo.jpg"_s, 1600, 1200);
-    const auto thumb = vd_ImageUtils::imageDataForPath(jpeg, 128, 96, true, 0.54);
-    ASSERT_TRUE(thumb);
-    const VImage picture = decoded(*thumb);
-    EXPECT_EQ(std::make_pair(picture.width(), picture.height()), std::make_pair(128, 96));
-
-    // The desktop's cache got the standard 128-pixel picture, tagged so that file managers trust it.
-    ASSERT_EQ(QDir(ThumbnailCache::folderFor(128)).entryList(QDir::Files).size(), 1);
-    EXPECT_TRUE(ThumbnailCache::read(jpeg, 128).has_value());
-    home.writeFile(u"Pictures/photo.jpg"_s, "changed"); // a new mtime or content invalidates
-    const struct timespec later[2] = {{0, UTIME_OMIT}, {2000000000, 0}};
-    ::utimensat(AT_FDCWD, QFile::encodeName(jpeg).constData(), later, 0);
-    EXPECT_FALSE(ThumbnailCache::read(jpeg, 128).has_value());
-
-    // A PNG with transparency asked as PNG keeps its alpha; the JPEG qualities differ as they should.
-    const QString png = writePicture(home, u"Pictures/logo.png"_s, 300, 200, true);
-    const auto pngThumb = vd_ImageUtils::imageDataForPath(png, 64, 64, false, 0.54);
-    ASSERT_TRUE(pngThumb);
-    EXPECT_TRUE(pngThumb->startsWith("\x89PNG"));
-    EXPECT_EQ(decoded(*pngThumb).bands(), 4);
-    const auto low = vd_ImageUtils::imageDataForPath(png, 256, 256, true, 0.54);
-    const auto high = vd_ImageUtils::imageDataForPath(png, 256, 256, true, 0.64);
-    ASSERT_TRUE(low && high);
-    EXPECT_LT(low->size(), high->size());
-    EXPECT_EQ(decoded(*low).bands(), 3);
 }
 
 TEST(Thumbnail, IconsStandInForUnknownCorruptHugeAndOversizedPictures)
@@ -165,7 +134,7 @@ TEST(Thumbnail, IconsStandInForUnknownCorruptHugeAndOversizedPictures)
     EXPECT_TRUE(logged.contains(u"no thumbnail for "_s + home.filePath(u"bomb.mkv"_s)));
 }
 
-TEST(Thumbnail, RequestsFillThumbAndPreviewAndRawBytes)
+TEST(Thumbnail, RequestsFillThumbAndPreviewThroughTheSharedCache)
 {
     TempHome home;
     QByteArray raw;
@@ -175,9 +144,12 @@ TEST(Thumbnail, RequestsFillThumbAndPreviewAndRawBytes)
         return request;
     };
     const QString jpeg = writePicture(home, u"Pictures/p.jpg"_s, 900, 600);
-    const QJsonObject thumb = ask(ThumbnailHandler::handleThumbRequest, jpeg + u".1384567890.200.100.jpg"_s);
+    const QJsonObject thumb = ask(ThumbnailHandler::handleThumbRequest, jpeg + u".1384567890.128.64.jpg"_s);
     EXPECT_EQ(dataWithBase64EncodedString_URL_SAFE(thumb.value(u"thumb"_s).toString()), raw);
-    EXPECT_EQ(decoded(raw).height(), 100);
+    EXPECT_EQ(std::pair(decoded(raw).width(), decoded(raw).height()), std::pair(96, 64));
+    // The desktop's cache got the standard 128-pixel picture, tagged so that file managers trust it.
+    ASSERT_EQ(QDir(ThumbnailCache::folderFor(128)).entryList(QDir::Files).size(), 1);
+    EXPECT_TRUE(ThumbnailCache::read(jpeg, 128).has_value());
     ask(ThumbnailHandler::handleThumbRequest, u".0.128.128.png"_s);
     EXPECT_TRUE(raw.startsWith("\x89PNG"));
     ask(ThumbnailHandler::handlePreviewRequest, jpeg + u".jpg"_s);
@@ -187,6 +159,21 @@ TEST(Thumbnail, RequestsFillThumbAndPreviewAndRawBytes)
     QFile::rename(named, named.chopped(4));
     ask(ThumbnailHandler::handlePreviewRequest, named.chopped(4));
     EXPECT_EQ(decoded(raw).height(), 512);
+    home.writeFile(u"Pictures/p.jpg"_s, "changed"); // a new mtime or content invalidates
+    const struct timespec later[2] = {{0, UTIME_OMIT}, {2000000000, 0}};
+    ::utimensat(AT_FDCWD, QFile::encodeName(jpeg).constData(), later, 0);
+    EXPECT_FALSE(ThumbnailCache::read(jpeg, 128).has_value());
+
+    // A PNG with transparency asked as PNG keeps its alpha; the JPEG qualities differ as they should.
+    const QString png = writePicture(home, u"Pictures/logo.png"_s, 300, 200, true);
+    ask(ThumbnailHandler::handleThumbRequest, png + u".1.64.64.png"_s);
+    EXPECT_TRUE(raw.startsWith("\x89PNG"));
+    EXPECT_EQ(decoded(raw).bands(), 4);
+    const auto low = vd_ImageUtils::imageDataForPath(png, 256, 256, true, 0.54);
+    const auto high = vd_ImageUtils::imageDataForPath(png, 256, 256, true, 0.64);
+    ASSERT_TRUE(low && high);
+    EXPECT_LT(low->size(), high->size());
+    EXPECT_EQ(decoded(*low).bands(), 3);
 
     // The iCloud documents folder has its own picture.
     QDir().mkpath(home.filePath(u"Library/Mobile Documents"_s));
