@@ -44,14 +44,11 @@ QStringList entriesOf(const QString &folder)
     return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
 }
 
-void writeRandom(const QString &path, qint64 size, QRandomGenerator &random)
+QByteArray randomBytes(qint64 size, QRandomGenerator &random)
 {
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    file.open(QIODevice::WriteOnly);
     QByteArray bytes(size, '\0');
     random.fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
-    file.write(bytes);
+    return bytes;
 }
 
 } // namespace
@@ -68,12 +65,12 @@ TEST(MoveFaults, InterruptedCrossFileSystemMovesNeverLoseAByte)
     for (int round = 0; interrupted < 200 && round < 400; ++round) {
         // A single file or a small folder tree, with sizes that cross the copy's chunk boundaries.
         const QString source = home.filePath(u"src/item%1"_s.arg(round));
-        const bool folder = random.bounded(2) == 1;
-        if (folder) {
+        if (random.bounded(2) == 1) {
             for (int f = 0, files = 1 + int(random.bounded(4)); f < files; ++f)
-                writeRandom(source + u"/d%1/f%2.bin"_s.arg(f % 2).arg(f), random.bounded(1500000), random);
+                home.writeFile(u"src/item%1/d%2/f%3.bin"_s.arg(round).arg(f % 2).arg(f),
+                               randomBytes(random.bounded(1500000), random));
         } else {
-            writeRandom(source, random.bounded(2500000), random);
+            home.writeFile(u"src/item%1"_s.arg(round), randomBytes(random.bounded(2500000), random));
         }
         const auto before = snapshot(source);
         const QString destination = other.filePath(u"item%1"_s.arg(round));
@@ -113,8 +110,7 @@ TEST(MoveFaults, FullDestinationFileSystemKeepsTheSourceWhole)
         GTEST_SKIP() << "cannot mount a small file system here (needs root)";
 
     QRandomGenerator random(7);
-    const QString source = home.filePath(u"Dropbox/big.bin"_s);
-    writeRandom(source, 3 * 1024 * 1024, random);
+    const QString source = home.writeFile(u"Dropbox/big.bin"_s, randomBytes(3 * 1024 * 1024, random));
     const auto before = snapshot(home.filePath(u"Dropbox"_s));
     const FileOperations::Failure failure = FileOperations::moveItem(source, mountPoint + u"/big.bin"_s);
     ASSERT_TRUE(failure.has_value());

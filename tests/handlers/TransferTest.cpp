@@ -130,7 +130,7 @@ TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
     EXPECT_FALSE(missing.contains(u"message"_s));
 }
 
-TEST(TransferRequest, MovesOutOfDropboxNeverReplaceAndKeepTheSourceOnFailure)
+TEST(TransferRequest, MovesOutOfCloudFoldersNeverReplaceTakeNothingOutsideAndKeepTheSourceOnFailure)
 {
     DropboxHome box;
     const QString inUploads = box.writeFile(u"Dropbox/Apps/vandrel/uploads/2014/3/a.txt"_s, "payload");
@@ -152,27 +152,21 @@ TEST(TransferRequest, MovesOutOfDropboxNeverReplaceAndKeepTheSourceOnFailure)
     TransferHandler::handleMoveFromDropboxRequest(noFolder);
     EXPECT_TRUE(noFolder.value(u"error"_s).toString().startsWith(u"Not removed from Dropbox, error was "_s));
     EXPECT_TRUE(QFile::exists(stays));
-}
 
-// A move out of a cloud folder's StorageRoot is checked against that cloud folder as against a Dropbox
-// folder: an upload may leave, a file outside the cloud folder or one the agent needs may not be taken.
-TEST(TransferRequest, CloudFolderUploadsLeaveAndOutsideFilesStay)
-{
-    TempHome home;
-    home.setEnvironment("VANDREL_CLOUD_FOLDERS", QFile::encodeName(home.filePath(u"Sync"_s)));
-    home.writeFile(u"Sync/Apps/vandrel/data.vdldata/sessions_are_here.json"_s, "{}");
-    const QString upload = home.writeFile(u"Sync/Apps/vandrel/uploads/2026/11/report.txt"_s, "report");
-    const QString outside = home.writeFile(u"Documents/private.txt"_s, "private");
-    const QString required = home.writeFile(u"Sync/Apps/vandrel/data.vdldata/computers/x.json"_s, "{}");
-    const QString target = home.filePath(u"Target"_s);
-    QDir().mkpath(target);
-
+    // Out of another cloud folder's StorageRoot the same rules hold against that cloud folder: an upload may
+    // leave, a file outside the cloud folder or one the agent needs may not be taken.
+    box.setEnvironment("VANDREL_CLOUD_FOLDERS", QFile::encodeName(box.filePath(u"Sync"_s)));
+    const QString upload = box.writeFile(u"Sync/Apps/vandrel/uploads/2026/11/report.txt"_s, "report");
+    const QString outside = box.writeFile(u"Documents/private.txt"_s, "private");
+    const QString required = box.writeFile(u"Sync/Apps/vandrel/data.vdldata/computers/x.json"_s, "{}");
+    const QString out = box.filePath(u"Out"_s);
+    QDir().mkpath(out);
     for (const QString &path : {upload, outside, required}) {
-        QJsonObject move = request(home.filePath(u"Sync/Apps/vandrel"_s), path, target);
+        QJsonObject move = request(box.filePath(u"Sync/Apps/vandrel"_s), path, out);
         TransferHandler::handleMoveFromDropboxRequest(move);
         EXPECT_EQ(move.contains(u"error"_s), path != upload) << path.toStdString();
     }
-    EXPECT_EQ(QDir(target).entryList(QDir::Files), QStringList{u"report.txt"_s});
+    EXPECT_EQ(QDir(out).entryList(QDir::Files), QStringList{u"report.txt"_s});
     EXPECT_FALSE(QFileInfo::exists(upload));
     EXPECT_TRUE(QFileInfo::exists(outside) && QFileInfo::exists(required));
 }
