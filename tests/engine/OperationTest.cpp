@@ -61,7 +61,7 @@ TEST(Operation, QueueRunsFourAtOnceSearchesOvertakeThumbnailsAndSessionsResolveT
     // Two StorageRoots: Dropbox first with a session "box", then Google Drive with a session "drive".
     DropboxHome roots;
     roots.addSession(u"box"_s);
-    roots.writeFile(u"GDrive/Apps/vandrel/data.vdldata/sessions/drive.json"_s, "{}");
+    roots.addSession(u"drive"_s, roots.filePath(u"GDrive/Apps/vandrel"_s));
     HandlerProbe probe;
     const QString key = vd_Searcher::encryptionKey().value();
     const QString hash = vd_SimpleUtils::sha256Hex(key);
@@ -80,15 +80,9 @@ TEST(Operation, QueueRunsFourAtOnceSearchesOvertakeThumbnailsAndSessionsResolveT
         record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.1.1.png"}, {"n", "thumb1"}}),
         record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.2.2.png"}, {"n", "thumb2"}}),
         record({{"request_type", "encrypted"}, {"os_session", "box"}, {"encrypted_request", sealed}}),
-        record({{"request_type", "search"},
-                {"os_session", "box"},
-                {"search_dir", "root_folders"},
-                {"n", "plain"}}),
+        record({{"request_type", "search"}, {"os_session", "box"}, {"pword_hash", hash}, {"n", "plain"}}),
         // A relay cannot vouch for a request it did not get encrypted.
-        record({{"request_type", "search"},
-                {"os_session", "box"},
-                {"request_decrypted_ok", true},
-                {"n", "forged"}}),
+        record({{"request_type", "search"}, {"os_session", "box"}, {"request_decrypted_ok", true}}),
         QJsonValue(7),
     };
     vd_Searcher::runRequests(burst);
