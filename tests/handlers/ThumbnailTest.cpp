@@ -166,7 +166,6 @@ TEST(Thumbnail, RequestsFillThumbAndPreviewThroughTheSharedCache)
     // A PNG with transparency asked as PNG keeps its alpha; the JPEG qualities differ as they should.
     const QString png = writePicture(home, u"Pictures/logo.png"_s, 300, 200, true);
     ask(ThumbnailHandler::handleThumbRequest, png + u".1.64.64.png"_s);
-    EXPECT_TRUE(raw.startsWith("\x89PNG"));
     EXPECT_EQ(decoded(raw).bands(), 4);
     const auto low = vd_ImageUtils::imageDataForPath(png, 256, 256, true, 0.54);
     const auto high = vd_ImageUtils::imageDataForPath(png, 256, 256, true, 0.64);
