@@ -7,12 +7,12 @@
 #include "utils/vd_SimpleUtils.h"
 
 #include <QJsonArray>
+#include <QSemaphore>
 #include <QThread>
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <semaphore>
+#include <mutex>
 
 using namespace Qt::StringLiterals;
 
@@ -31,7 +31,7 @@ struct HandlerProbe
                     const std::lock_guard lock(mutex);
                     seen.append(request);
                 }
-                changed.notify_all();
+                arrived.release();
                 if (request.value(u"request_type"_s) == u"info"_s)
                     gate.acquire();
             };
@@ -43,14 +43,9 @@ struct HandlerProbe
         vd_Searcher::opQ().waitForDone();
         vd_Searcher::setHandlers({});
     }
-    bool waitForCount(qsizetype count)
-    {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return seen.size() >= count; });
-    }
-    std::counting_semaphore<4 * kOpen> gate{0};
+    QSemaphore gate;
+    QSemaphore arrived; // one for each request a handler saw
     std::mutex mutex;
-    std::condition_variable changed;
     QList<QJsonObject> seen; // guarded by mutex
 };
 
@@ -74,7 +69,7 @@ TEST(Operation, QueueRunsFourAtOnceSearchesOvertakeThumbnailsAndSessionsResolveT
     for (int i = 0; i < 4; ++i)
         blockers.append(record({{"request_type", "info"}, {"os_session", "box"}, {"pword_hash", hash}}));
     vd_Searcher::runRequests(blockers);
-    ASSERT_TRUE(probe.waitForCount(4));
+    ASSERT_TRUE(probe.arrived.tryAcquire(4, 10000));
 
     const QJsonArray burst{
         record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.1.1.png"}, {"n", "thumb1"}}),
@@ -90,7 +85,7 @@ TEST(Operation, QueueRunsFourAtOnceSearchesOvertakeThumbnailsAndSessionsResolveT
     EXPECT_EQ(probe.seen.size(), 4) << "a fifth operation started while four were running";
     // One thread at a time: the waiting operations then start strictly in the queue's order.
     probe.gate.release();
-    probe.waitForCount(8);
+    ASSERT_TRUE(probe.arrived.tryAcquire(4, 10000));
     probe.gate.release(HandlerProbe::kOpen);
     vd_Searcher::opQ().waitForDone();
     QStringList order;

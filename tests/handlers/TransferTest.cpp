@@ -60,12 +60,11 @@ TEST(TransferRules, FreeNamesForMovesOldVersionsForCopiesAndSourceChecksInOrder)
         "%1 is a folder in use by another dropbox application. You can delete this by removing "
         "permission for this application at www.dropbox.com.";
     const char *emptyFirst = "%1 is a required folder in Dropbox, try removing items inside this folder.";
-    const char *forVandrel = "%1 is a required folder for Vandrel to operate";
     const std::pair<const char *, const char *> rows[] = {
         {"/Users/x/Dropbox", "%1 seems to be your Dropbox folder, we are not moving the whole thing!"},
         {"/Users/X/DROPBOX/Apps/Vandrel/uploads/2014/3/a.txt", "allowed"},
         {"/Users/x/Dropbox/Apps", "%1 is a required folder in Dropbox"},
-        {"/Users/x/Dropbox/Apps/vandrel/uploads", forVandrel},
+        {"/Users/x/Dropbox/Apps/vandrel/uploads", "%1 is a required folder for Vandrel to operate"},
         {"/Users/x/Dropbox/Apps/vandrel", other},
         {"/Users/x/Dropbox/AppsArchive", other},
         {"/Users/x/Dropbox/Photos", emptyFirst},
