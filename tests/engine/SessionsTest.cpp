@@ -25,7 +25,7 @@ QByteArray dated(const QDateTime &now, double offsetSeconds)
 
 } // namespace
 
-TEST(Sessions, ListingCountsJsonNamesOnlyAndExpiryDeletesStaleOnesButNotWhatALinkPointsAt)
+TEST(Sessions, ListingExpiryThatSparesWhatALinkPointsAtAndTheUserComingBackOnAnyThread)
 {
     TempHome home;
     const QString root = home.filePath(u"root"_s);
@@ -62,13 +62,8 @@ TEST(Sessions, ListingCountsJsonNamesOnlyAndExpiryDeletesStaleOnesButNotWhatALin
     EXPECT_TRUE(QFileInfo::exists(sessions + u"b.JSON"_s));
     EXPECT_TRUE(QFileInfo::exists(sessions + u".c.json"_s));
     EXPECT_TRUE(QFileInfo::exists(home.filePath(u"precious/keep.txt"_s)));
-}
 
-TEST(Sessions, UserCameOnlineAfterTwentyQuietSecondsHeardOnTheFindingThreadAndActiveForAMinute)
-{
-    TempHome home;
-    const QString root = home.filePath(u"root"_s);
-    writeSession(home, u"s.json"_s, "{}");
+    // While a session is there the user is active; coming back after twenty quiet seconds is announced.
     int notices = 0;
     const QMetaObject::Connection connection = QObject::connect(
         &UserActivityNotifier::instance(), &UserActivityNotifier::UserCameOnline,
