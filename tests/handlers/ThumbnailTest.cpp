@@ -33,8 +33,7 @@ QString writePicture(const TempHome &home, const QString &name, int width, int h
     VImage picture = xy.bandjoin(xy.extract_band(0));
     if (alpha)
         picture = picture.bandjoin(VImage::black(width, height) + 128);
-    const QString path = home.filePath(name);
-    QDir().mkpath(QFileInfo(path).absolutePath());
+    const QString path = home.writeFile(name, {}); // the folders on the way, for libvips to write into
     picture.cast(VIPS_FORMAT_UCHAR)
         .copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB))
         .write_to_file(QFile::encodeName(path).constData());
@@ -65,7 +64,6 @@ TEST(Thumbnail, RequestPathsDimensionsCropBeforeScaleAndTheDrawingLimit)
          {std::pair{"3", 3}, {"2", 128}, {"4096", 4096}, {"4097", 128}, {"wide", 128}})
         EXPECT_EQ(ThumbnailHandler::getDimension(QLatin1String(text)), dimension) << text;
 
-    vips_init("test");
     const auto size = [](int width, int height, int box) {
         const auto image = vd_ImageUtils::resizeImageIfNeededCreate(VImage::black(width, height), box, box);
         return image ? std::make_pair(image->width(), image->height()) : std::make_pair(0, 0);
@@ -84,7 +82,6 @@ TEST(Thumbnail, IconsStandInForUnknownCorruptHugeAndOversizedPictures)
 {
     TempHome home;
     LogCapture log;
-    vips_init("test");
     const auto pdf =
         vd_ImageUtils::createImage(home.writeFile(u"Documents/page.pdf"_s, makePdf("page")), 256, 256);
     ASSERT_TRUE(pdf);
