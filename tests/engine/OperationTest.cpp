@@ -1,125 +1,62 @@
 #include "common/DropboxHome.h"
 #include "common/JsonRecord.h"
 #include "common/LogCapture.h"
-#include "engine/RequestAuth.h"
 #include "engine/vd_Searcher.h"
 #include "support/AesCipher.h"
 #include "support/Encodings.h"
-#include "utils/vd_FileUtils.h"
 #include "utils/vd_SimpleUtils.h"
 
 #include <QJsonArray>
-#include <QJsonDocument>
+#include <QSemaphore>
 #include <QThread>
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
+#include <mutex>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
-// A home with two StorageRoots: Dropbox first, then Google Drive; a session "box" in the first and
-// "drive" in the second.
-struct TwoRoots : DropboxHome
-{
-    TwoRoots()
-    {
-        addSession(QStringLiteral("box"));
-        writeFile(QStringLiteral("GDrive/Apps/vandrel/data.vdldata/sessions/drive.json"), "{}");
-    }
-    QString drive = filePath(QStringLiteral("GDrive/Apps/vandrel"));
-};
-
-// Records the records the handlers see, and can hold the queue's threads until released.
+// Records the requests the handlers see; "info" requests hold their queue thread until the gate lets them by.
 struct HandlerProbe
 {
+    static constexpr int kOpen = 1000;
     HandlerProbe()
     {
         vd_Searcher::HandlerTable table;
-        for (const char *type :
-             {"search", "preview", "thumb", "copy_to_dropbox", "move_from_dropbox", "info"})
-            table[QString::fromLatin1(type)] = [this](vd_Searcher &operation, QJsonObject &request) {
-                std::unique_lock lock(mutex);
-                seen.append(request);
-                request.insert(QStringLiteral("handled"), true);
-                operation.setOutRawData(QByteArray("raw"));
-                changed.notify_all();
-                if (request.value(QStringLiteral("request_type")) == QStringLiteral("info")) {
-                    changed.wait(lock, [this] { return released || permits > 0; });
-                    if (!released)
-                        --permits;
+        for (const char *type : {"search", "thumb", "info"})
+            table[QString::fromLatin1(type)] = [this](vd_Searcher &, QJsonObject &request) {
+                {
+                    const std::lock_guard lock(mutex);
+                    seen.append(request);
                 }
+                arrived.release();
+                if (request.value(u"request_type"_s) == u"info"_s)
+                    gate.acquire();
             };
         vd_Searcher::setHandlers(std::move(table));
     }
     ~HandlerProbe()
     {
-        release();
+        gate.release(kOpen);
         vd_Searcher::opQ().waitForDone();
         vd_Searcher::setHandlers({});
     }
-    void release()
-    {
-        std::lock_guard lock(mutex);
-        released = true;
-        changed.notify_all();
-    }
-    // Lets one blocked handler finish, so exactly one queue thread becomes free.
-    void releaseOne()
-    {
-        std::lock_guard lock(mutex);
-        ++permits;
-        changed.notify_all();
-    }
-    bool waitForCount(qsizetype count)
-    {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return seen.size() >= count; });
-    }
+    QSemaphore gate;
+    QSemaphore arrived; // one for each request a handler saw
     std::mutex mutex;
-    std::condition_variable changed;
-    bool released = false;
-    int permits = 0;
-    QList<QJsonObject> seen;
+    QList<QJsonObject> seen; // guarded by mutex
 };
 
 } // namespace
 
-TEST(Operation, ResolvesTheSessionInItsStorageRootAndDropsOrphans)
+TEST(Operation, QueueRunsFourAtOnceSearchesOvertakeThumbnailsAndSessionsResolveToTheirRoot)
 {
-    TwoRoots roots;
-    HandlerProbe probe;
-    probe.release();
-    LogCapture log;
-    const QString hash = vd_SimpleUtils::sha256Hex(vd_Searcher::encryptionKey().value());
-
-    vd_Searcher inDrive(record({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
-    inDrive.main();
-    ASSERT_EQ(probe.seen.size(), 1);
-    EXPECT_EQ(probe.seen[0].value(QStringLiteral("request_type")), QStringLiteral("info"));
-    EXPECT_EQ(probe.seen.back().value(QStringLiteral("vandrel_folder")), roots.drive);
-    EXPECT_EQ(inDrive.theRequest(), std::nullopt);
-
-    // No session, or one in no StorageRoot: dropped before any check, the record in the log.
-    vd_Searcher orphan(record({{"request_type", "search"}, {"search_dir", "root_folders"}}));
-    orphan.main();
-    vd_Searcher stranger(record({{"request_type", "search"}, {"os_session", "gone"}, {"pword_hash", hash}}));
-    stranger.main();
-    EXPECT_EQ(probe.seen.size(), 1);
-    EXPECT_TRUE(log.lines.contains(
-        QStringLiteral(R"(no session found for {"request_type":"search","search_dir":"root_folders"})")));
-    EXPECT_TRUE(log.lines.contains(QStringLiteral("Can't find a storage path...")));
-
-    // A session in the first root resolves there; the computer's small icon needs no hash.
-    vd_Searcher icon(record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.64.64.png"}}));
-    icon.main();
-    ASSERT_EQ(probe.seen.size(), 2);
-    EXPECT_EQ(probe.seen[1].value(QStringLiteral("vandrel_folder")), roots.root());
-}
-
-TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
-{
-    TwoRoots roots;
+    // Two StorageRoots: Dropbox first with a session "box", then Google Drive with a session "drive".
+    DropboxHome roots;
+    roots.addSession(u"box"_s);
+    roots.addSession(u"drive"_s, roots.filePath(u"GDrive/Apps/vandrel"_s));
     HandlerProbe probe;
     const QString key = vd_Searcher::encryptionKey().value();
     const QString hash = vd_SimpleUtils::sha256Hex(key);
@@ -132,38 +69,31 @@ TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
     for (int i = 0; i < 4; ++i)
         blockers.append(record({{"request_type", "info"}, {"os_session", "box"}, {"pword_hash", hash}}));
     vd_Searcher::runRequests(blockers);
-    ASSERT_TRUE(probe.waitForCount(4));
+    ASSERT_TRUE(probe.arrived.tryAcquire(4, 10000));
 
     const QJsonArray burst{
         record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.1.1.png"}, {"n", "thumb1"}}),
         record({{"request_type", "thumb"}, {"os_session", "box"}, {"path", ".0.2.2.png"}, {"n", "thumb2"}}),
         record({{"request_type", "encrypted"}, {"os_session", "box"}, {"encrypted_request", sealed}}),
-        record({{"request_type", "search"},
-                {"os_session", "box"},
-                {"search_dir", "root_folders"},
-                {"n", "plain"}}),
+        record({{"request_type", "search"}, {"os_session", "box"}, {"pword_hash", hash}, {"n", "plain"}}),
         // A relay cannot vouch for a request it did not get encrypted.
-        record({{"request_type", "search"},
-                {"os_session", "box"},
-                {"request_decrypted_ok", true},
-                {"n", "forged"}}),
+        record({{"request_type", "search"}, {"os_session", "box"}, {"request_decrypted_ok", true}}),
         QJsonValue(7),
     };
     vd_Searcher::runRequests(burst);
     QThread::msleep(200);
     EXPECT_EQ(probe.seen.size(), 4) << "a fifth operation started while four were running";
     // One thread at a time: the waiting operations then start strictly in the queue's order.
-    probe.releaseOne();
-    probe.waitForCount(8);
-    probe.release();
+    probe.gate.release();
+    ASSERT_TRUE(probe.arrived.tryAcquire(4, 10000));
+    probe.gate.release(HandlerProbe::kOpen);
     vd_Searcher::opQ().waitForDone();
-
     QStringList order;
     for (qsizetype i = 4; i < probe.seen.size(); ++i)
-        order << probe.seen[i].value(QStringLiteral("n")).toString();
-    EXPECT_EQ(order, QStringList({QStringLiteral("sealed"), QStringLiteral("plain"), QStringLiteral("thumb1"),
-                                  QStringLiteral("thumb2")}));
-    EXPECT_EQ(probe.seen[4].value(QStringLiteral("encrypt_reply")), QJsonValue(true));
+        order << probe.seen[i].value(u"n"_s).toString();
+    EXPECT_EQ(order, QStringList({u"sealed"_s, u"plain"_s, u"thumb1"_s, u"thumb2"_s}));
+    // The session resolves in its StorageRoot; the computer's small icon needs no hash.
+    EXPECT_EQ(probe.seen[7].value(u"vandrel_folder"_s), roots.root());
 
     // Replies that are not objects, or hold no request array, queue nothing; only the first are refused.
     for (const auto &[body, accepted] :
@@ -171,14 +101,22 @@ TEST(Operation, QueueRunsFourAtOnceAndSearchesOvertakeWaitingThumbnails)
         EXPECT_EQ(vd_Searcher::runRequestsFromReply(body), accepted) << body;
     vd_Searcher::opQ().waitForDone();
     EXPECT_EQ(probe.seen.size(), 8);
-}
 
-TEST(Operation, StatusWordsAreInverted)
-{
-    const QDateTime now = QDateTime::currentDateTimeUtc();
-    for (const auto &[secondsAgo, word] : {std::pair{30, "idle"}, {60, "idle"}, {61, "active"}}) {
-        vd_Searcher::gLastSessionActive.store(vd_Searcher::referenceSeconds(now.addSecs(-secondsAgo)));
-        EXPECT_EQ(vd_Searcher::sActive(now), secondsAgo <= 60);
-        EXPECT_EQ(vd_Searcher::statusString(now), QLatin1String(word));
-    }
+    // A session in the second StorageRoot resolves there; the request's own record is let go after the run.
+    LogCapture log;
+    vd_Searcher inDrive(record({{"request_type", "info"}, {"os_session", "drive"}, {"pword_hash", hash}}));
+    inDrive.main();
+    ASSERT_EQ(probe.seen.size(), 9);
+    EXPECT_EQ(probe.seen[8].value(u"vandrel_folder"_s), roots.filePath(u"GDrive/Apps/vandrel"_s));
+    EXPECT_EQ(inDrive.theRequest(), std::nullopt);
+
+    // No session, or one in no StorageRoot: dropped before any check, the record in the log.
+    vd_Searcher orphan(record({{"request_type", "search"}, {"search_dir", "root_folders"}}));
+    orphan.main();
+    vd_Searcher stranger(record({{"request_type", "search"}, {"os_session", "gone"}, {"pword_hash", hash}}));
+    stranger.main();
+    EXPECT_EQ(probe.seen.size(), 9);
+    EXPECT_TRUE(log.lines.contains(u"no session found for {\"request_type\":\"search\","
+                                   u"\"search_dir\":\"root_folders\"}"_s));
+    EXPECT_TRUE(log.lines.contains(u"Can't find a storage path..."_s));
 }

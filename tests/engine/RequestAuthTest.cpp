@@ -6,108 +6,102 @@
 #include "utils/vd_SimpleUtils.h"
 
 #include <QJsonArray>
+#include <QJsonDocument>
 
 #include <gtest/gtest.h>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
-const QString kKey =
-    RequestAuth::keyString(QStringLiteral("ComputerId0123456789abcdefghijkl"), QStringLiteral("s3cret"));
+const QString kKey = RequestAuth::keyString(u"ComputerId0123456789abcdefghijkl"_s, u"s3cret"_s);
 
-QString envelopePayload(const QByteArray &plainText, const QString &key)
+QString envelopePayload(const QByteArray &plainText)
 {
-    return base64Encoding_URL_SAFE(encryptWithString(plainText, key).value());
+    return base64Encoding_URL_SAFE(encryptWithString(plainText, kKey).value());
 }
 
 } // namespace
 
 TEST(RequestAuth, OnlyTheComputerListSmallIconsDecryptedAndHashedRequestsRun)
 {
+    // The hash is the exact lower-case hex of the key text; the empty password's hash is no wildcard.
+    EXPECT_EQ(kKey, u"ComputerId0123456789abcdefghijkl___s3cret"_s);
     const QString good = vd_SimpleUtils::sha256Hex(kKey);
-    const QString wrong = vd_SimpleUtils::sha256Hex(QStringLiteral("guess"));
-    const auto mayRun = [](const QJsonObject &request) {
-        return RequestAuth::passwordOK_OrRootInfo(request, kKey);
+    const QString wrong = vd_SimpleUtils::sha256Hex(u"guess"_s);
+    const QString emptyPassword = vd_SimpleUtils::sha256Hex(RequestAuth::keyString(u"id"_s, {}));
+    const std::pair<QJsonObject, bool> cases[] = {
+        {record({{"request_type", "search"}, {"search_dir", "root_folders"}, {"pword_hash", wrong}}), true},
+        {record({{"request_type", "thumb"}, {"path", ".0.128.128.png"}}), true},
+        {record({{"request_type", "thumb"}, {"path", ".0.1024.768.png"}}), false},
+        {record({{"request_type", "preview"}, {"path", ".0.128.128.png"}}), false},
+        {record({{"request_type", "thumb"}, {"path", ".0.12.12.jpg"}}), false},
+        {record({{"request_type", "thumb"}, {"path", "/.0.1.1.png"}}), false},
+        {record({{"request_type", "thumb"}, {"path", "/etc/shadow"}, {"pword_hash", good}}), true},
+        {record({{"request_type", "thumb"}, {"path", "/etc/shadow"}, {"pword_hash", wrong}}), false},
+        {record({{"request_type", "search"}, {"search_dir", "/home"}}), false},
+        {record({{"request_type", "search"}, {"pword_hash", good.toUpper()}}), false},
+        {record({{"request_type", "search"}, {"pword_hash", good.left(63)}}), false},
+        {record({{"request_type", "search"}, {"pword_hash", good + u'0'}}), false},
+        {record({{"request_type", "search"}, {"pword_hash", emptyPassword}}), false},
+        {record({{"request_type", "search"}, {"request_decrypted_ok", true}}), true},
+        {record({{"request_type", "search"}, {"request_decrypted_ok", false}}), false},
+        // Wrong types never pass as the texts they resemble.
+        {record({{"search_dir", QJsonArray{"root_folders"}}}), false},
+        {record({{"request_type", "search"}, {"request_decrypted_ok", "true"}}), false},
+        {record({{"request_type", "search"}, {"pword_hash", 12}}), false},
     };
-
-    EXPECT_TRUE(
-        mayRun(record({{"request_type", "search"}, {"search_dir", "root_folders"}, {"pword_hash", wrong}})));
+    for (const auto &[request, runs] : cases)
+        EXPECT_EQ(RequestAuth::passwordOK_OrRootInfo(request, kKey), runs)
+            << QJsonDocument(request).toJson().data();
     // The computer list marker opens the computer list, nothing else.
     for (const char *type : {"preview", "thumb", "info", "copy_to_dropbox", "move_from_dropbox", "encrypted"})
-        EXPECT_FALSE(mayRun(record({{"request_type", type}, {"search_dir", "root_folders"}}))) << type;
+        EXPECT_FALSE(RequestAuth::passwordOK_OrRootInfo(
+            record({{"request_type", type}, {"search_dir", "root_folders"}}), kKey))
+            << type;
     // Without a readable password only the open rules apply, whatever hash is given.
     EXPECT_FALSE(RequestAuth::passwordOK_OrRootInfo(
         record({{"request_type", "search"}, {"pword_hash", good}}), std::nullopt));
     EXPECT_TRUE(RequestAuth::passwordOK_OrRootInfo(
         record({{"request_type", "search"}, {"search_dir", "root_folders"}}), std::nullopt));
-    EXPECT_TRUE(mayRun(record({{"request_type", "thumb"}, {"path", ".0.128.128.png"}})));
-    EXPECT_FALSE(mayRun(record({{"request_type", "thumb"}, {"path", ".0.1024.768.png"}})));
-    EXPECT_FALSE(mayRun(record({{"request_type", "preview"}, {"path", ".0.128.128.png"}})));
-    EXPECT_FALSE(mayRun(record({{"request_type", "thumb"}, {"path", ".0.12.12.jpg"}})));
-    EXPECT_FALSE(mayRun(record({{"request_type", "thumb"}, {"path", "/.0.1.1.png"}})));
-    EXPECT_TRUE(mayRun(record({{"request_type", "thumb"}, {"path", "/etc/shadow"}, {"pword_hash", good}})));
-    EXPECT_FALSE(mayRun(record({{"request_type", "thumb"}, {"path", "/etc/shadow"}, {"pword_hash", wrong}})));
-    EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"search_dir", "/home"}})));
-    EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"pword_hash", ""}})));
-    // The hash is the exact lower-case hex of the key text; the empty password's hash is no wildcard.
-    EXPECT_EQ(kKey, QStringLiteral("ComputerId0123456789abcdefghijkl___s3cret"));
-    for (const QString &near : {good.toUpper(), good.left(63), good + u'0',
-                                vd_SimpleUtils::sha256Hex(RequestAuth::keyString(QStringLiteral("id"), {}))})
-        EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"pword_hash", near}})))
-            << near.toStdString();
-    EXPECT_TRUE(mayRun(record({{"request_type", "search"}, {"request_decrypted_ok", true}})));
-    EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"request_decrypted_ok", false}})));
-    // Wrong types never pass as the texts they resemble.
-    EXPECT_FALSE(mayRun(record({{"search_dir", QJsonArray{"root_folders"}}})));
-    EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"request_decrypted_ok", "true"}})));
-    EXPECT_FALSE(mayRun(record({{"request_type", "search"}, {"pword_hash", 12}})));
 }
 
 TEST(RequestAuth, EnvelopesOpenOnlyUnderTheRightKeyAndOnlyToObjects)
 {
-    QJsonObject envelope =
-        record({{"request_type", "encrypted"},
-                {"os_session", "s1"},
-                {"cache_key", "outer"},
-                {"dest_path", "/planted"},
-                {"path", "/planted"},
-                {"encrypted_request",
-                 envelopePayload(R"({"request_type":"search","cache_key":"inner","q":"x"})", kKey)}});
+    const QJsonObject envelope = record(
+        {{"request_type", "encrypted"},
+         {"os_session", "s1"},
+         {"cache_key", "outer"},
+         {"dest_path", "/planted"},
+         {"path", "/planted"},
+         {"encrypted_request", envelopePayload(R"({"request_type":"search","cache_key":"inner","q":"x"})")}});
     QJsonObject opened = envelope;
     RequestAuth::decryptRequest(opened, kKey);
-    EXPECT_EQ(opened.value(QStringLiteral("request_type")), QStringLiteral("search"));
-    EXPECT_EQ(opened.value(QStringLiteral("cache_key")), QStringLiteral("inner"));
-    EXPECT_EQ(opened.value(QStringLiteral("os_session")), QStringLiteral("s1"));
-    EXPECT_EQ(opened.value(QStringLiteral("q")), QStringLiteral("x"));
+    EXPECT_EQ(opened.value(u"request_type"_s), u"search"_s);
+    EXPECT_EQ(opened.value(u"cache_key"_s), u"inner"_s);
+    EXPECT_EQ(opened.value(u"os_session"_s), u"s1"_s);
+    EXPECT_EQ(opened.value(u"q"_s), u"x"_s);
     // Parameters come from the ciphertext alone: clear copies beside it are gone.
-    EXPECT_FALSE(opened.contains(QStringLiteral("dest_path")));
-    EXPECT_FALSE(opened.contains(QStringLiteral("path")));
-    EXPECT_EQ(opened.value(QStringLiteral("request_decrypted_ok")), QJsonValue(true));
-    EXPECT_EQ(opened.value(QStringLiteral("encrypt_reply")), QJsonValue(true));
+    EXPECT_FALSE(opened.contains(u"dest_path"_s));
+    EXPECT_FALSE(opened.contains(u"path"_s));
+    EXPECT_EQ(opened.value(u"request_decrypted_ok"_s), QJsonValue(true));
+    EXPECT_EQ(opened.value(u"encrypt_reply"_s), QJsonValue(true));
 
-    // Wrong keys: about one in 256 passes the padding check and yields garbage, which must fail the same way.
-    for (int i = 0; i < 600; ++i) {
+    const auto fails = [&](const QJsonValue &payload, const QString &key) {
         QJsonObject attempt = envelope;
-        RequestAuth::decryptRequest(attempt,
-                                    RequestAuth::keyString(QStringLiteral("id"), QString::number(i)));
-        ASSERT_EQ(attempt.value(QStringLiteral("request_decrypted_ok")), QJsonValue(false)) << i;
-        ASSERT_EQ(attempt.value(QStringLiteral("request_type")), QStringLiteral("encrypted"));
-        ASSERT_FALSE(attempt.contains(QStringLiteral("encrypt_reply")));
-    }
-
-    const auto fails = [](const QJsonValue &payload) {
-        QJsonObject bad = record({{"request_type", "encrypted"}, {"encrypted_request", payload}});
-        RequestAuth::decryptRequest(bad, kKey);
-        return bad.value(QStringLiteral("request_decrypted_ok")) == QJsonValue(false) &&
-               bad.value(QStringLiteral("request_type")) == QStringLiteral("encrypted") &&
-               !bad.contains(QStringLiteral("encrypt_reply"));
+        attempt.insert(u"encrypted_request"_s, payload);
+        RequestAuth::decryptRequest(attempt, key);
+        return attempt.value(u"request_decrypted_ok"_s) == QJsonValue(false) &&
+               attempt.value(u"request_type"_s) == u"encrypted"_s && !attempt.contains(u"encrypt_reply"_s);
     };
-    EXPECT_TRUE(fails(envelopePayload("[1,2]", kKey)));
-    EXPECT_TRUE(fails(envelopePayload("\"search\"", kKey)));
-    EXPECT_TRUE(fails(envelopePayload("{\"a\":", kKey)));
-    EXPECT_TRUE(fails(envelopePayload("", kKey)));
-    EXPECT_TRUE(fails(QStringLiteral("not*base64")));
-    EXPECT_TRUE(fails(QStringLiteral("AAAA")));
-    EXPECT_TRUE(fails(QString()));
-    EXPECT_TRUE(fails(42));
-    EXPECT_TRUE(fails(QJsonValue()));
+    // Wrong keys: about one in 256 passes the padding check and yields garbage, which must fail the same way.
+    for (int i = 0; i < 600; ++i)
+        ASSERT_TRUE(fails(envelope.value(u"encrypted_request"_s),
+                          RequestAuth::keyString(u"id"_s, QString::number(i))))
+            << i;
+    for (const QJsonValue &payload :
+         {QJsonValue(envelopePayload("[1,2]")), QJsonValue(envelopePayload("{\"a\":")),
+          QJsonValue(envelopePayload("")), QJsonValue(u"not*base64"_s), QJsonValue(u"AAAA"_s),
+          QJsonValue(QString()), QJsonValue(42)})
+        EXPECT_TRUE(fails(payload, kKey)) << QJsonDocument(QJsonArray{payload}).toJson().data();
 }

@@ -3,123 +3,92 @@
 #include "engine/vd_Searcher.h"
 #include "utils/vd_FileUtils.h"
 
-#include <QDir>
 #include <QFileInfo>
 #include <QThread>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QString writeSession(const TempHome &home, const QString &name, const QByteArray &content)
 {
-    return home.writeFile(QStringLiteral("root/data.vdldata/sessions/") + name, content);
+    return home.writeFile(u"root/data.vdldata/sessions/"_s + name, content);
 }
 
 QByteArray dated(const QDateTime &now, double offsetSeconds)
 {
-    return QStringLiteral("{\"date\": %1}")
-        .arg(vd_FileUtils::JSONDate(now) + offsetSeconds, 0, 'f', 3)
-        .toUtf8();
+    return u"{\"date\": %1}"_s.arg(vd_FileUtils::JSONDate(now) + offsetSeconds, 0, 'f', 3).toUtf8();
 }
 
 } // namespace
 
-TEST(Sessions, ListingCountsJsonNamesOnlyAndExpiryDeletesStaleOnes)
+TEST(Sessions, ListingExpiryThatSparesWhatALinkPointsAtAndTheUserComingBackOnAnyThread)
 {
     TempHome home;
-    const QString root = home.filePath(QStringLiteral("root"));
+    const QString root = home.filePath(u"root"_s);
+    const QString sessions = root + u"/data.vdldata/sessions/"_s;
     const QDateTime now = QDateTime::currentDateTimeUtc();
     EXPECT_EQ(vd_Searcher::get_sessions(root, false), std::nullopt);
     EXPECT_EQ(vd_Searcher::get_sessions(QString(), false), std::nullopt);
 
-    writeSession(home, QStringLiteral("a.json"), dated(now, -1999));
-    writeSession(home, QStringLiteral("b.JSON"), dated(now, 0));
-    writeSession(home, QStringLiteral(".c.json"), dated(now, 0));
-    writeSession(home, QStringLiteral("d.json/inner.txt"), "inside a folder named like a session");
-    writeSession(home, QStringLiteral("e.json"), "{not json");
-    writeSession(home, QStringLiteral("old.json"), dated(now, -2001));
-    writeSession(home, QStringLiteral("future.json"), dated(now, 2001));
-    writeSession(home, QStringLiteral("text.json"), "{\"date\": \"soon\"}");
+    writeSession(home, u"a.json"_s, dated(now, -1999));
+    writeSession(home, u"b.JSON"_s, dated(now, 0));
+    writeSession(home, u".c.json"_s, dated(now, 0));
+    writeSession(home, u"d.json/inner.txt"_s, "inside a folder named like a session");
+    writeSession(home, u"e.json"_s, "{not json");
+    writeSession(home, u"old.json"_s, dated(now, -2001));
+    writeSession(home, u"future.json"_s, dated(now, 2001));
     // A pipe named like a session is listed and expired without waiting for a writer.
-    const QString pipe = home.filePath(QStringLiteral("root/data.vdldata/sessions/pipe.json"));
-    ASSERT_EQ(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
+    ASSERT_EQ(::mkfifo(QFile::encodeName(sessions + u"pipe.json"_s).constData(), 0600), 0);
+    // A link named like a session goes, the folder it points at stays.
+    home.writeFile(u"precious/keep.txt"_s, "keep");
+    ASSERT_TRUE(QFile::link(home.filePath(u"precious"_s), sessions + u"x.json"_s));
 
     const QJsonObject listed = *vd_Searcher::get_sessions(root, false);
-    EXPECT_EQ(listed.keys(), QStringList({QStringLiteral("a"), QStringLiteral("d"), QStringLiteral("e"),
-                                          QStringLiteral("future"), QStringLiteral("old"),
-                                          QStringLiteral("pipe"), QStringLiteral("text")}));
-    EXPECT_EQ(
-        listed.value(QStringLiteral("a")).toObject().value(QStringLiteral("session_file_url")).toString(),
-        QUrl::fromLocalFile(root + QStringLiteral("/data.vdldata/sessions/a.json")).toString());
+    EXPECT_EQ(listed.keys(), QStringList({u"a"_s, u"d"_s, u"e"_s, u"future"_s, u"old"_s, u"pipe"_s, u"x"_s}));
+    EXPECT_EQ(listed.value(u"a"_s).toObject().value(u"session_file_url"_s).toString(),
+              QUrl::fromLocalFile(sessions + u"a.json"_s).toString());
     const QJsonObject read = *vd_Searcher::get_sessions(root, true);
-    EXPECT_TRUE(read.value(QStringLiteral("a")).toObject().contains(QStringLiteral("date")));
-    EXPECT_TRUE(read.value(QStringLiteral("e")).toObject().isEmpty());
-    EXPECT_TRUE(read.value(QStringLiteral("pipe")).toObject().isEmpty());
+    EXPECT_TRUE(read.value(u"a"_s).toObject().contains(u"date"_s));
+    EXPECT_TRUE(read.value(u"e"_s).toObject().isEmpty());
+    EXPECT_TRUE(read.value(u"pipe"_s).toObject().isEmpty());
 
     vd_Searcher::eraseOldOSSessions(root, now);
-    EXPECT_EQ(vd_Searcher::get_sessions(root, false)->keys(), QStringList({QStringLiteral("a")}));
-    EXPECT_FALSE(QFileInfo::exists(root + QStringLiteral("/data.vdldata/sessions/d.json")));
-    EXPECT_FALSE(QFileInfo::exists(pipe));
-    EXPECT_TRUE(QFileInfo::exists(root + QStringLiteral("/data.vdldata/sessions/b.JSON")));
-    EXPECT_TRUE(QFileInfo::exists(root + QStringLiteral("/data.vdldata/sessions/.c.json")));
-}
+    // Folders, pipes and links named like sessions are gone with the stale files.
+    EXPECT_EQ(vd_Searcher::get_sessions(root, false)->keys(), QStringList({u"a"_s}));
+    EXPECT_TRUE(QFileInfo::exists(sessions + u"b.JSON"_s));
+    EXPECT_TRUE(QFileInfo::exists(sessions + u".c.json"_s));
+    EXPECT_TRUE(QFileInfo::exists(home.filePath(u"precious/keep.txt"_s)));
 
-TEST(Sessions, UserCameOnlineAfterTwentyQuietSeconds)
-{
-    TempHome home;
-    const QString root = home.filePath(QStringLiteral("root"));
-    const QString other = home.filePath(QStringLiteral("other"));
-    writeSession(home, QStringLiteral("s.json"), "{}");
+    // While a session is there the user is active; coming back after twenty quiet seconds is announced.
     int notices = 0;
     const QMetaObject::Connection connection = QObject::connect(
-        &UserActivityNotifier::instance(), &UserActivityNotifier::UserCameOnline, [&] { ++notices; });
+        &UserActivityNotifier::instance(), &UserActivityNotifier::UserCameOnline,
+        &UserActivityNotifier::instance(), [&] { ++notices; }, Qt::DirectConnection);
 
     vd_Searcher::gLastSessionActive = 0;
     const QDateTime start = QDateTime::currentDateTimeUtc();
     EXPECT_TRUE(vd_Searcher::isUserActivelyUsingUs(root, start).has_value());
     EXPECT_EQ(notices, 1);
-    EXPECT_FALSE(vd_Searcher::isUserActivelyUsingUs(other, start.addSecs(30)).has_value());
+    EXPECT_FALSE(
+        vd_Searcher::isUserActivelyUsingUs(home.filePath(u"other"_s), start.addSecs(30)).has_value());
     EXPECT_TRUE(vd_Searcher::isUserActivelyUsingUs(root, start.addSecs(15)).has_value());
     EXPECT_EQ(notices, 1);
     EXPECT_TRUE(vd_Searcher::isUserActivelyUsingUs(root, start.addSecs(40)).has_value());
     EXPECT_EQ(notices, 2);
-    EXPECT_DOUBLE_EQ(vd_Searcher::gLastSessionActive.load(),
-                     vd_Searcher::referenceSeconds(start.addSecs(40)));
-    QObject::disconnect(connection);
-}
+    // The status word is inverted: "idle" while the user was last seen (at 40 s) within a minute.
+    EXPECT_EQ(vd_Searcher::statusString(start.addSecs(100)), u"idle"_s);
+    EXPECT_EQ(vd_Searcher::statusString(start.addSecs(101)), u"active"_s);
 
-TEST(Sessions, ExpiryRemovesALinkNotWhatItPointsAtAndNoticesComeOnThePostingThread)
-{
-    TempHome home;
-    const QString root = home.filePath(QStringLiteral("root"));
-    home.writeFile(QStringLiteral("precious/keep.txt"), "keep");
-    const QString link = writeSession(home, QStringLiteral("placeholder"), "");
-    QFile::remove(link);
-    ASSERT_TRUE(QFile::link(home.filePath(QStringLiteral("precious")),
-                            home.filePath(QStringLiteral("root/data.vdldata/sessions/x.json"))));
-    EXPECT_EQ(vd_Searcher::get_sessions(root, false).value_or(QJsonObject()).keys(), QStringList{"x"});
-    vd_Searcher::eraseOldOSSessions(root, QDateTime::currentDateTimeUtc());
-    EXPECT_EQ(vd_Searcher::get_sessions(root, false), std::nullopt);
-    EXPECT_TRUE(QFileInfo::exists(home.filePath(QStringLiteral("precious/keep.txt"))));
-
-    // A request's worker thread can be the one that finds the user back; observers hear it there.
-    writeSession(home, QStringLiteral("s.json"), "{}");
+    // A request's worker thread can be the one that finds the user back; observers hear it there, at once,
+    // with no event loop running.
     vd_Searcher::gLastSessionActive = 0;
-    Qt::HANDLE heardOn = nullptr;
-    const QMetaObject::Connection connection = QObject::connect(
-        &UserActivityNotifier::instance(), &UserActivityNotifier::UserCameOnline,
-        &UserActivityNotifier::instance(), [&] { heardOn = QThread::currentThreadId(); },
-        Qt::DirectConnection);
-    Qt::HANDLE worker = nullptr;
-    std::unique_ptr<QThread> thread(QThread::create([&] {
-        worker = QThread::currentThreadId();
-        vd_Searcher::isUserActivelyUsingUs(root);
-    }));
+    std::unique_ptr<QThread> thread(QThread::create([&] { vd_Searcher::isUserActivelyUsingUs(root); }));
     thread->start();
     thread->wait();
-    EXPECT_NE(worker, nullptr);
-    EXPECT_EQ(heardOn, worker);
+    EXPECT_EQ(notices, 3);
     QObject::disconnect(connection);
 }

@@ -12,13 +12,15 @@
 
 #include <gtest/gtest.h>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QJsonArray records(int count)
 {
     QJsonArray list;
     for (int i = 0; i < count; ++i)
-        list.append(QJsonObject{{QStringLiteral("path"), QStringLiteral("/p/%1").arg(i)}});
+        list.append(QJsonObject{{u"path"_s, u"/p/%1"_s.arg(i)}});
     return list;
 }
 
@@ -26,14 +28,14 @@ QStringList displays(const QJsonArray &list)
 {
     QStringList names;
     for (const QJsonValue &record : list)
-        names << record[QStringLiteral("display")].toString();
+        names << record[u"display"_s].toString();
     return names;
 }
 
 // The terms the query makes of typed name text, in order.
 QStringList terms(const QString &typed)
 {
-    static const QRegularExpression clause(QStringLiteral(R"(kMDItemDisplayName == "\*?(.*?)\*"cd)"));
+    static const QRegularExpression clause(uR"(kMDItemDisplayName == "\*?(.*?)\*"cd)"_s);
     QStringList found;
     for (const QRegularExpressionMatch &match :
          clause.globalMatch(SpotlightSearch::currentQueryString({}, typed, {})))
@@ -41,174 +43,133 @@ QStringList terms(const QString &typed)
     return found;
 }
 
-// Whether polishing offers the item for copying to the StorageRoot.
-bool uploadable(const QString &path)
-{
-    QJsonArray page{QJsonObject{{QStringLiteral("path"), path}}};
-    ItemRecords::polishResults(page, {});
-    return page[0][QStringLiteral("up_ok")].toBool();
-}
-
 } // namespace
 
-TEST(SearchRules, TermsPhrasesAndFields)
+TEST(SearchRules, TermsPhrasesFieldsAndQueryTextInItsOrder)
 {
-    EXPECT_EQ(terms(QStringLiteral("tax  2013")),
-              QStringList({QStringLiteral("tax"), QStringLiteral("2013")}));
-    EXPECT_EQ(terms(QStringLiteral("\"annual report\" 2014")),
-              QStringList({QStringLiteral("annual report"), QStringLiteral("2014")}));
-    EXPECT_EQ(terms(QStringLiteral("author: smith")), QStringList({QStringLiteral("author:smith")}));
-    EXPECT_EQ(terms(QStringLiteral("\"glued\"lost kept")),
-              QStringList({QStringLiteral("glued"), QStringLiteral("kept")}));
-    EXPECT_EQ(terms(QStringLiteral("a \"unclosed phrase here")),
-              QStringList({QStringLiteral("a"), QStringLiteral("unclosed phrase here")}));
-    EXPECT_EQ(terms(QStringLiteral("end \"")), QStringList({QStringLiteral("end"), QString()}));
-    EXPECT_EQ(terms(QStringLiteral("last:")), QStringList({QStringLiteral("last:")}));
+    EXPECT_EQ(terms(u"tax  2013"_s), QStringList({u"tax"_s, u"2013"_s}));
+    EXPECT_EQ(terms(u"\"annual report\" 2014"_s), QStringList({u"annual report"_s, u"2014"_s}));
+    EXPECT_EQ(terms(u"author: smith"_s), QStringList({u"author:smith"_s}));
+    EXPECT_EQ(terms(u"\"glued\"lost kept"_s), QStringList({u"glued"_s, u"kept"_s}));
+    EXPECT_EQ(terms(u"a \"unclosed phrase here"_s), QStringList({u"a"_s, u"unclosed phrase here"_s}));
+    EXPECT_EQ(terms(u"end \""_s), QStringList({u"end"_s, QString()}));
+    EXPECT_EQ(terms(u"last:"_s), QStringList({u"last:"_s}));
+
+    EXPECT_EQ(SpotlightSearch::currentQueryString(u"com.adobe.pdf"_s, u"re"_s, u"tax 2013"_s),
+              u"( kMDItemDisplayName == \"*re*\"cd ) && ( kMDItemContentTypeTree == \"com.adobe.pdf\" ) && "
+              "( * == \"tax*\"cdw || kMDItemTextContent == \"tax*\"cdw ) && "
+              "( * == \"2013*\"cdw || kMDItemTextContent == \"2013*\"cdw ) && "
+              "(kMDItemSupportFileType != MDSystemFile)"_s);
+    EXPECT_EQ(SpotlightSearch::currentQueryString(u"kMDItemContentType == 'public.folder'"_s, u"a"_s, u"x"_s),
+              u"( kMDItemDisplayName == \"a*\"cd ) && ( kMDItemContentType == 'public.folder' ) && "
+              "( * == \"x\"cdw ) && (kMDItemSupportFileType != MDSystemFile)"_s);
 }
 
-TEST(SearchRules, QueryTextInItsOrder)
-{
-    EXPECT_EQ(
-        SpotlightSearch::currentQueryString(QStringLiteral("com.adobe.pdf"), QStringLiteral("re"),
-                                            QStringLiteral("tax 2013")),
-        QStringLiteral(
-            "( kMDItemDisplayName == \"*re*\"cd ) && ( kMDItemContentTypeTree == \"com.adobe.pdf\" ) && "
-            "( * == \"tax*\"cdw || kMDItemTextContent == \"tax*\"cdw ) && "
-            "( * == \"2013*\"cdw || kMDItemTextContent == \"2013*\"cdw ) && "
-            "(kMDItemSupportFileType != MDSystemFile)"));
-    EXPECT_EQ(
-        SpotlightSearch::currentQueryString(QStringLiteral("kMDItemContentType == 'public.folder'"),
-                                            QStringLiteral("a"), QStringLiteral("x")),
-        QStringLiteral("( kMDItemDisplayName == \"a*\"cd ) && ( kMDItemContentType == 'public.folder' ) && "
-                       "( * == \"x\"cdw ) && (kMDItemSupportFileType != MDSystemFile)"));
-}
-
-TEST(SearchRules, PagingKeepsItsQuirks)
+TEST(SearchRules, PagingKeepsItsQuirksFinderOrderAndUploadRule)
 {
     QJsonObject result;
-    EXPECT_EQ(ItemRecords::pageOf(records(72), {{QStringLiteral("result_page"), 3}}, result).size(), 72);
-    EXPECT_EQ(result.value(QStringLiteral("page_size")).toInt(), 72);
-    EXPECT_EQ(result.value(QStringLiteral("num_pages")).toInt(), 1);
+    EXPECT_EQ(ItemRecords::pageOf(records(72), {{u"result_page"_s, 3}}, result).size(), 72);
+    EXPECT_EQ(result.value(u"page_size"_s).toInt(), 72);
+    EXPECT_EQ(result.value(u"num_pages"_s).toInt(), 1);
 
-    const QJsonArray second = ItemRecords::pageOf(records(73), {{QStringLiteral("result_page"), 1}}, result);
+    const QJsonArray second = ItemRecords::pageOf(records(73), {{u"result_page"_s, 1}}, result);
     EXPECT_EQ(second.size(), 33);
-    EXPECT_EQ(second.first()[QStringLiteral("path")].toString(), QStringLiteral("/p/40"));
-    EXPECT_EQ(result.value(QStringLiteral("page_size")).toInt(), 40);
-    EXPECT_EQ(result.value(QStringLiteral("num_pages")).toInt(), 2);
+    EXPECT_EQ(second.first()[u"path"_s].toString(), u"/p/40"_s);
+    EXPECT_EQ(result.value(u"page_size"_s).toInt(), 40);
+    EXPECT_EQ(result.value(u"num_pages"_s).toInt(), 2);
 
-    EXPECT_TRUE(ItemRecords::pageOf(records(80), {{QStringLiteral("result_page"), 2}}, result).isEmpty());
-    EXPECT_EQ(result.value(QStringLiteral("num_pages")).toInt(), 3);
-    EXPECT_EQ(result.value(QStringLiteral("total_item_count")).toInt(), 80);
-    EXPECT_TRUE(ItemRecords::pageOf(records(80), {{QStringLiteral("result_page"), -1}}, result).isEmpty());
+    EXPECT_TRUE(ItemRecords::pageOf(records(80), {{u"result_page"_s, 2}}, result).isEmpty());
+    EXPECT_EQ(result.value(u"num_pages"_s).toInt(), 3);
+    EXPECT_EQ(result.value(u"total_item_count"_s).toInt(), 80);
+    EXPECT_TRUE(ItemRecords::pageOf(records(80), {{u"result_page"_s, -1}}, result).isEmpty());
     EXPECT_EQ(ItemRecords::pageOf(records(80), {}, result).size(), 40);
-}
+    // A page so far out that its offset would overflow is simply empty.
+    EXPECT_TRUE(ItemRecords::pageOf(records(80), {{u"result_page"_s, 4e17}}, result).isEmpty());
 
-TEST(SearchRules, FinderOrderAndUploadRule)
-{
     QJsonArray list;
     for (const char *name : {"file 10", "File 9", "file 9", "\xc3\xa9t\xc3\xa9", "apple", "Zebra", "etc"})
-        list.append(QJsonObject{{QStringLiteral("display"), QString::fromUtf8(name)}});
+        list.append(QJsonObject{{u"display"_s, QString::fromUtf8(name)}});
     ItemRecords::finderSortWithLocale(list);
-    EXPECT_EQ(displays(list),
-              QStringList({QStringLiteral("apple"), QStringLiteral("etc"), QStringLiteral("\u00e9t\u00e9"),
-                           QStringLiteral("file 9"), QStringLiteral("File 9"), QStringLiteral("file 10"),
-                           QStringLiteral("Zebra")}));
+    EXPECT_EQ(displays(list), QStringList({u"apple"_s, u"etc"_s, u"\u00e9t\u00e9"_s, u"file 9"_s, u"File 9"_s,
+                                           u"file 10"_s, u"Zebra"_s}));
 
+    // Offered for copying to the StorageRoot: not the home, its standard folders, libraries or short paths.
     TempHome home;
     const QString h = home.path();
-    for (const char *folder : {"Documents/Documents", "Work/Library", "Pictures/iPhoto Library", "Documents"})
+    for (const char *folder : {"Documents/Documents", "Work/Library", "Pictures/iPhoto Library"})
         QDir(h).mkpath(QString::fromUtf8(folder));
-    EXPECT_FALSE(uploadable(h));
-    EXPECT_FALSE(uploadable(h + QStringLiteral("/Documents")));
-    EXPECT_TRUE(uploadable(h + QStringLiteral("/Documents/Documents")) == (h.split(u'/').size() + 2 >= 5));
-    EXPECT_FALSE(uploadable(h + QStringLiteral("/Work/Library")));
-    EXPECT_FALSE(uploadable(h + QStringLiteral("/Pictures/iPhoto Library")));
-    EXPECT_FALSE(uploadable(QStringLiteral("/tmp/abcd")));
-    EXPECT_TRUE(uploadable(QStringLiteral("/tmp/abcde")));
-    EXPECT_FALSE(uploadable(QStringLiteral("/opt/thing/System")));
+    for (const auto &[path, offered] : {std::pair{h, false},
+                                        {h + u"/Documents"_s, false},
+                                        {h + u"/Documents/Documents"_s, h.count(u'/') + 3 >= 5},
+                                        {h + u"/Work/Library"_s, false},
+                                        {h + u"/Pictures/iPhoto Library"_s, false},
+                                        {u"/tmp/abcd"_s, false},
+                                        {u"/tmp/abcde"_s, true},
+                                        {u"/opt/thing/System"_s, false}}) {
+        QJsonArray page{QJsonObject{{u"path"_s, path}}};
+        ItemRecords::polishResults(page, {});
+        EXPECT_EQ(page[0][u"up_ok"_s].toBool(), offered) << path.toStdString();
+    }
 }
 
 TEST(SearchRules, SearchPagesBundlesCachesAndPhotoLibraries)
 {
     TempHome home;
     for (int i = 0; i < 100; ++i)
-        home.writeFile(QStringLiteral("Many/page%1.txt").arg(i), "x");
-    QDir(home.path()).mkpath(QStringLiteral("Apps/Tool.app/Contents"));
-    QDir(home.path()).mkpath(QStringLiteral("Apps/Shots.aplibrary"));
-    home.writeFile(QStringLiteral("Apps/readme.app"), "a file, not a bundle");
-    QDir(home.path()).mkpath(QStringLiteral("Apps/.hidden"));
-    QFile::link(home.filePath(QStringLiteral("Many")), home.filePath(QStringLiteral("Apps/linked")));
-    home.writeFile(QStringLiteral("Library/Caches/cachedpage.txt"), "x");
-    const QString year = home.filePath(QStringLiteral("Pictures/iPhoto Library/Masters/2024"));
-    home.writeFile(QStringLiteral("Pictures/iPhoto Library/Masters/2024/05/pic.jpg"), "x");
-    MetadataConfig config;
-    config.roots = {home.path()};
-    config.storePath = home.filePath(QStringLiteral(".cache/vandrel/index.db"));
-    config.lowPriority = false;
-    config.watch = false;
-    config.extract = false;
-    MetadataIndex index(config);
+        home.writeFile(u"Many/page%1.txt"_s.arg(i), "x");
+    QDir(home.path()).mkpath(u"Apps/Tool.app/Contents"_s);
+    QDir(home.path()).mkpath(u"Apps/Shots.aplibrary"_s);
+    home.writeFile(u"Apps/readme.app"_s, "a file, not a bundle");
+    QDir(home.path()).mkpath(u"Apps/.hidden"_s);
+    QFile::link(home.filePath(u"Many"_s), home.filePath(u"Apps/linked"_s));
+    home.writeFile(u"Library/Caches/cachedpage.txt"_s, "x");
+    const QString year = home.filePath(u"Pictures/iPhoto Library/Masters/2024"_s);
+    home.writeFile(u"Pictures/iPhoto Library/Masters/2024/05/pic.jpg"_s, "x");
+    MetadataIndex index({.roots = {home.path()},
+                         .storePath = home.filePath(u".cache/vandrel/index.db"_s),
+                         .lowPriority = false,
+                         .watch = false,
+                         .extract = false});
     ASSERT_TRUE(index.updateNow());
     SearchIndex::setCurrent(&index);
     const auto search = [&](QJsonObject request) {
-        request.insert(QStringLiteral("search_dir"), home.path());
+        request.insert(u"search_dir"_s, home.path());
         SearchHandler::handleSearchRequest(request);
         return request;
     };
 
-    // Records are built for the sent page only, yet the pages together hold every hit exactly once.
+    // Records are built for the sent page only, yet the pages together hold every hit exactly once; the page
+    // inside Library/Caches is none.
     QSet<QString> seen;
     for (int page = 0; page < 3; ++page) {
-        const QJsonObject result = search(
-            {{QStringLiteral("name_search"), QStringLiteral("page")}, {QStringLiteral("result_page"), page}});
-        EXPECT_EQ(result[QStringLiteral("num_pages")].toInt(), 3);
-        const QJsonArray items = result[QStringLiteral("items")].toArray();
+        const QJsonObject result = search({{u"name_search"_s, u"page"_s}, {u"result_page"_s, page}});
+        const QJsonArray items = result[u"items"_s].toArray();
         EXPECT_EQ(items.size(), page < 2 ? 40 : 20);
         for (const QJsonValue &item : items) {
-            seen.insert(item[QStringLiteral("path")].toString());
-            EXPECT_TRUE(item[QStringLiteral("display")].toString().startsWith(u"page"));
-            EXPECT_GT(item[QStringLiteral("mod_date")].toDouble(), 0);
-            EXPECT_EQ(item[QStringLiteral("size")].toInt(-1), 1);
-            EXPECT_EQ(item[QStringLiteral("preview_width")].toInt(), 768);
-            EXPECT_TRUE(item[QStringLiteral("up_ok")].toBool());
+            seen.insert(item[u"path"_s].toString());
+            EXPECT_GT(item[u"mod_date"_s].toDouble(), 0);
+            EXPECT_EQ(item[u"size"_s].toInt(-1), 1);
+            EXPECT_EQ(item[u"preview_width"_s].toInt(), 768);
         }
     }
     EXPECT_EQ(seen.size(), 100);
-    EXPECT_FALSE(seen.contains(home.filePath(QStringLiteral("Library/Caches/cachedpage.txt"))));
-    // A page so far out that its offset would overflow is simply empty.
-    const QJsonObject far = search(
-        {{QStringLiteral("name_search"), QStringLiteral("page")}, {QStringLiteral("result_page"), 4e17}});
-    EXPECT_TRUE(far[QStringLiteral("items")].toArray().isEmpty());
-    EXPECT_EQ(far[QStringLiteral("total_item_count")].toInt(), 100);
 
     // The Caches folder itself is found; what lies inside a Library's Caches is not.
-    const QJsonArray caches =
-        search({{QStringLiteral("name_search"), QStringLiteral("caches")}})[QStringLiteral("items")]
-            .toArray();
+    const QJsonArray caches = search({{u"name_search"_s, u"caches"_s}})[u"items"_s].toArray();
     ASSERT_EQ(caches.size(), 1);
-    EXPECT_EQ(caches[0][QStringLiteral("path")].toString(), home.filePath(QStringLiteral("Library/Caches")));
+    EXPECT_EQ(caches[0][u"path"_s].toString(), home.filePath(u"Library/Caches"_s));
 
-    // Bundles by their name, folders only; photo libraries stay browsable.
-    const QJsonObject tool = ItemRecords::fileInfoDict(home.filePath(QStringLiteral("Apps/Tool.app")));
-    EXPECT_TRUE(tool[QStringLiteral("pkg")].toBool());
-    EXPECT_TRUE(tool[QStringLiteral("dir")].toBool());
-    EXPECT_FALSE(ItemRecords::fileInfoDict(
-                     home.filePath(QStringLiteral("Apps/Shots.aplibrary")))[QStringLiteral("pkg")]
-                     .toBool());
-    EXPECT_FALSE(
-        ItemRecords::fileInfoDict(home.filePath(QStringLiteral("Apps/readme.app")))[QStringLiteral("pkg")]
-            .toBool());
-    EXPECT_TRUE(
-        ItemRecords::fileInfoDict(home.filePath(QStringLiteral("Apps/Tool.app/")))[QStringLiteral("pkg")]
-            .toBool());
-    EXPECT_EQ(ItemRecords::getSubFolders(home.filePath(QStringLiteral("Apps"))),
-              QStringList{home.filePath(QStringLiteral("Apps/Shots.aplibrary"))});
-    EXPECT_TRUE(ItemRecords::getSubFolders(home.filePath(QStringLiteral("missing"))).isEmpty());
+    // Bundles by their name, folders only, are no sub-folders; photo libraries stay browsable.
+    const QJsonObject bundle = ItemRecords::fileInfoDict(home.filePath(u"Apps/Tool.app/"_s));
+    EXPECT_TRUE(bundle[u"pkg"_s].toBool() && bundle[u"dir"_s].toBool());
+    EXPECT_FALSE(ItemRecords::fileInfoDict(home.filePath(u"Apps/readme.app"_s))[u"pkg"_s].toBool());
+    EXPECT_EQ(ItemRecords::getSubFolders(home.filePath(u"Apps"_s)),
+              QStringList{home.filePath(u"Apps/Shots.aplibrary"_s)});
+    EXPECT_TRUE(ItemRecords::getSubFolders(home.filePath(u"missing"_s)).isEmpty());
 
     // An iPhoto year lists its months, with or without a trailing "/"; a month is the search of its pictures.
-    EXPECT_EQ(displays(Listings::doListing(year)), QStringList{QStringLiteral("05")});
-    EXPECT_EQ(displays(Listings::doListing(year + u'/')), QStringList{QStringLiteral("05")});
-    EXPECT_EQ(displays(Listings::doListing(year + QStringLiteral("/05"))),
-              QStringList{QStringLiteral("pic.jpg")});
+    for (const auto &[folder, listed] :
+         {std::pair{year, u"05"_s}, {year + u'/', u"05"_s}, {year + u"/05"_s, u"pic.jpg"_s}})
+        EXPECT_EQ(displays(Listings::doListing(folder)), QStringList{listed}) << folder.toStdString();
     SearchIndex::setCurrent(nullptr);
 }
