@@ -31,9 +31,16 @@ double lastUpdated(const QString &path)
     return vd_FileUtils::readJsonFileMutableDictionary(path).value(QStringLiteral("last_updated")).toDouble();
 }
 
-// Times a hundred times shorter than the agent's, the welcome pause kept at its full second.
-LifecycleTimes shortTimes()
+} // namespace
+
+TEST(AgentLifecycle, TimersFireNoEarlierThanScheduledAndTheWelcomePauseLeavesTheLoopRunning)
 {
+    DropboxHome home;
+    const QString root = home.root();
+    ASSERT_FALSE(AgentLifecycle::isDropboxRunning()) << "a Dropbox process runs on this machine";
+    UserDefaults::setValue(SettingsKeys::WebSiteURL, QStringLiteral("http://vandrel.test/any?x=1"));
+
+    // Times a hundred times shorter than the agent's, the welcome pause kept at its full second.
     LifecycleTimes times;
     times.statusEvery = 100ms;
     times.statusOnce = {20ms, 50ms, 150ms, 180ms};
@@ -41,30 +48,24 @@ LifecycleTimes shortTimes()
     times.dropboxCheck = 40ms;
     times.dropboxNoticeDelay = 40ms;
     times.dropboxNoticeShown = 300ms;
-    return times;
-}
-
-} // namespace
-
-TEST(AgentLifecycle, TimersFireNoEarlierThanScheduledAndTheWelcomePauseLeavesTheLoopRunning)
-{
-    DropboxHome home;
-    const QString root = home.root();
-    UserDefaults::setValue(SettingsKeys::WebSiteURL, QStringLiteral("http://vandrel.test/any?x=1"));
-
-    AgentLifecycle lifecycle(shortTimes());
+    AgentLifecycle lifecycle(times);
     QList<QUrl> opened;
     lifecycle.setUrlOpener([&](const QUrl &url) { opened << url; });
     QElapsedTimer clock;
     QList<qint64> statusTimes;
-    QStringList texts;
     qint64 welcomeAt = -1;
     QObject::connect(&lifecycle, &AgentLifecycle::statusUpdated, [&](const QString &text, bool active) {
         statusTimes << clock.elapsed();
-        texts << text;
+        // The status words are inverted on purpose: "active" while no WebApp user is.
+        EXPECT_EQ(text, QStringLiteral("active"));
         EXPECT_FALSE(active);
     });
     QObject::connect(&lifecycle, &AgentLifecycle::launchFinished, [&] { welcomeAt = clock.elapsed(); });
+    QList<qint64> noticeShown, noticeHidden;
+    QObject::connect(&lifecycle, &AgentLifecycle::dropboxNoticeShown,
+                     [&] { noticeShown << clock.elapsed(); });
+    QObject::connect(&lifecycle, &AgentLifecycle::dropboxNoticeHidden,
+                     [&] { noticeHidden << clock.elapsed(); });
 
     clock.start();
     lifecycle.start(nullptr, {});
@@ -90,8 +91,6 @@ TEST(AgentLifecycle, TimersFireNoEarlierThanScheduledAndTheWelcomePauseLeavesThe
     const QList<qint64> scheduled = {20, 50, 100, 150, 180, 200, 300, 400, 500};
     for (qsizetype i = 0; i < scheduled.size(); ++i)
         EXPECT_GE(statusTimes[i], scheduled[i] * 90 / 100) << "refresh " << i;
-    // The status words are inverted on purpose: "active" while no WebApp user is.
-    EXPECT_EQ(texts.first(), QStringLiteral("active"));
 
     // The welcome page came from a timer a full second later, while the status timers kept running.
     EXPECT_GE(welcomeAt, 950);
@@ -100,11 +99,32 @@ TEST(AgentLifecycle, TimersFireNoEarlierThanScheduledAndTheWelcomePauseLeavesThe
     ASSERT_EQ(opened.size(), 1);
     EXPECT_EQ(opened.first(), QUrl(QStringLiteral("https://vandrel.test/welcome/")));
 
+    // Dropbox is not running: one notice per launch, after the check at 40 ms and 40 ms more, for 300 ms.
+    ASSERT_EQ(noticeShown.size(), 1);
+    ASSERT_EQ(noticeHidden.size(), 1);
+    EXPECT_GE(noticeShown.first(), 76);
+    EXPECT_GE(noticeHidden.first() - noticeShown.first(), 285);
+
     // A user coming back, noticed on a worker thread, drops the remembered StorageRoot so that one made
     // meanwhile is found.
     UserDefaults::setValue(SettingsKeys::LastBestPath, root);
     std::thread([] { Q_EMIT UserActivityNotifier::instance().UserCameOnline(); }).join();
     EXPECT_TRUE(QTest::qWaitFor([] { return !UserDefaults::contains(SettingsKeys::LastBestPath); }, 10000));
+
+    // A program whose path names Dropbox counts as Dropbox running: no notice.
+    QDir(home.path()).mkpath(QStringLiteral(".dropbox-dist"));
+    const QString fake = home.filePath(QStringLiteral(".dropbox-dist/dropboxd"));
+    ASSERT_TRUE(QFile::copy(QStringLiteral("/bin/sleep"), fake));
+    QProcess dropbox;
+    dropbox.start(fake, {QStringLiteral("60")});
+    ASSERT_TRUE(dropbox.waitForStarted());
+    EXPECT_TRUE(AgentLifecycle::isDropboxRunning());
+    noticeShown.clear();
+    lifecycle.ensureDropboxIsRunning();
+    QTest::qWait(200);
+    EXPECT_TRUE(noticeShown.isEmpty());
+    dropbox.kill();
+    dropbox.waitForFinished();
 }
 
 TEST(AgentLifecycle, WelcomePageOpensOnTheFirstFourLaunchesOnly)
@@ -140,38 +160,4 @@ TEST(AgentLifecycle, WelcomePageOpensOnTheFirstFourLaunchesOnly)
     lifecycle.setUrlOpener([&](const QUrl &url) { opened << url; });
     lifecycle.launchBrowserSoUserCanTest();
     EXPECT_EQ(opened.size(), 4);
-}
-
-TEST(AgentLifecycle, DropboxNoticeShowsOnceWhenDropboxIsNotRunningAndHidesLater)
-{
-    TempHome home;
-    ASSERT_FALSE(AgentLifecycle::isDropboxRunning()) << "a Dropbox process runs on this machine";
-    AgentLifecycle lifecycle(shortTimes());
-    QElapsedTimer clock;
-    QList<qint64> shown, hidden;
-    QObject::connect(&lifecycle, &AgentLifecycle::dropboxNoticeShown, [&] { shown << clock.elapsed(); });
-    QObject::connect(&lifecycle, &AgentLifecycle::dropboxNoticeHidden, [&] { hidden << clock.elapsed(); });
-    clock.start();
-    lifecycle.start(nullptr, {});
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !hidden.isEmpty(); }, 20000));
-    ASSERT_EQ(shown.size(), 1);
-    EXPECT_GE(shown.first(), 76);                   // the check at 40 ms, then 40 ms more
-    EXPECT_GE(hidden.first() - shown.first(), 285); // shown for 300 ms
-    QTest::qWait(300);
-    EXPECT_EQ(shown.size(), 1); // one check per launch
-
-    // A program whose path names Dropbox counts as Dropbox running: no notice.
-    QDir(home.path()).mkpath(QStringLiteral(".dropbox-dist"));
-    const QString fake = home.filePath(QStringLiteral(".dropbox-dist/dropboxd"));
-    ASSERT_TRUE(QFile::copy(QStringLiteral("/bin/sleep"), fake));
-    QProcess dropbox;
-    dropbox.start(fake, {QStringLiteral("60")});
-    ASSERT_TRUE(dropbox.waitForStarted());
-    EXPECT_TRUE(AgentLifecycle::isDropboxRunning());
-    shown.clear();
-    lifecycle.ensureDropboxIsRunning();
-    QTest::qWait(200);
-    EXPECT_TRUE(shown.isEmpty());
-    dropbox.kill();
-    dropbox.waitForFinished();
 }

@@ -14,7 +14,6 @@
 #include <QDir>
 #include <QDropEvent>
 #include <QFile>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QLabel>
 #include <QLineEdit>
@@ -62,12 +61,11 @@ struct DesktopHome
         return {times, [this](const QUrl &url) { opened << url; }, Autostart(), program};
     }
 
-    QJsonObject info(const QString &root) const
+    static QJsonObject info(const QString &root)
     {
-        QFile file(root + QStringLiteral("/data.vdldata/computers/") + vd_FileUtils::getComputerUUID() +
-                   QStringLiteral(".json"));
-        file.open(QIODevice::ReadOnly);
-        return QJsonDocument::fromJson(file.readAll()).object();
+        return vd_FileUtils::readJsonFileMutableDictionary(root + QStringLiteral("/data.vdldata/computers/") +
+                                                           vd_FileUtils::getComputerUUID() +
+                                                           QStringLiteral(".json"));
     }
 };
 
@@ -94,11 +92,21 @@ QAction *action(QMenu *menu, const QString &text)
 TEST(DesktopFace, StartsInTheWindowWithoutATrayShowsTheStatusAndTakesDroppedFiles)
 {
     DesktopHome desktop;
-    vd_AppDelegate delegate(nullptr, desktop.options());
+    vd_AppDelegate::Options options = desktop.options();
+    options.times.dropboxCheck = 10ms;
+    options.times.dropboxNoticeDelay = 10ms;
+    options.times.dropboxNoticeShown = 200ms;
+    vd_AppDelegate delegate(nullptr, options);
     bool finished = false;
     QObject::connect(&delegate, &vd_AppDelegate::launchFinished, [&] { finished = true; });
     delegate.applicationDidFinishLaunching();
     EXPECT_EQ(vd_AppDelegate::shared(), &delegate);
+
+    // Dropbox is not running here: the notice comes up above other windows and goes again.
+    QWidget *notice = delegate.dropboxNotRunningPanel();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return notice->isVisible(); }, 10000));
+    EXPECT_TRUE(notice->windowFlags().testFlag(Qt::WindowStaysOnTopHint));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !notice->isVisible(); }, 10000));
 
     ASSERT_FALSE(QSystemTrayIcon::isSystemTrayAvailable()); // the offscreen platform has no tray
     EXPECT_FALSE(delegate.inTray());
@@ -200,8 +208,6 @@ TEST(DesktopFace, PreferencesTwiceLeaveOneFreshWindowAndEverySaveRewritesTheInfo
     desktop.home.writeFile(QStringLiteral("system/applications/vandrel.desktop"), "[Desktop Entry]\n");
     vd_AppDelegate delegate(nullptr, desktop.options());
     delegate.applicationDidFinishLaunching();
-    const double start = desktop.info(desktop.dropboxRoot).value(QStringLiteral("last_updated")).toDouble();
-    ASSERT_GT(start, 0);
     EXPECT_FALSE(desktop.info(desktop.driveRoot).contains(QStringLiteral("pword_required")));
     EXPECT_FALSE(QDir(desktop.home.filePath(QStringLiteral(".local/share/applications"))).exists());
 
@@ -249,20 +255,4 @@ TEST(DesktopFace, PreferencesTwiceLeaveOneFreshWindowAndEverySaveRewritesTheInfo
         },
         10000));
     EXPECT_EQ(desktop.info(desktop.driveRoot).value(QStringLiteral("pword_required")), QJsonValue(true));
-}
-
-TEST(DesktopFace, DropboxNoticeComesUpWhenDropboxIsNotRunningAndGoesAgain)
-{
-    DesktopHome desktop;
-    vd_AppDelegate::Options options = desktop.options();
-    options.times.dropboxCheck = 10ms;
-    options.times.dropboxNoticeDelay = 10ms;
-    options.times.dropboxNoticeShown = 200ms;
-    vd_AppDelegate delegate(nullptr, options);
-    QWidget *notice = delegate.dropboxNotRunningPanel();
-    EXPECT_FALSE(notice->isVisible());
-    delegate.applicationDidFinishLaunching();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return notice->isVisible(); }, 10000));
-    EXPECT_TRUE(notice->windowFlags().testFlag(Qt::WindowStaysOnTopHint));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !notice->isVisible(); }, 10000));
 }
