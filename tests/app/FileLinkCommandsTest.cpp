@@ -3,13 +3,11 @@
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
 
-#include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QLocalSocket>
-#include <QThread>
+#include <QTest>
 #include <QUrl>
 
 #include <gtest/gtest.h>
@@ -65,23 +63,19 @@ protected:
     // moves).
     bool agentReveals(const QString &path, const std::function<VandrelRun()> &open)
     {
-        QElapsedTimer timer;
-        timer.start();
         const qsizetype before = m_agentOut.count(path + u'\n');
-        while (timer.elapsed() < 60000) {
+        const auto revealed = [&] {
+            m_agentOut += QString::fromUtf8(m_agent.readAllStandardOutput());
+            return m_agentOut.count(path + u'\n') > before;
+        };
+        for (int attempt = 0; attempt < 20; ++attempt) {
             const VandrelRun run = open();
             if (run.exitCode != 0) {
                 ADD_FAILURE() << run.err.toStdString();
                 return false;
             }
-            QElapsedTimer wait;
-            wait.start();
-            while (wait.elapsed() < 3000) {
-                m_agent.waitForReadyRead(100);
-                m_agentOut += QString::fromUtf8(m_agent.readAllStandardOutput());
-                if (m_agentOut.count(path + u'\n') > before)
-                    return true;
-            }
+            if (QTest::qWaitFor(revealed, 3000))
+                return true;
         }
         return false;
     }
@@ -114,16 +108,21 @@ TEST_F(FileLinkCommandsTest, LinksSkipVanishedPathsInOrderAndForeignUrlsAreDecli
     EXPECT_EQ(withoutX.exitCode, 0);
     EXPECT_EQ(withoutX.out.trimmed(), links[1]);
 
+    // Nothing left to link; the scheme is case-sensitive; a link of another service is not ours.
     QFile::remove(first);
-    const VandrelRun none = vandrel({QStringLiteral("link"), first});
-    EXPECT_EQ(none.exitCode, 1);
-    EXPECT_TRUE(none.out.isEmpty());
-    const VandrelRun upper =
-        vandrel({QStringLiteral("open"), QString(links[1]).replace(kService, QStringLiteral("QLK://"))});
-    EXPECT_EQ(upper.exitCode, 64);
-    EXPECT_TRUE(upper.err.contains(QStringLiteral("not a link")));
-    EXPECT_EQ(
-        vandrel({QStringLiteral("open"), QStringLiteral("https://elsewhere.test/p/1/2/a/b/c")}).exitCode, 64);
+    const std::tuple<QStringList, int, QString> refused[] = {
+        {{QStringLiteral("link"), first}, 1, QStringLiteral("none of the paths exists")},
+        {{QStringLiteral("open"), QString(links[1]).replace(kService, QStringLiteral("QLK://"))},
+         64,
+         QStringLiteral("not a link")},
+        {{QStringLiteral("open"), QStringLiteral("https://elsewhere.test/p/1/2/a/b/c")},
+         64,
+         QStringLiteral("not a link")}};
+    for (const auto &[args, exitCode, message] : refused) {
+        const VandrelRun run = vandrel(args);
+        EXPECT_EQ(run.exitCode, exitCode) << args.join(u' ').toStdString();
+        EXPECT_TRUE(run.out.isEmpty() && run.err.contains(message)) << run.err.toStdString();
+    }
 }
 
 TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunningAgent)
@@ -133,10 +132,7 @@ TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunning
     m_agent.setProcessEnvironment(m_environment);
     m_agent.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("--headless")});
     const QString socketPath = m_home.filePath(QStringLiteral(".run/vandrel.socket"));
-    QElapsedTimer started;
-    started.start();
-    while (!QFile::exists(socketPath) && started.elapsed() < 30000)
-        QThread::msleep(20);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(socketPath); }, 30000));
 
     const VandrelRun made = vandrel({QStringLiteral("link"), original});
     ASSERT_EQ(made.exitCode, 0) << made.err.toStdString();
@@ -215,10 +211,7 @@ TEST_F(FileLinkCommandsTest, OpenAsksTheFileManagerToShowTheFoundFileSelected)
     open.start(QStringLiteral(VANDREL_BINARY),
                {QStringLiteral("open"), vandrel({QStringLiteral("link"), file}).out.trimmed()});
     // The file manager answers from this thread's event loop while `vandrel open` resolves and waits for it.
-    QElapsedTimer timer;
-    timer.start();
-    while (open.state() != QProcess::NotRunning && timer.elapsed() < 60000)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return open.state() == QProcess::NotRunning; }, 60000));
     EXPECT_EQ(open.exitCode(), 0) << open.readAllStandardError().toStdString();
     EXPECT_EQ(service.shown, QStringList{QUrl::fromLocalFile(file).toString(QUrl::FullyEncoded)});
     EXPECT_TRUE(open.readAllStandardOutput().isEmpty()); // shown, not printed

@@ -26,7 +26,7 @@ QJsonObject onlyComputerFile(const QString &root)
 
 } // namespace
 
-TEST(StatusAndPassword, FabricatedHomeShowsEveryRootAndPasswordFollowsStandardInput)
+TEST(StatusAndPassword, FabricatedHomeShowsEveryRootAndPasswordIsTakenOnlyWholeFromStandardInput)
 {
     DropboxHome home;
     home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions/web1.json"), "{\"date\": 1}");
@@ -53,14 +53,10 @@ TEST(StatusAndPassword, FabricatedHomeShowsEveryRootAndPasswordFollowsStandardIn
     EXPECT_FALSE(onlyComputerFile(home.filePath(QStringLiteral("GDrive/Apps/vandrel")))
                      .contains(QStringLiteral("pword_required")));
     EXPECT_EQ(runVandrel({QStringLiteral("password"), QStringLiteral("secret")}).exitCode, 64);
-}
 
-TEST(StatusAndPassword, InputThatWouldNotBeThePasswordTypedIsRefused)
-{
-    DropboxHome home;
-    EXPECT_EQ(runVandrel(kSet + QStringList{QStringLiteral("hunter2")}).exitCode,
-              64); // never from an argument
-    // Cut to a limit or decoded with replacement characters, the stored text would lock the user out.
+    // Never from an argument. Cut to a limit or decoded with replacement characters, the stored text would
+    // lock the user out.
+    EXPECT_EQ(runVandrel(kSet + QStringList{QStringLiteral("hunter2")}).exitCode, 64);
     for (const QByteArray &input : {QByteArray(5000, 'p'), QByteArray(1025, 'p') + '\n',
                                     QByteArray("caf\xe9\n"), QByteArray("a\0b\n", 4)}) {
         EXPECT_EQ(runVandrel(kSet, input).exitCode, 1) << input.left(8).toHex().toStdString();
