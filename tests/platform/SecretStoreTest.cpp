@@ -90,15 +90,12 @@ public:
         // The daemon owns its bus name a moment after start; wait until it answers (and, with a password,
         // until its login keyring is ready).
         LibsecretSecretStore store(std::chrono::seconds(2));
-        const auto ready = [&] {
-            return unlock ? store.probe()
-                          : store.exists(QStringLiteral("VandrelOSX"), QStringLiteral("~ready"));
-        };
-        QElapsedTimer waited;
-        waited.start();
-        SecretStore::Outcome probe;
-        while ((probe = ready()).status != (unlock ? SecretStore::Success : SecretStore::ItemNotFound)) {
-            if (waited.elapsed() > 15000) {
+        for (int tries = 0;; ++tries) {
+            const SecretStore::Outcome probe =
+                unlock ? store.probe() : store.exists(kService, QStringLiteral("~ready"));
+            if (probe.status == (unlock ? SecretStore::Success : SecretStore::ItemNotFound))
+                return;
+            if (tries == 150) {
                 problem = QStringLiteral("gnome-keyring-daemon did not answer (%1): %2")
                               .arg(probe.message, QString::fromUtf8(m_keyring.readAllStandardError()));
                 return;

@@ -13,7 +13,6 @@ TEST(UserDefaults, StoredValuesOverridesAndConcurrentWriters)
 {
     TempHome home;
     EXPECT_EQ(UserDefaults::filePath(), home.filePath(QStringLiteral(".config/vandrel/vandrel.conf")));
-    EXPECT_FALSE(UserDefaults::boolValue(SettingsKeys::RunInDock));
     UserDefaults::setValue(SettingsKeys::RelayServerURL, QStringLiteral("https://stored.example"));
     home.setEnvironment("VANDREL_RELAY_URL", "http://127.0.0.1:9");
     EXPECT_EQ(UserDefaults::stringValue(SettingsKeys::RelayServerURL), QStringLiteral("http://127.0.0.1:9"));
