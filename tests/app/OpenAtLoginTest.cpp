@@ -38,8 +38,6 @@ TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchAndRemovalIsPermanent)
     TempHome home;
     const QString program = installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel"));
     const Autostart list;
-    EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(list, program));
-
     AgentLifecycle::enableOpenAtLoginOnInitialLaunch(list, program);
     EXPECT_TRUE(DPOpenAtLogin::openAtLoginEnabled(list, program));
     EXPECT_TRUE(UserDefaults::boolValue(SettingsKeys::CheckedEnableOpenAtLoginOnInitialLaunch));
