@@ -198,7 +198,6 @@ TEST(SecretStore, RealGnomeKeyringRoundTripAndLockedKeyring)
     if (!keyring.problem.isEmpty())
         GTEST_SKIP() << keyring.problem.toStdString();
     LibsecretSecretStore store;
-    EXPECT_EQ(store.probe().status, SecretStore::Success);
     exerciseStore(store);
 
     // A locked item is neither missing nor empty: reading or removing it is refused and it stays.
