@@ -160,12 +160,18 @@ TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunning
     for (const char *name : {"KDE_FULL_SESSION", "GNOME_DESKTOP_SESSION_ID", "MATE_DESKTOP_SESSION_ID",
                              "DESKTOP_SESSION", "XDG_SESSION_DESKTOP"})
         desktop.remove(QString::fromLatin1(name));
-    QProcess mime;
-    mime.setProcessEnvironment(desktop);
-    mime.start(QStringLiteral("xdg-mime"),
-               {QStringLiteral("default"), QStringLiteral("vandrel-link-handler.desktop"),
-                QStringLiteral("x-scheme-handler/qlk")});
-    ASSERT_TRUE(mime.waitForFinished(30000) && mime.exitCode() == 0);
+    const auto onDesktop = [&](const QString &program, const QStringList &args) {
+        QProcess process;
+        process.setProcessEnvironment(desktop);
+        process.start(program, args);
+        process.waitForFinished(60000);
+        return VandrelRun{process.exitCode(), {}, QString::fromUtf8(process.readAllStandardError())};
+    };
+    const VandrelRun mime =
+        onDesktop(QStringLiteral("xdg-mime"),
+                  {QStringLiteral("default"), QStringLiteral("vandrel-link-handler.desktop"),
+                   QStringLiteral("x-scheme-handler/qlk")});
+    ASSERT_EQ(mime.exitCode, 0) << mime.err.toStdString();
 
     // Garbage, an endless line and a silent client on the socket cost the agent nothing.
     QLocalSocket garbage, endless, silent;
@@ -181,13 +187,7 @@ TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunning
     EXPECT_TRUE(endless.state() == QLocalSocket::UnconnectedState || endless.waitForDisconnected(30000));
 
     const QString schemeUrl = QStringLiteral("qlk://") + link.mid(kService.size() + 1);
-    EXPECT_TRUE(agentReveals(moved, [&] {
-        QProcess xdgOpen;
-        xdgOpen.setProcessEnvironment(desktop);
-        xdgOpen.start(QStringLiteral("xdg-open"), {schemeUrl});
-        xdgOpen.waitForFinished(60000);
-        return VandrelRun{xdgOpen.exitCode(), {}, QString::fromUtf8(xdgOpen.readAllStandardError())};
-    }));
+    EXPECT_TRUE(agentReveals(moved, [&] { return onDesktop(QStringLiteral("xdg-open"), {schemeUrl}); }));
 }
 
 TEST_F(FileLinkCommandsTest, OpenAsksTheFileManagerToShowTheFoundFileSelected)
