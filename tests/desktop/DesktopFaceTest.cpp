@@ -48,9 +48,6 @@ struct DesktopHome
     {
         // The system's applications folders, as far as the agent can tell.
         home.setEnvironment("XDG_DATA_DIRS", QFile::encodeName(home.filePath(QStringLiteral("system"))));
-        home.writeFile(
-            QStringLiteral(".dropbox/info.json"),
-            QStringLiteral("{\"personal\": {\"path\": \"%1/Dropbox\"}}").arg(home.path()).toUtf8());
         QDir(home.path()).mkpath(QStringLiteral("GDrive"));
         QDir(home.path()).mkpath(QStringLiteral("bin"));
         QFile::copy(QStringLiteral("/bin/true"), program);
