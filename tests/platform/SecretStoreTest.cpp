@@ -90,12 +90,14 @@ public:
         // The daemon owns its bus name a moment after start; wait until it answers (and, with a password,
         // until its login keyring is ready).
         LibsecretSecretStore store(std::chrono::seconds(2));
-        for (int tries = 0;; ++tries) {
+        QElapsedTimer waited;
+        waited.start();
+        for (;;) {
             const SecretStore::Outcome probe =
                 unlock ? store.probe() : store.exists(kService, QStringLiteral("~ready"));
             if (probe.status == (unlock ? SecretStore::Success : SecretStore::ItemNotFound))
                 return;
-            if (tries == 150) {
+            if (waited.elapsed() > 15000) {
                 problem = QStringLiteral("gnome-keyring-daemon did not answer (%1): %2")
                               .arg(probe.message, QString::fromUtf8(m_keyring.readAllStandardError()));
                 return;
