@@ -33,7 +33,7 @@ QString entry(const QString &exec, const QString &extra = {})
 
 } // namespace
 
-TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchAndRemovalIsPermanent)
+TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchRemovalIsPermanentAndOddPathsSurviveQuoting)
 {
     TempHome home;
     const QString program = installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel"));
@@ -54,6 +54,24 @@ TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchAndRemovalIsPermanent)
     home.writeFile(QStringLiteral("preset/mine.desktop"), entry(program).toUtf8());
     AgentLifecycle::enableOpenAtLoginOnInitialLaunch(preset, program);
     EXPECT_EQ(entries(preset), QStringList{QStringLiteral("mine.desktop")});
+
+    // A program path that needs quoting comes back whole.
+    const QString odd = installProgram(home, QStringLiteral("odd \"dir\" $HOME `x` back\\slash;&/vandrel"));
+    const QString written = list.addEntry(odd, {QStringLiteral("--flag with space")});
+    ASSERT_FALSE(written.isEmpty());
+    EXPECT_EQ(Autostart::resolvedProgram(written), odd);
+    EXPECT_TRUE(list.hasEntryFor(odd));
+    EXPECT_FALSE(list.hasEntryFor(home.filePath(QStringLiteral("odd")) + QStringLiteral("x")));
+
+    // The autostart "folder" is a file: the list cannot be opened, the toggle does nothing.
+    home.writeFile(QStringLiteral("blocked"), "not a folder");
+    const Autostart blocked(home.filePath(QStringLiteral("blocked/autostart")));
+    EXPECT_FALSE(blocked.open());
+    DPOpenAtLogin::toggleLoginItem(blocked, program);
+    EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(blocked, program));
+    EXPECT_TRUE(blocked.addEntry(program, {}).isEmpty());
+    // No program path: nothing to start, so no entry.
+    EXPECT_TRUE(list.addEntry(QString(), {}).isEmpty());
 }
 
 TEST(OpenAtLogin, ToggleOffRemovesEveryEntryOfOursAndNothingElse)
@@ -102,27 +120,4 @@ TEST(OpenAtLogin, ToggleOffRemovesEveryEntryOfOursAndNothingElse)
     EXPECT_TRUE(DPOpenAtLogin::openAtLoginEnabled(list, program));
     EXPECT_TRUE(entries(list).contains(QStringLiteral("vandrel-2.desktop"))); // the foreign file was kept
     EXPECT_EQ(Autostart::resolvedProgram(home.filePath(dir + QStringLiteral("vandrel.desktop"))), other);
-}
-
-TEST(OpenAtLogin, OddProgramPathsSurviveQuotingAndAnUnopenableListChangesNothing)
-{
-    TempHome home;
-    const QString program =
-        installProgram(home, QStringLiteral("odd \"dir\" $HOME `x` back\\slash;&/vandrel"));
-    const Autostart list;
-    const QString written = list.addEntry(program, {QStringLiteral("--flag with space")});
-    ASSERT_FALSE(written.isEmpty());
-    EXPECT_EQ(Autostart::resolvedProgram(written), program);
-    EXPECT_TRUE(list.hasEntryFor(program));
-    EXPECT_FALSE(list.hasEntryFor(home.filePath(QStringLiteral("odd")) + QStringLiteral("x")));
-
-    // The autostart "folder" is a file: the list cannot be opened, the toggle does nothing.
-    home.writeFile(QStringLiteral("blocked"), "not a folder");
-    const Autostart blocked(home.filePath(QStringLiteral("blocked/autostart")));
-    EXPECT_FALSE(blocked.open());
-    DPOpenAtLogin::toggleLoginItem(blocked, program);
-    EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(blocked, program));
-    EXPECT_TRUE(blocked.addEntry(program, {}).isEmpty());
-    // No program path: nothing to start, so no entry.
-    EXPECT_TRUE(list.addEntry(QString(), {}).isEmpty());
 }
