@@ -113,12 +113,13 @@ TEST(DesktopFace, StartsInTheWindowWithoutATrayShowsTheStatusAndTakesDroppedFile
     options.times.dropboxNoticeDelay = 10ms;
     options.times.dropboxNoticeShown = 200ms;
     vd_AppDelegate delegate(nullptr, options);
+    QWidget *notice = delegate.dropboxNotRunningPanel();
+    EXPECT_FALSE(notice->isVisible());
     bool finished = false;
     QObject::connect(&delegate, &vd_AppDelegate::launchFinished, [&] { finished = true; });
     delegate.applicationDidFinishLaunching();
 
     // Dropbox is not running here: the notice comes up above other windows and goes again.
-    QWidget *notice = delegate.dropboxNotRunningPanel();
     ASSERT_TRUE(QTest::qWaitFor([&] { return notice->isVisible(); }, 10000));
     EXPECT_TRUE(notice->windowFlags().testFlag(Qt::WindowStaysOnTopHint));
     EXPECT_TRUE(QTest::qWaitFor([&] { return !notice->isVisible(); }, 10000));
