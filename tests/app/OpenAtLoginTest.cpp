@@ -63,12 +63,10 @@ TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchRemovalIsPermanentAndOddPathsSurviveQ
     EXPECT_TRUE(list.hasEntryFor(odd));
     EXPECT_FALSE(list.hasEntryFor(home.filePath(QStringLiteral("odd")) + QStringLiteral("x")));
 
-    // The autostart "folder" is a file: the list cannot be opened, the toggle does nothing.
+    // The autostart "folder" is a file: the list cannot be opened, nothing is written.
     home.writeFile(QStringLiteral("blocked"), "not a folder");
     const Autostart blocked(home.filePath(QStringLiteral("blocked/autostart")));
     EXPECT_FALSE(blocked.open());
-    DPOpenAtLogin::toggleLoginItem(blocked, program);
-    EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(blocked, program));
     EXPECT_TRUE(blocked.addEntry(program, {}).isEmpty());
     // No program path: nothing to start, so no entry.
     EXPECT_TRUE(list.addEntry(QString(), {}).isEmpty());

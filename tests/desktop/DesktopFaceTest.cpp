@@ -148,9 +148,6 @@ TEST(DesktopFace, StartsInTheWindowWithoutATrayShowsTheStatusAndTakesDroppedFile
 
     // The inverted word: "active" while no WebApp user is.
     EXPECT_TRUE(QTest::qWaitFor([&] { return delegate.statusField()->text() == u"active"; }, 10000));
-    // Both info files were written at start-up.
-    EXPECT_FALSE(desktop.info(desktop.dropboxRoot).isEmpty());
-    EXPECT_FALSE(desktop.info(desktop.driveRoot).isEmpty());
 
     // The first launch put the agent in the autostart folder; the menu's check mark follows it.
     ASSERT_TRUE(QTest::qWaitFor([&] { return finished; }, 10000));
@@ -163,17 +160,11 @@ TEST(DesktopFace, StartsInTheWindowWithoutATrayShowsTheStatusAndTakesDroppedFile
     EXPECT_FALSE(openAtLogin->isChecked());
     EXPECT_TRUE(QDir(desktop.home.filePath(QStringLiteral(".config/autostart"))).isEmpty());
 
-    // A StorageRoot made while running shows on the next menu open: reveal reaches both roots' uploads
-    // folders (with no file manager on the bus, by opening the folders that hold them).
-    QDir(desktop.home.path()).mkpath(QStringLiteral("Dropbox (Work)"));
-    desktop.home.writeFile(
-        QStringLiteral(".dropbox/info.json"),
-        QStringLiteral("{\"personal\": {\"path\": \"%1/Dropbox\"}, \"business\": {\"path\": "
-                       "\"%1/Dropbox (Work)\"}}")
-            .arg(desktop.home.path())
-            .toUtf8());
-    desktop.home.writeFile(QStringLiteral("Dropbox (Work)/Apps/vandrel/data.vdldata/sessions_are_here.json"),
-                           "{}");
+    // A StorageRoot made while running shows on the next menu open: reveal reaches every root's uploads
+    // folder (with no file manager on the bus, by opening the folders that hold them).
+    desktop.home.setEnvironment("VANDREL_CLOUD_FOLDERS",
+                                QFile::encodeName(desktop.home.filePath(QStringLiteral("Sync"))));
+    writeMarker(desktop.home, QStringLiteral("Sync/Apps/vandrel"), 0);
     Q_EMIT menu->aboutToShow();
     desktop.opened.clear();
     action(menu, QStringLiteral("Reveal Uploads Folder"))->trigger();
