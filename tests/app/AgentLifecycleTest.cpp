@@ -133,7 +133,6 @@ TEST(AgentLifecycle, TimersFireNoEarlierThanScheduledAndTheWelcomePageOpensOnThe
     // Later launches: the welcome page opens on the first four only.
     for (int launch = 2; launch <= 5; ++launch) {
         AgentLifecycle::incrementLaunchCount();
-        EXPECT_EQ(AgentLifecycle::launchCount(), launch);
         lifecycle.launchBrowserSoUserCanTest();
         EXPECT_EQ(opened.size(), std::min(launch, 4)) << "launch " << launch;
     }

@@ -43,58 +43,30 @@ TEST(CommandLine, VersionHelpAndUnknownCommands)
     EXPECT_TRUE(unknown.err.contains(QStringLiteral("unknown command 'frobnicate'")));
 }
 
-TEST(CommandLine, StatusShowsHowFarIndexingHasCome)
+TEST(StatusAndPassword, FabricatedHomeShowsRootsIndexingAndPasswordTakenOnlyWholeFromStandardInput)
 {
-    TempHome home;
+    DropboxHome home;
+    home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions/web1.json"), "{\"date\": 1}");
+    QDir(home.path()).mkpath(QStringLiteral("GDrive"));
     home.writeFile(QStringLiteral("Tree/a.txt"), "alpha");
     home.writeFile(QStringLiteral("Tree/Sub/b.txt"), "beta");
     UserDefaults::setValue(SettingsKeys::IndexedRoots, QStringList{home.filePath(QStringLiteral("Tree"))});
     const QStringList status{QStringLiteral("status")};
     const QStringList indexStatus{QStringLiteral("index"), QStringLiteral("status")};
-    // Asking must not make a store the agent never made.
-    EXPECT_TRUE(runVandrel(status).out.contains(QStringLiteral("Index:           not made yet")));
-    EXPECT_FALSE(QFile::exists(MetadataConfig::defaultStorePath()));
-
-    ASSERT_EQ(runVandrel({QStringLiteral("index"), QStringLiteral("rebuild")}).exitCode, 0);
-    EXPECT_TRUE(
-        runVandrel(indexStatus)
-            .out.contains(QStringLiteral("indexing:       done (2 folders, 2 files, text of 2 files)")));
-
-    // What an agent indexing in another process leaves in the store is read back.
-    const std::tuple<QStringList, const char *, QString> progress[] = {
-        {status,
-         R"({"crawling":true,"folders":10,"files":200,"folders_waiting":5,"contents":0,"contents_waiting":0,)"
-         R"("seconds_left":150})",
-         QStringLiteral(
-             "Index:           reading names: 10 folders and 200 files read, 5 folders waiting (at "
-             "least 3 min more); contents next")},
-        {indexStatus,
-         R"({"crawling":false,"folders":2,"files":2,"folders_waiting":0,"contents":1,"contents_waiting":7,)"
-         R"("seconds_left":-1})",
-         QStringLiteral("names done (2 folders, 2 files); reading contents: 1 files read, 7 waiting\n")}};
-    for (const auto &[command, json, expected] : progress) {
-        IndexStore::open(MetadataConfig::defaultStorePath())
-            ->setMeta(QStringLiteral("progress"), QString::fromLatin1(json));
-        EXPECT_TRUE(runVandrel(command).out.contains(expected)) << json;
-    }
-}
-
-TEST(StatusAndPassword, FabricatedHomeShowsEveryRootAndPasswordIsTakenOnlyWholeFromStandardInput)
-{
-    DropboxHome home;
-    home.writeFile(QStringLiteral("Dropbox/Apps/vandrel/data.vdldata/sessions/web1.json"), "{\"date\": 1}");
-    QDir(home.path()).mkpath(QStringLiteral("GDrive"));
 
     // Which roots there are, and in what order, is the storage folders' own rule; status lists them.
-    const QString before = runVandrel({QStringLiteral("status")}).out;
+    const QString before = runVandrel(status).out;
     EXPECT_TRUE(before.contains(home.root()) &&
                 before.contains(home.filePath(QStringLiteral("GDrive/Apps/vandrel"))))
         << before.toStdString();
     EXPECT_TRUE(before.contains(QStringLiteral("1 session, computer info file missing")));
     EXPECT_TRUE(before.contains(QStringLiteral("Password:        not set")));
+    // Asking must not make a store the agent never made.
+    EXPECT_TRUE(before.contains(QStringLiteral("Index:           not made yet")));
+    EXPECT_FALSE(QFile::exists(MetadataConfig::defaultStorePath()));
 
     EXPECT_EQ(runVandrel(kSet, "correct horse\n").exitCode, 0);
-    const QString after = runVandrel({QStringLiteral("status")}).out;
+    const QString after = runVandrel(status).out;
     EXPECT_TRUE(after.contains(QStringLiteral("Password:        set")));
     EXPECT_FALSE(after.contains(QStringLiteral("correct horse")));
     EXPECT_EQ(after.count(QStringLiteral("computer info file present")), 2);
@@ -119,6 +91,29 @@ TEST(StatusAndPassword, FabricatedHomeShowsEveryRootAndPasswordIsTakenOnlyWholeF
     EXPECT_EQ(runVandrel(kSet, QByteArray(1024, 'p') + "\r\n").exitCode, 0);
     EXPECT_EQ(runVandrel(kSet, "caf\xc3\xa9 \xe2\x9c\x93\n").exitCode, 0);
     EXPECT_TRUE(passwordStatus().startsWith(QStringLiteral("A computer password is set")));
+
+    ASSERT_EQ(runVandrel({QStringLiteral("index"), QStringLiteral("rebuild")}).exitCode, 0);
+    EXPECT_TRUE(
+        runVandrel(indexStatus)
+            .out.contains(QStringLiteral("indexing:       done (2 folders, 2 files, text of 2 files)")));
+
+    // What an agent indexing in another process leaves in the store is read back.
+    const std::tuple<QStringList, const char *, QString> progress[] = {
+        {status,
+         R"({"crawling":true,"folders":10,"files":200,"folders_waiting":5,"contents":0,"contents_waiting":0,)"
+         R"("seconds_left":150})",
+         QStringLiteral(
+             "Index:           reading names: 10 folders and 200 files read, 5 folders waiting (at "
+             "least 3 min more); contents next")},
+        {indexStatus,
+         R"({"crawling":false,"folders":2,"files":2,"folders_waiting":0,"contents":1,"contents_waiting":7,)"
+         R"("seconds_left":-1})",
+         QStringLiteral("names done (2 folders, 2 files); reading contents: 1 files read, 7 waiting\n")}};
+    for (const auto &[command, json, expected] : progress) {
+        IndexStore::open(MetadataConfig::defaultStorePath())
+            ->setMeta(QStringLiteral("progress"), QString::fromLatin1(json));
+        EXPECT_TRUE(runVandrel(command).out.contains(expected)) << json;
+    }
 }
 
 // With no pretty name and an empty host name the computer is called what the WebApp expects.

@@ -46,41 +46,11 @@ protected:
         QDir().mkpath(tree());
     }
 
-    void TearDown() override
-    {
-        m_agent.terminate();
-        if (!m_agent.waitForFinished(30000))
-            m_agent.kill();
-    }
-
     QString tree() const { return m_home.filePath(QStringLiteral("tree")); }
     VandrelRun vandrel(const QStringList &args) const { return runVandrel(args, {}, m_environment, tree()); }
 
-    // Runs `open` until the agent prints the expected path (its index may still be catching up with the
-    // moves).
-    bool agentReveals(const QString &path, const std::function<VandrelRun()> &open)
-    {
-        const qsizetype before = m_agentOut.count(path + u'\n');
-        const auto revealed = [&] {
-            m_agentOut += QString::fromUtf8(m_agent.readAllStandardOutput());
-            return m_agentOut.count(path + u'\n') > before;
-        };
-        for (int attempt = 0; attempt < 20; ++attempt) {
-            const VandrelRun run = open();
-            if (run.exitCode != 0) {
-                ADD_FAILURE() << run.err.toStdString();
-                return false;
-            }
-            if (QTest::qWaitFor(revealed, 3000))
-                return true;
-        }
-        return false;
-    }
-
     TempHome m_home;
     QProcessEnvironment m_environment = QProcessEnvironment::systemEnvironment();
-    QProcess m_agent;
-    QString m_agentOut;
 };
 
 } // namespace
@@ -150,8 +120,9 @@ TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunning
 {
     const QString original =
         m_home.writeFile(QStringLiteral("tree/Users/ann/Documents/plan.odt"), "the plan");
-    m_agent.setProcessEnvironment(m_environment);
-    m_agent.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("--headless")});
+    QProcess agent; // killed when the test ends
+    agent.setProcessEnvironment(m_environment);
+    agent.start(QStringLiteral(VANDREL_BINARY), {QStringLiteral("--headless")});
     const QString socketPath = m_home.filePath(QStringLiteral(".run/vandrel.socket"));
     ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(socketPath); }, 30000));
 
@@ -204,8 +175,22 @@ TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunning
     endless.waitForBytesWritten(30000);
     EXPECT_TRUE(endless.state() == QLocalSocket::UnconnectedState || endless.waitForDisconnected(30000));
 
+    // The agent prints what it reveals. Its index may still be catching up with the move, so the link is
+    // opened again until it does.
     const QString schemeUrl = QStringLiteral("qlk://") + link.mid(kService.size() + 1);
-    EXPECT_TRUE(agentReveals(moved, [&] { return onDesktop(QStringLiteral("xdg-open"), {schemeUrl}); }));
+    QString agentOut;
+    bool revealed = false;
+    for (int attempt = 0; attempt < 20 && !revealed; ++attempt) {
+        const VandrelRun run = onDesktop(QStringLiteral("xdg-open"), {schemeUrl});
+        ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+        revealed = QTest::qWaitFor(
+            [&] {
+                agentOut += QString::fromUtf8(agent.readAllStandardOutput());
+                return agentOut.contains(moved + u'\n');
+            },
+            3000);
+    }
+    EXPECT_TRUE(revealed) << agentOut.toStdString();
 }
 
 #include "FileLinkCommandsTest.moc"
