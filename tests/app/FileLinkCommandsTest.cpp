@@ -132,7 +132,6 @@ TEST_F(FileLinkCommandsTest, LaterCommandsAndTheDesktopHandTheirWorkToTheRunning
     const QString moved = tree() + QStringLiteral("/Archive/2026/plan.odt");
     QDir().mkpath(QFileInfo(moved).absolutePath());
     ASSERT_TRUE(QFile::rename(original, moved));
-    m_home.writeFile(QStringLiteral("tree/Users/ann/Documents/plan.odt"), "the PLAN");
 
     // The desktop's way in: xdg-open of a link-scheme URL finds our .desktop file and runs `vandrel open`.
     const QString applications = m_home.filePath(QStringLiteral(".local/share/applications"));

@@ -33,7 +33,7 @@ QString entry(const QString &exec, const QString &extra = {})
 
 } // namespace
 
-TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchRemovalIsPermanentAndOddPathsSurviveQuoting)
+TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchOddPathsSurviveQuotingAndRemovalTakesEveryEntryOfOursForGood)
 {
     TempHome home;
     const QString program = installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel"));
@@ -67,12 +67,8 @@ TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchRemovalIsPermanentAndOddPathsSurviveQ
     EXPECT_TRUE(blocked.addEntry(program, {}).isEmpty());
     // No program path: nothing to start, so no entry.
     EXPECT_TRUE(list.addEntry(QString(), {}).isEmpty());
-}
 
-TEST(OpenAtLogin, ToggleOffRemovesEveryEntryOfOursAndNothingElse)
-{
-    TempHome home;
-    const QString program = installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel"));
+    // Toggled off, every entry of ours goes and nothing else does.
     installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel-relay"));
     const QString link = home.filePath(QStringLiteral("bin/vandrel-link"));
     QDir().mkpath(home.filePath(QStringLiteral("bin")));
@@ -96,7 +92,6 @@ TEST(OpenAtLogin, ToggleOffRemovesEveryEntryOfOursAndNothingElse)
         {"huge.desktop", entry(program).toUtf8() + QByteArray(200 * 1024, 'x')}};
     for (const auto &[name, content] : files)
         home.writeFile(dir + QLatin1String(name), content);
-    const Autostart list;
     const qsizetype before = entries(list).size();
 
     EXPECT_TRUE(DPOpenAtLogin::openAtLoginEnabled(list, program));
