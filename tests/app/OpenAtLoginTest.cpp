@@ -33,41 +33,42 @@ QString entry(const QString &exec, const QString &extra = {})
 
 } // namespace
 
-TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchAndRemovalIsPermanent)
+TEST(OpenAtLogin, AddedOnceOnTheFirstLaunchOddPathsSurviveQuotingAndRemovalTakesEveryEntryOfOursForGood)
 {
     TempHome home;
     const QString program = installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel"));
     const Autostart list;
-    EXPECT_EQ(list.folder(), home.filePath(QStringLiteral(".config/autostart")));
-    EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(list, program));
-
     AgentLifecycle::enableOpenAtLoginOnInitialLaunch(list, program);
-    EXPECT_TRUE(DPOpenAtLogin::openAtLoginEnabled(list, program));
-    EXPECT_TRUE(UserDefaults::boolValue(SettingsKeys::CheckedEnableOpenAtLoginOnInitialLaunch));
     EXPECT_EQ(entries(list), QStringList{QStringLiteral("vandrel.desktop")});
-    EXPECT_EQ(Autostart::resolvedProgram(list.folder() + QStringLiteral("/vandrel.desktop")), program);
 
     // The user turns it off; later launches never bring it back.
     DPOpenAtLogin::toggleLoginItem(list, program);
-    EXPECT_TRUE(entries(list).isEmpty());
     for (int launch = 0; launch < 2; ++launch)
         AgentLifecycle::enableOpenAtLoginOnInitialLaunch(list, program);
-    EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(list, program));
     EXPECT_TRUE(entries(list).isEmpty());
 
-    // An entry present before the first launch is kept as it is, and none is added beside it.
-    TempHome second;
-    const QString again = installProgram(second, QStringLiteral("bin/vandrel"));
-    const Autostart secondList;
-    second.writeFile(QStringLiteral(".config/autostart/mine.desktop"), entry(again).toUtf8());
-    AgentLifecycle::enableOpenAtLoginOnInitialLaunch(secondList, again);
-    EXPECT_EQ(entries(secondList), QStringList{QStringLiteral("mine.desktop")});
-}
+    // On another first launch, an entry present before it is kept as it is, and none is added beside it.
+    UserDefaults::remove(SettingsKeys::CheckedEnableOpenAtLoginOnInitialLaunch);
+    const Autostart preset(home.filePath(QStringLiteral("preset")));
+    home.writeFile(QStringLiteral("preset/mine.desktop"), entry(program).toUtf8());
+    AgentLifecycle::enableOpenAtLoginOnInitialLaunch(preset, program);
+    EXPECT_EQ(entries(preset), QStringList{QStringLiteral("mine.desktop")});
 
-TEST(OpenAtLogin, ToggleOffRemovesEveryEntryOfOursAndNothingElse)
-{
-    TempHome home;
-    const QString program = installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel"));
+    // A program path that needs quoting comes back whole.
+    const QString odd = installProgram(home, QStringLiteral("odd \"dir\" $HOME `x` back\\slash;&/vandrel"));
+    const QString written = list.addEntry(odd, {QStringLiteral("--flag with space")});
+    ASSERT_FALSE(written.isEmpty());
+    EXPECT_EQ(Autostart::resolvedProgram(written), odd);
+
+    // The autostart "folder" is a file: the list cannot be opened, nothing is written.
+    home.writeFile(QStringLiteral("blocked"), "not a folder");
+    const Autostart blocked(home.filePath(QStringLiteral("blocked/autostart")));
+    EXPECT_FALSE(blocked.open());
+    EXPECT_TRUE(blocked.addEntry(program, {}).isEmpty());
+    // No program path: nothing to start, so no entry.
+    EXPECT_TRUE(list.addEntry(QString(), {}).isEmpty());
+
+    // Toggled off, every entry of ours goes and nothing else does.
     installProgram(home, QStringLiteral("opt/vandrel/bin/vandrel-relay"));
     const QString link = home.filePath(QStringLiteral("bin/vandrel-link"));
     QDir().mkpath(home.filePath(QStringLiteral("bin")));
@@ -91,7 +92,6 @@ TEST(OpenAtLogin, ToggleOffRemovesEveryEntryOfOursAndNothingElse)
         {"huge.desktop", entry(program).toUtf8() + QByteArray(200 * 1024, 'x')}};
     for (const auto &[name, content] : files)
         home.writeFile(dir + QLatin1String(name), content);
-    const Autostart list;
     const qsizetype before = entries(list).size();
 
     EXPECT_TRUE(DPOpenAtLogin::openAtLoginEnabled(list, program));
@@ -110,27 +110,4 @@ TEST(OpenAtLogin, ToggleOffRemovesEveryEntryOfOursAndNothingElse)
     EXPECT_TRUE(DPOpenAtLogin::openAtLoginEnabled(list, program));
     EXPECT_TRUE(entries(list).contains(QStringLiteral("vandrel-2.desktop"))); // the foreign file was kept
     EXPECT_EQ(Autostart::resolvedProgram(home.filePath(dir + QStringLiteral("vandrel.desktop"))), other);
-}
-
-TEST(OpenAtLogin, OddProgramPathsSurviveQuotingAndAnUnopenableListChangesNothing)
-{
-    TempHome home;
-    const QString program =
-        installProgram(home, QStringLiteral("odd \"dir\" $HOME `x` back\\slash;&/vandrel"));
-    const Autostart list;
-    const QString written = list.addEntry(program, {QStringLiteral("--flag with space")});
-    ASSERT_FALSE(written.isEmpty());
-    EXPECT_EQ(Autostart::resolvedProgram(written), program);
-    EXPECT_TRUE(list.hasEntryFor(program));
-    EXPECT_FALSE(list.hasEntryFor(home.filePath(QStringLiteral("odd")) + QStringLiteral("x")));
-
-    // The autostart "folder" is a file: the list cannot be opened, the toggle does nothing.
-    home.writeFile(QStringLiteral("blocked"), "not a folder");
-    const Autostart blocked(home.filePath(QStringLiteral("blocked/autostart")));
-    EXPECT_FALSE(blocked.open());
-    DPOpenAtLogin::toggleLoginItem(blocked, program);
-    EXPECT_FALSE(DPOpenAtLogin::openAtLoginEnabled(blocked, program));
-    EXPECT_TRUE(blocked.addEntry(program, {}).isEmpty());
-    // No program path: nothing to start, so no entry.
-    EXPECT_TRUE(list.addEntry(QString(), {}).isEmpty());
 }
