@@ -30,8 +30,6 @@
 
 namespace {
 
-vd_AppDelegate *s_shared = nullptr;
-
 // How long a file manager may take to answer the reveal request before the parent folder is opened.
 constexpr int kRevealTimeoutMs = 3000;
 
@@ -85,18 +83,11 @@ vd_AppDelegate::vd_AppDelegate(AgentEngine *engine, Options options)
 
 vd_AppDelegate::~vd_AppDelegate()
 {
-    if (s_shared == this)
-        s_shared = nullptr;
     delete m_preferencesController;
     delete m_dropboxNotRunningPanel;
     delete m_statusItem;
     delete m_statusMenu;
     delete m_window;
-}
-
-vd_AppDelegate *vd_AppDelegate::shared()
-{
-    return s_shared;
 }
 
 QMenu *vd_AppDelegate::buildMenu(QWidget *parent)
@@ -125,7 +116,6 @@ void vd_AppDelegate::applicationDidFinishLaunching()
     // Installed by the package, the program has its menu entry and link handler; run from where it was
     // built or unpacked, it makes them for the user.
     ApplicationEntry::installForUser(m_options.programPath);
-    s_shared = this;
     vd_FileUtils::resetVandrelFolderCache();
     // "KPRunInDock" answers false until stored: its default lives in the settings table.
     transformApp();

@@ -35,9 +35,6 @@ public:
     vd_AppDelegate(AgentEngine *engine, Options options);
     ~vd_AppDelegate() override;
 
-    // The delegate of the running application, once start-up has begun.
-    static vd_AppDelegate *shared();
-
     // The start-up sequence, in order; everything after the welcome pause runs from a timer.
     void applicationDidFinishLaunching();
 
