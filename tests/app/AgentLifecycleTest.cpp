@@ -199,10 +199,9 @@ TEST(Faces, HeadlessAndDesktopShareTheLaunchSequence)
     // and the autostart entry that starts this very program.
     const QString desktop = runUntilLogged(home, {}, welcome);
     EXPECT_TRUE(desktop.contains(QStringLiteral("no system tray is available"))) << desktop.toStdString();
-    QFile entry(home.filePath(QStringLiteral(".config/autostart/vandrel.desktop")));
-    ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
-    EXPECT_TRUE(entry.readAll().contains(
-        "\nExec=" + QFileInfo(QStringLiteral(VANDREL_BINARY)).canonicalFilePath().toUtf8() + "\n"));
+    EXPECT_TRUE(readFile(home.filePath(QStringLiteral(".config/autostart/vandrel.desktop")))
+                    .contains("\nExec=" +
+                              QFileInfo(QStringLiteral(VANDREL_BINARY)).canonicalFilePath().toUtf8() + "\n"));
 
     settings.sync();
     EXPECT_EQ(settings.value(QStringLiteral("vn_launch_count")).toInt(), 2);

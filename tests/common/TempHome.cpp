@@ -35,6 +35,12 @@ void TempHome::setEnvironment(const char *name, const QByteArray &value)
     qputenv(name, value);
 }
 
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 QString TempHome::writeFile(const QString &relative, const QByteArray &content) const
 {
     const QString full = filePath(relative);

@@ -30,3 +30,6 @@ private:
     QTemporaryDir m_dir;
     std::map<QByteArray, std::pair<bool, QByteArray>> m_saved;
 };
+
+// The whole content of a file; empty when it cannot be read.
+QByteArray readFile(const QString &path);

@@ -135,14 +135,10 @@ TEST(DesktopFace, StartsInTheWindowWithoutATrayShowsTheStatusAndTakesDroppedFile
 
     // Run from where it was built, the program adds itself to the user's application menu as the handler
     // of its links.
-    QFile entry(desktop.home.filePath(QStringLiteral(".local/share/applications/vandrel.desktop")));
-    ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
-    const QByteArray entryText = entry.readAll();
-    EXPECT_TRUE(entryText.contains("\nExec=" + QFile::encodeName(desktop.program) + " %F\n"));
-    QFile linkEntry(
-        desktop.home.filePath(QStringLiteral(".local/share/applications/vandrel-link-handler.desktop")));
-    ASSERT_TRUE(linkEntry.open(QIODevice::ReadOnly));
-    const QByteArray linkEntryText = linkEntry.readAll();
+    const QString applications = desktop.home.filePath(QStringLiteral(".local/share/applications/"));
+    EXPECT_TRUE(readFile(applications + QStringLiteral("vandrel.desktop"))
+                    .contains("\nExec=" + QFile::encodeName(desktop.program) + " %F\n"));
+    const QByteArray linkEntryText = readFile(applications + QStringLiteral("vandrel-link-handler.desktop"));
     EXPECT_TRUE(linkEntryText.contains("\nExec=" + QFile::encodeName(desktop.program) + " open %u\n"));
     EXPECT_TRUE(linkEntryText.contains("\nMimeType=x-scheme-handler/qlk;\n"));
 

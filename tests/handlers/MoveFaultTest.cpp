@@ -28,9 +28,7 @@ std::map<QString, QByteArray> snapshot(const QString &item)
 {
     std::map<QString, QByteArray> files;
     const auto add = [&](const QString &path) {
-        QFile file(path);
-        file.open(QIODevice::ReadOnly);
-        files[path.mid(item.size())] = QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256);
+        files[path.mid(item.size())] = QCryptographicHash::hash(readFile(path), QCryptographicHash::Sha256);
     };
     if (QFileInfo(item).isFile())
         add(item);

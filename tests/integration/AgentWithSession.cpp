@@ -120,8 +120,7 @@ qint64 AgentProcess::residentKb() const
 
 QString AgentProcess::log() const
 {
-    QFile file(m_logPath);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(readFile(m_logPath));
 }
 
 void AgentWithSession::SetUp()

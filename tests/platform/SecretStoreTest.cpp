@@ -182,15 +182,12 @@ TEST(SecretStore, FileStoreIsPrivateAndRefusesFilesOthersCanRead)
 
     ASSERT_EQ(store.write(kService, kService, kAccount, "kept").status, SecretStore::Success);
     ASSERT_EQ(::chmod(QFile::encodeName(path).constData(), 0644), 0);
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    const QByteArray before = file.readAll();
-    file.close();
+    const QByteArray before = readFile(path);
+    ASSERT_FALSE(before.isEmpty());
     QByteArray secret;
     EXPECT_EQ(store.read(kService, kAccount, &secret).status, SecretStore::StoreFailed);
     EXPECT_EQ(store.write(kService, kService, kAccount, "new").status, SecretStore::StoreFailed);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_EQ(file.readAll(), before); // refused, never replaced
+    EXPECT_EQ(readFile(path), before); // refused, never replaced
 }
 
 TEST(SecretStore, RealGnomeKeyringRoundTripAndLockedKeyring)

@@ -95,6 +95,5 @@ TEST(Trash, AnItemWhoseRestoreRecordCannotBeWrittenStaysWhereItWas)
     filler.close();
 
     EXPECT_EQ(Trash::moveToTrash(item), QString());
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_EQ(file.readAll(), record);
+    EXPECT_EQ(readFile(item), record);
 }

@@ -1,5 +1,6 @@
 #include "RunningRelay.h"
 #include "common/LogCapture.h"
+#include "common/TempHome.h"
 #include "links/qlk_Schema.h"
 #include "support/Encodings.h"
 
@@ -24,12 +25,6 @@ void writeFile(const QString &path, const QByteArray &content)
     QFile file(path);
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
     file.write(content);
-}
-
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 double dateIn(const QString &path)

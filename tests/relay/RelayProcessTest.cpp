@@ -1,4 +1,5 @@
 #include "RunningRelay.h"
+#include "common/TempHome.h"
 
 #include <QDir>
 #include <QFile>
@@ -49,11 +50,10 @@ TEST(RelayProcess, MakesAPrivateTokenPrintsTheAddressAndCleansUpOnSignal)
     RelayProcess relay(base + QStringList{u"--cloud-folder"_s, cloud, u"--web-root"_s, dir.path()});
     ASSERT_NE(relay.port, 0) << relay.line.toStdString()
                              << relay.process.readAllStandardError().toStdString();
-    QFile tokenFile(state + u"/access_token"_s);
-    ASSERT_TRUE(tokenFile.open(QIODevice::ReadOnly));
-    EXPECT_EQ(tokenFile.readAll().trimmed(), relay.token);
-    EXPECT_EQ(tokenFile.permissions(), QFileDevice::ReadOwner | QFileDevice::WriteOwner |
-                                           QFileDevice::ReadUser | QFileDevice::WriteUser);
+    EXPECT_EQ(readFile(state + u"/access_token"_s).trimmed(), relay.token);
+    EXPECT_EQ(QFile::permissions(state + u"/access_token"_s),
+              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadUser |
+                  QFileDevice::WriteUser);
 
     RelayClient browser(relay.port);
     ASSERT_EQ(browser.login(relay.token).status, 200);

@@ -42,9 +42,7 @@ TEST(FileUtils, TolerantReaderLogsOnlyForTextThatIsNotAnObjectAndWriterReplacesW
     QJsonObject record{{QStringLiteral("computer_name"), QStringLiteral("Zoë")}, {QStringLiteral("n"), 3}};
     vd_FileUtils::writeJsonFile(record, path);
     EXPECT_EQ(vd_FileUtils::readJsonFileMutableDictionary(path), record);
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_TRUE(file.readAll().contains("\n    \"n\": 3"));
+    EXPECT_TRUE(readFile(path).contains("\n    \"n\": 3"));
     vd_FileUtils::writeJsonFile(QJsonValue(5), path);
     EXPECT_EQ(vd_FileUtils::readJsonFileMutableDictionary(path), record);
     EXPECT_EQ(QDir(home.path()).entryList(QDir::Files),
