@@ -12,12 +12,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
-
 // A copy or move request from the StorageRoot, to its default folder unless a destination is given.
 QJsonObject request(const QString &root, const QString &path, const QString &destination = {})
 {
@@ -48,11 +42,11 @@ TEST(TransferRules, FreeNamesForMovesOldVersionsForCopiesAndSourceChecksInOrder)
     home.writeFile(u"dst/Makefile"_s, "all: old");
     EXPECT_TRUE(TransferHandler::handleOldVersionsAtDestination(destination, source));
     EXPECT_FALSE(QFile::exists(destination));
-    EXPECT_EQ(contentOf(home.filePath(u"dst/Makefile V1"_s)), QByteArray("all: old"));
+    EXPECT_EQ(readFile(home.filePath(u"dst/Makefile V1"_s)), QByteArray("all: old"));
     home.writeFile(u"dst/report.pdf"_s, "v0");
     home.writeFile(u"dst/report V1.pdf"_s, "v1");
     EXPECT_TRUE(TransferHandler::handleOldVersionsAtDestination(home.filePath(u"dst/report.pdf"_s), source));
-    EXPECT_EQ(contentOf(home.filePath(u"dst/report V2.pdf"_s)), QByteArray("v0"));
+    EXPECT_EQ(readFile(home.filePath(u"dst/report V2.pdf"_s)), QByteArray("v0"));
     EXPECT_TRUE(TransferHandler::handleOldVersionsAtDestination(home.filePath(u"dst/none"_s), source));
 
     // The rules for what may leave the Dropbox folder, first match wins.
@@ -96,8 +90,8 @@ TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
     box.writeFile(u"Documents/a.txt"_s, "second");
     QJsonObject changed = request(box.root(), source);
     TransferHandler::handleCopyToDropboxRequest(changed);
-    EXPECT_EQ(contentOf(uploads.filePath(u"a.txt"_s)), QByteArray("second"));
-    EXPECT_EQ(contentOf(uploads.filePath(u"a V1.txt"_s)), QByteArray("first"));
+    EXPECT_EQ(readFile(uploads.filePath(u"a.txt"_s)), QByteArray("second"));
+    EXPECT_EQ(readFile(uploads.filePath(u"a V1.txt"_s)), QByteArray("first"));
 
     // A folder comes with its contents, and a link inside it stays a link to the same target.
     box.writeFile(u"Project/src/main.c"_s, "int main;");
@@ -105,7 +99,7 @@ TEST(TransferRequest, CopiesKeepOldVersionsAndReportTheClippedPath)
     QDir(box.path()).mkpath(u"Out"_s);
     QJsonObject folder = request(box.root(), box.filePath(u"Project/"_s), box.filePath(u"Out"_s));
     TransferHandler::handleCopyToDropboxRequest(folder);
-    EXPECT_EQ(contentOf(box.filePath(u"Out/Project/src/main.c"_s)), QByteArray("int main;"));
+    EXPECT_EQ(readFile(box.filePath(u"Out/Project/src/main.c"_s)), QByteArray("int main;"));
     EXPECT_EQ(QFileInfo(box.filePath(u"Out/Project/host"_s)).symLinkTarget(), u"/etc/hostname"_s);
     EXPECT_EQ(folder.value(u"matching_path_clipped"_s).toString(), box.filePath(u"Out/Project"_s));
 
@@ -138,13 +132,13 @@ TEST(TransferRequest, MovesOutOfCloudFoldersNeverReplaceTakeNothingOutsideAndKee
     QJsonObject move = request(box.root(), inUploads, target);
     TransferHandler::handleMoveFromDropboxRequest(move);
     EXPECT_EQ(move.value(u"message"_s).toString(), u"Moved out of Dropbox"_s);
-    EXPECT_EQ(contentOf(target + u"/a (1).txt"_s), QByteArray("payload"));
-    EXPECT_EQ(contentOf(target + u"/a.txt"_s), QByteArray("existing"));
+    EXPECT_EQ(readFile(target + u"/a (1).txt"_s), QByteArray("payload"));
+    EXPECT_EQ(readFile(target + u"/a.txt"_s), QByteArray("existing"));
     EXPECT_FALSE(QFile::exists(inUploads));
 
     QJsonObject toDownloads = request(box.root(), box.writeFile(u"Dropbox/Photos/p.jpg"_s, "jpeg"));
     TransferHandler::handleMoveFromDropboxRequest(toDownloads);
-    EXPECT_EQ(contentOf(vd_FileUtils::getDefaultMoveFromFolder() + u"/p.jpg"_s), QByteArray("jpeg"));
+    EXPECT_EQ(readFile(vd_FileUtils::getDefaultMoveFromFolder() + u"/p.jpg"_s), QByteArray("jpeg"));
 
     const QString stays = box.writeFile(u"Dropbox/c.txt"_s, "c");
     QJsonObject noFolder = request(box.root(), stays, box.filePath(u"nowhere"_s));

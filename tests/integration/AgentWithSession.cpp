@@ -108,10 +108,10 @@ int AgentProcess::stop(int signal)
 
 qint64 AgentProcess::residentKb() const
 {
-    QFile status(QStringLiteral("/proc/%1/status").arg(m_process.processId()));
-    if (!running() || !status.open(QIODevice::ReadOnly))
+    if (!running())
         return 0;
-    for (const QByteArray &line : status.readAll().split('\n')) {
+    for (const QByteArray &line :
+         readFile(QStringLiteral("/proc/%1/status").arg(m_process.processId())).split('\n')) {
         if (line.startsWith("VmRSS:"))
             return line.mid(6).trimmed().split(' ').value(0).toLongLong();
     }
