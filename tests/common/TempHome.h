@@ -33,3 +33,5 @@ private:
 
 // The whole content of a file; empty when it cannot be read.
 QByteArray readFile(const QString &path);
+// Writes bytes to a file, creating its parent folders.
+void writeFile(const QString &path, const QByteArray &content);

@@ -19,14 +19,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-void writeFile(const QString &path, const QByteArray &content)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(content);
-}
-
 double dateIn(const QString &path)
 {
     return QJsonDocument::fromJson(readFile(path)).object().value(u"date"_s).toDouble();
@@ -342,9 +334,9 @@ TEST(RelayBrowser, SessionFilesNeverFollowALinkPlantedInTheCloudFolder)
         });
         auto browser = relay.browser();
         const QString id = browser->openSession();
-        const QString sessionFile = relay.storageRoot() + u"/data.vdldata/sessions/%1.json"_s;
+        const QString sessionFile = relay.storageRoot() + u"/data.vdldata/sessions/%1.json"_s.arg(id);
         if (planted.isEmpty()) {
-            ASSERT_TRUE(QFile::remove(sessionFile.arg(id)) && QFile::link(target, sessionFile.arg(id)));
+            ASSERT_TRUE(QFile::remove(sessionFile) && QFile::link(target, sessionFile));
         }
         for (const std::string what : {"/alive", "/close"})
             EXPECT_EQ(browser->post("/api/session/" + id.toStdString() + what, {}).status, 200);

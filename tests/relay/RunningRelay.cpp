@@ -1,9 +1,9 @@
 #include "RunningRelay.h"
 
+#include "common/TempHome.h"
 #include "support/Encodings.h"
 
 #include <QDir>
-#include <QFile>
 #include <QUrl>
 
 #include <gtest/gtest.h>
@@ -111,10 +111,7 @@ RunningRelay::RunningRelay(const std::function<void(RelayConfig &)> &adjust)
     : m_token("relay-test-token-0123456789abcdefghijklmnop")
 {
     QDir(m_dir.path()).mkpath(u"cloud"_s);
-    QDir(m_dir.path()).mkpath(u"web"_s);
-    QFile page(m_dir.filePath(u"web/index.html"_s));
-    if (page.open(QIODevice::WriteOnly))
-        page.write("<!doctype html><title>placeholder page</title>");
+    writeFile(path(u"web/index.html"_s), "<!doctype html><title>placeholder page</title>");
     RelayConfig config;
     config.port = 0;
     config.cloudFolders = {path(u"cloud"_s)};
