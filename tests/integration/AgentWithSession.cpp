@@ -1,6 +1,7 @@
 #include "AgentWithSession.h"
 
 #include "common/Envelope.h"
+#include "common/JsonRecord.h"
 #include "platform/SettingsKeys.h"
 #include "platform/UserDefaults.h"
 #include "support/AesCipher.h"
@@ -165,9 +166,7 @@ QJsonObject AgentWithSession::ask(QJsonObject request, bool withHash)
 
 QJsonObject AgentWithSession::searchWith(const QString &proof)
 {
-    return ask(QJsonObject{{QStringLiteral("request_type"), QStringLiteral("search")},
-                           {QStringLiteral("search_dir"), home.path()},
-                           {QStringLiteral("pword_hash"), proof}},
+    return ask(record({{"request_type", "search"}, {"search_dir", home.path()}, {"pword_hash", proof}}),
                false);
 }
 
@@ -180,10 +179,10 @@ QJsonObject AgentWithSession::sealed(const QJsonObject &inner, const QString &ca
 {
     const QByteArray cipher =
         encryptWithString(QJsonDocument(inner).toJson(QJsonDocument::Compact), m_key).value_or(QByteArray());
-    return {{QStringLiteral("request_type"), QStringLiteral("encrypted")},
-            {QStringLiteral("os_session"), QStringLiteral("web")},
-            {QStringLiteral("cache_key"), cacheKey},
-            {QStringLiteral("encrypted_request"), base64Encoding_URL_SAFE(cipher)}};
+    return record({{"request_type", "encrypted"},
+                   {"os_session", "web"},
+                   {"cache_key", cacheKey},
+                   {"encrypted_request", base64Encoding_URL_SAFE(cipher)}});
 }
 
 std::optional<QByteArray> AgentWithSession::openedResult(const QString &cacheKey)
