@@ -7,8 +7,6 @@
 #include <QThread>
 #include <QTimer>
 
-#include <cstdio>
-#include <cstdlib>
 #include <mutex>
 
 using Request = TestHttpServer::Request;
@@ -225,10 +223,8 @@ TestHttpServer::TestHttpServer(Handler handler)
                 p->port = p->server->serverPort();
         },
         Qt::BlockingQueuedConnection);
-    if (d->port == 0) {
-        std::fprintf(stderr, "TestHttpServer: cannot listen on 127.0.0.1\n");
-        std::abort();
-    }
+    if (d->port == 0)
+        qFatal("TestHttpServer: cannot listen on 127.0.0.1");
 }
 
 TestHttpServer::~TestHttpServer()

@@ -32,7 +32,6 @@ public:
 
     FakeRelay();
 
-    // The next poll is answered with these requests.
     void queueRequests(const QJsonArray &requests);
     // Every poll is answered so until cleared; queued requests wait meanwhile.
     void setMisbehaviour(std::optional<TestHttpServer::Reply> reply);

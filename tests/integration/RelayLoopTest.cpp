@@ -68,7 +68,6 @@ TEST_F(AgentWithTwoRoots, PollsOnlyWhileSessionsExistOncePerSecondPerStorageRoot
         EXPECT_LE(polled, 5);
     }
 
-    // Sessions gone: the traffic stops.
     QDir(root + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
     QDir(drive + QStringLiteral("/data.vdldata/sessions")).removeRecursively();
     QThread::msleep(1500);
@@ -85,7 +84,6 @@ TEST_F(AgentWithTwoRoots, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain
     const qint64 baseline = agent->residentKb();
     TestHttpServer &server = relay.server();
 
-    // A 500 whose body holds requests still runs them.
     relay.setMisbehaviour(Reply::json(
         500,
         R"({"requests":[{"request_type":"search","os_session":"web","search_dir":"root_folders","n":"a"}]})"));
@@ -127,7 +125,6 @@ TEST_F(AgentWithTwoRoots, AHostileRelayLeavesTheAgentAliveBoundedAndPollingAgain
     EXPECT_GE(server.requestCount() - lateStart, 2) << "polling stalled behind silent posts";
     EXPECT_LE(server.openConnections(), 8) << "connections pile up";
 
-    // Recovery: within 2 s the agent polls normally and runs what it gets.
     relay.setMisbehaviour(std::nullopt);
     EXPECT_TRUE(send(record({{"request_type", "search"}, {"search_dir", "root_folders"}}), false, 2s));
     EXPECT_TRUE(agent->log().contains(QStringLiteral("Error status code: 200")));

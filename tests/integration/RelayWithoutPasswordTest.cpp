@@ -49,9 +49,6 @@ TEST_F(AgentWithSession, TheComputerListMarkerOpensOnlyTheComputerList)
     EXPECT_TRUE(QFile::exists(secret));
     EXPECT_FALSE(QFile::exists(home.filePath(QStringLiteral("Moved/secret.txt"))));
     EXPECT_FALSE(QFile::exists(vd_FileUtils::getFileByDatePath(uploads) + QStringLiteral("/secret.txt")));
-    // The computer list itself stays open.
-    const QJsonObject computer = ask(record({{"request_type", "search"}, {"search_dir", open}}), false);
-    EXPECT_EQ(computer.value(QStringLiteral("items")).toArray().size(), 1);
 
     // A genuine encrypted copy; the relay adds clear copies of its parameters beside the ciphertext.
     const QString elsewhere = home.filePath(QStringLiteral("Elsewhere"));
@@ -143,7 +140,6 @@ TEST_F(AgentWithSession, AnUnreadablePasswordKeepsTheComputerClosed)
                   QStringLiteral("auth_pword_failed"));
     EXPECT_TRUE(
         unanswered(record({{"request_type", "info"}, {"path", home.path()}, {"pword_hash", emptyHash}})));
-    // The computer list tells the WebApp a password is needed.
     const QJsonObject computer =
         ask(record({{"request_type", "search"}, {"search_dir", "root_folders"}}), false);
     EXPECT_EQ(computer.value(QStringLiteral("items")).toArray().first()[QStringLiteral("pword_required")],

@@ -77,7 +77,6 @@ TEST(RelayProcess, MakesAPrivateTokenPrintsTheAddressAndCleansUpOnSignal)
     RelayProcess exposed(base);
     ASSERT_TRUE(exposed.finished());
     EXPECT_EQ(exposed.process.exitCode(), 1);
-    EXPECT_EQ(exposed.port, 0);
     EXPECT_TRUE(exposed.process.readAllStandardError().contains("mode 0600"));
 
     RelayProcess badPort({u"--port"_s, u"70000"_s, u"--state-dir"_s, state});

@@ -167,7 +167,6 @@ TEST(RelayQueue, LifetimeExpiryAndLimits)
     waiting.push_back(askLater(*browser, search(3, 1e12)));
     for (int n = 4; n <= 5; ++n)
         waiting.push_back(askLater(*browser, search(n)));
-    // The queue holds three; once it does, a fourth is refused.
     EXPECT_TRUE(QTest::qWaitFor([&] { return relay.waitingCount(kComputer) >= 3; }, 20000));
     const HttpReply refused = browser->ask(kComputer, search(6));
     EXPECT_EQ(refused.status, 429);
