@@ -56,7 +56,7 @@ HttpReply RelayClient::post(const std::string &target, const QJsonObject &body) 
 HttpReply RelayClient::login(const QByteArray &token)
 {
     const HttpReply reply = post("/api/login", {{u"token"_s, QString::fromLatin1(token)}});
-    const QByteArray setCookie = reply.header("set-cookie");
+    const QByteArray setCookie = reply.headers.value("set-cookie");
     if (reply.status == 200 && setCookie.startsWith("vandrel_relay="))
         cookie = setCookie.mid(14, setCookie.indexOf(';') - 14);
     return reply;

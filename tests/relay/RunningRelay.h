@@ -25,7 +25,6 @@ struct HttpReply
 
     QJsonObject json() const { return QJsonDocument::fromJson(body).object(); }
     QString error() const { return json().value(QStringLiteral("error")).toString(); }
-    QByteArray header(const QByteArray &lowerName) const { return headers.value(lowerName); }
 };
 
 // An HTTP client for the relay on 127.0.0.1, one connection per request, which the relay closes after its
