@@ -82,8 +82,7 @@ TEST(RelayQueue, EachRequestGoesToOnePostAndItsResultBack)
             EXPECT_EQ(request.value(u"cache_key"_s).toString(), ticket);
             EXPECT_EQ(request.value(u"encrypted_request"_s).toString(), u"AAAA"_s);
             const QByteArray form =
-                "computer_id=" + kComputer.toUtf8() +
-                "&cache_key=" + request.value(u"cache_key"_s).toString().toUtf8() +
+                "computer_id=" + kComputer.toUtf8() + "&cache_key=" + ticket.toUtf8() +
                 "&lifetime=30&result_encrypted=c2VjcmV0LWJ5dGVz&os_sessions=" +
                 QUrl::toPercentEncoding(QString::fromLatin1(packEnvelope(QJsonDocument(QJsonArray{}))));
             EXPECT_EQ(agentA.postForm("/result_encrypted", form).status, 200);
